@@ -1,0 +1,20 @@
+// Commands whose bodies this build does not have yet: a plain error, never a pretend success.
+#include "app/Commands.h"
+#include "core/Message.h"
+
+namespace Kdisk {
+
+using namespace Corvo::Core;
+
+int commandNotAvailable(const char* switchName) {
+  message(mkError, "The %s command is not available in this build", switchName);
+  return 1;
+}
+
+int commandMbr(SwitchSet&) { return commandNotAvailable("/MBR"); }
+int commandDiskWipe(SwitchSet&) { return commandNotAvailable("/DISKWIPE"); }
+int commandBootIni(SwitchSet&) { return commandNotAvailable("/BOOTINI"); }
+int commandGpt(SwitchSet&) { return commandNotAvailable("/GPT"); }
+int commandRevert(SwitchSet&) { return commandNotAvailable("/REVERT"); }
+
+}  // namespace Kdisk

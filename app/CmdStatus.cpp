@@ -1,0 +1,5 @@
+#include "app/Commands.h"
+
+namespace Kdisk {
+int commandStatus(SwitchSet&) { return commandNotAvailable("/STATUS"); }
+}  // namespace Kdisk

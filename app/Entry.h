@@ -1,0 +1,8 @@
+// Process entry: starts the library, parses the command line, runs it, returns the exit code.
+#pragma once
+#include <string>
+#include <vector>
+
+namespace Kdisk {
+int processEntry(const std::vector<std::string>& args);
+}  // namespace Kdisk

@@ -1,0 +1,37 @@
+// The fixed disk table: one record per disk of the disk manager, with its partition tables
+// read and checked. Disk numbers are 1-based in messages and 0-based here.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/Switches.h"
+#include "core/Error.h"
+#include "disk/PartitionedDisk.h"
+
+namespace Kdisk {
+
+inline constexpr unsigned kMaxFixedDisks = 128;
+inline constexpr uint32_t kNoDisk = 0xFFFFFFFFu;
+
+struct FixedDisk {
+  uint32_t index = 0;                // 0-based
+  Corvo::Disk::DiskDrive* drive = nullptr;
+  std::unique_ptr<Corvo::Disk::PartitionedDisk> layout;  // null when the disk is inaccessible
+  std::optional<Corvo::Core::Error> status;              // empty: opened and read
+  bool ok() const { return !status && layout; }
+};
+
+void buildFixedDiskTable();
+void releaseFixedDiskTable();
+std::vector<FixedDisk*> fixedDisks();
+
+uint32_t parseDiskNumber(const SwitchSet& set);  // 0-based, or kNoDisk after printing why
+FixedDisk* findDisk(uint32_t index);             // prints why when it returns null
+void reportInaccessibleDisks();
+int selectDiskList(const SwitchSet& set, std::vector<uint32_t>& list);
+uint32_t systemDisk();
+
+}  // namespace Kdisk

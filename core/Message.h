@@ -1,0 +1,76 @@
+// The one message function and its replaceable sink. Every console message of the front end
+// and every report of the library goes through here; nothing else prints.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Corvo::Core {
+
+enum MessageKind : unsigned { mkError = 0, mkWarning = 1, mkInformation = 2, mkQuestion = 3, mkQuestionPrompted = 4 };
+
+// How yes/no questions are answered: 0 yes without asking, 1 no without asking, 2 ask.
+using PromptMode = unsigned;
+PromptMode getPromptMode();
+PromptMode setPromptMode(PromptMode mode);  // returns the previous mode
+
+class MessageSink {
+ public:
+  virtual ~MessageSink() = default;
+  // Slot order: error, warning, information, question.
+  virtual void error(const std::string& text) = 0;
+  virtual void warning(const std::string& text) = 0;
+  virtual void information(const std::string& text) = 0;
+  // Returns true for yes. End of input answers no.
+  virtual bool question(const std::string& text) = 0;
+  // Plain output that is not a message (tables, dumps, help texts): standard output as is.
+  virtual void output(const std::string& text) = 0;
+  // Progress of a long operation. done == total marks the end.
+  virtual void progress(const std::string& title, uint64_t done, uint64_t total) = 0;
+  // Reads one key without echo (for paging); returns -1 at end of input.
+  virtual int readKey() = 0;
+  // Reads one line from the console; false at end of input.
+  virtual bool readLine(std::string& line) = 0;
+};
+
+// Console sink: errors and warnings to standard error, information and output to standard
+// output; questions print "text [Y/N]" and read a line.
+std::unique_ptr<MessageSink> makeConsoleSink();
+
+// Replaces the sink; returns the previous one. A null sink restores the console sink.
+std::unique_ptr<MessageSink> setMessageSink(std::unique_ptr<MessageSink> sink);
+MessageSink& messageSink();
+
+// printf-style message. Questions return 1 (yes) or 2 (no); other kinds return 0.
+int message(MessageKind kind, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 2, 3)))
+#endif
+    ;
+// printf-style plain output to the sink's output channel.
+void print(const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 1, 2)))
+#endif
+    ;
+std::string format(const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 1, 2)))
+#endif
+    ;
+
+// Progress display helper: reports through the sink at most a few hundred times.
+class Progress {
+ public:
+  Progress(std::string title, uint64_t total);
+  ~Progress();
+  void advance(uint64_t amount);
+  void complete();
+
+ private:
+  std::string title_;
+  uint64_t total_, done_ = 0, lastReported_ = 0;
+  bool completed_ = false;
+};
+
+}  // namespace Corvo::Core

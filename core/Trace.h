@@ -1,0 +1,29 @@
+// Trace scopes named after library operations, feeding the diagnostic log (/DIAG: and the
+// CLASSLOG start-up switches). When no log is open a scope costs one branch.
+#pragma once
+#include <string>
+
+namespace Corvo::Core {
+
+class DiagnosticLog {
+ public:
+  // Opens (appends to) the log file; false when it cannot be opened. alsoConsole copies each
+  // line to standard error.
+  static bool open(const std::string& path, bool alsoConsole = false);
+  static void close();
+  static bool isOpen();
+  static void write(const std::string& line);
+};
+
+class TraceScope {
+ public:
+  explicit TraceScope(const char* name);
+  ~TraceScope();
+  TraceScope(const TraceScope&) = delete;
+  TraceScope& operator=(const TraceScope&) = delete;
+
+ private:
+  const char* name_;
+};
+
+}  // namespace Corvo::Core

@@ -1,0 +1,64 @@
+#include "disk/BlockDevice.h"
+
+#include <algorithm>
+#include <string>
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+void BlockDevice::checkRange(uint64_t first, uint64_t count, const char* what) const {
+  uint64_t total = blockCount();
+  if (first > total || count > total - first)
+    throw Error(ErrorId::OutOfRange, std::string("Attempt to ") + what + " sectors outside the device")
+        .with("first", std::to_string(first))
+        .with("count", std::to_string(count))
+        .with("blockCount", std::to_string(total));
+}
+
+void BlockDevice::read(uint64_t first, uint64_t count, void* buffer) {
+  checkRange(first, count, "read");
+  if (count) doRead(first, count, buffer);
+}
+
+void BlockDevice::write(uint64_t first, uint64_t count, const void* buffer) {
+  checkRange(first, count, "write");
+  if (count) doWrite(first, count, buffer);
+}
+
+void BlockDevice::verify(uint64_t first, uint64_t count) {
+  checkRange(first, count, "verify");
+  if (count) doVerify(first, count);
+}
+
+void BlockDevice::doVerify(uint64_t first, uint64_t count) {
+  uint64_t chunk = std::max<uint32_t>(1, preferredTransferBlocks());
+  std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
+  while (count) {
+    uint64_t n = std::min(chunk, count);
+    try {
+      doRead(first, n, scratch.data());
+    } catch (const Error& e) {
+      throw Error(ErrorId::VerifyFailed, e.text()).with("first", std::to_string(first)).with("count", std::to_string(n));
+    }
+    first += n;
+    count -= n;
+  }
+}
+
+RangeBlockDevice::RangeBlockDevice(BlockDevice& parent, uint64_t first, uint64_t count)
+    : parent_(parent), first_(first), count_(count) {
+  if (first > parent.blockCount() || count > parent.blockCount() - first)
+    throw Error(ErrorId::OutOfRange, "Partition range lies outside the disk")
+        .with("first", std::to_string(first))
+        .with("count", std::to_string(count));
+}
+
+void RangeBlockDevice::doRead(uint64_t first, uint64_t count, void* buffer) { parent_.read(first_ + first, count, buffer); }
+void RangeBlockDevice::doWrite(uint64_t first, uint64_t count, const void* buffer) {
+  parent_.write(first_ + first, count, buffer);
+}
+void RangeBlockDevice::doVerify(uint64_t first, uint64_t count) { parent_.verify(first_ + first, count); }
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,65 @@
+// Block devices: a disk, a partition (a range of a disk), an image. Sectors are 512 bytes.
+// Every access outside the device is refused with an error object, never performed.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core/Error.h"
+
+namespace Corvo::Disk {
+
+inline constexpr uint32_t kSectorSize = 512;
+// Preferred transfer length: at least 1 MiB (2048 sectors).
+inline constexpr uint32_t kDefaultTransferBlocks = 2048;
+
+class BlockDevice {
+ public:
+  virtual ~BlockDevice() = default;
+
+  virtual uint64_t blockCount() const = 0;
+  virtual uint32_t bytesPerBlock() const { return kSectorSize; }
+  // Sectors moved by one transfer of the preferred length (reads, writes, wipes, verify).
+  virtual uint32_t preferredTransferBlocks() const { return kDefaultTransferBlocks; }
+  // Media descriptor byte for FAT: 0xF8 for a fixed disk.
+  virtual uint8_t mediaByte() const { return 0xF8; }
+
+  // Multi-sector transfers. Throw Core::Error (OutOfRange, ReadFailed, WriteFailed, ...).
+  void read(uint64_t first, uint64_t count, void* buffer);
+  void write(uint64_t first, uint64_t count, const void* buffer);
+  // Checks that the sectors can be read back; writes nothing. Throws VerifyFailed.
+  void verify(uint64_t first, uint64_t count);
+  virtual void flush() {}
+
+ protected:
+  // Implementations receive only ranges that lie inside the device.
+  virtual void doRead(uint64_t first, uint64_t count, void* buffer) = 0;
+  virtual void doWrite(uint64_t first, uint64_t count, const void* buffer) = 0;
+  // Default: reads the range in preferred-length transfers into a scratch buffer.
+  virtual void doVerify(uint64_t first, uint64_t count);
+
+ private:
+  void checkRange(uint64_t first, uint64_t count, const char* what) const;
+};
+
+// A window of another device: sector 0 here is sector `first` there.
+class RangeBlockDevice : public BlockDevice {
+ public:
+  RangeBlockDevice(BlockDevice& parent, uint64_t first, uint64_t count);
+  uint64_t blockCount() const override { return count_; }
+  uint32_t preferredTransferBlocks() const override { return parent_.preferredTransferBlocks(); }
+  uint8_t mediaByte() const override { return parent_.mediaByte(); }
+  void flush() override { parent_.flush(); }
+  uint64_t firstBlock() const { return first_; }
+
+ protected:
+  void doRead(uint64_t first, uint64_t count, void* buffer) override;
+  void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
+  void doVerify(uint64_t first, uint64_t count) override;
+
+ private:
+  BlockDevice& parent_;
+  uint64_t first_, count_;
+};
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,129 @@
+#include "disk/DiskDrive.h"
+
+#include <algorithm>
+
+#include "core/Config.h"
+#include "core/Trace.h"
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+void DiskDriveAccess::verify(uint64_t first, uint64_t count) {
+  const uint64_t chunk = kDefaultTransferBlocks;
+  std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
+  while (count) {
+    uint64_t n = std::min(chunk, count);
+    read(first, n, scratch.data());
+    first += n;
+    count -= n;
+  }
+}
+
+DiskDrive::DiskDrive(uint32_t numericId, std::unique_ptr<DiskDriveAccess> access)
+    : id_(numericId), access_(std::move(access)) {
+  Core::TraceScope scope("getGeometry");
+  geometry_ = access_->getGeometry();
+  blocks_ = access_->totalBlocks();
+  if (geometry_.heads == 0 || geometry_.sectorsPerTrack == 0) {
+    geometry_.heads = 255;
+    geometry_.sectorsPerTrack = 63;
+  }
+  if (geometry_.cylinders == 0) geometry_.cylinders = blocks_ / (uint64_t{geometry_.heads} * geometry_.sectorsPerTrack);
+}
+
+uint32_t DiskDrive::preferredTransferBlocks() const {
+  int64_t bytes = Core::Config::getInt("SequentialAccessDevice::preferredBlockLength", 0);
+  if (bytes >= static_cast<int64_t>(kSectorSize) && bytes <= (int64_t{64} << 20))
+    return std::max<uint32_t>(kDefaultTransferBlocks, static_cast<uint32_t>(bytes / kSectorSize));
+  return kDefaultTransferBlocks;
+}
+
+void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
+  try {
+    access_->read(first, count, buffer);
+    ++okCount_;
+  } catch (...) {
+    ++errCount_;
+    throw;
+  }
+}
+
+void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
+  if (!isWritable())
+    throw Error(ErrorId::UnsupportedSectorSize,
+                "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
+  try {
+    access_->write(first, count, buffer);
+    ++okCount_;
+  } catch (...) {
+    ++errCount_;
+    throw;
+  }
+}
+
+void DiskDrive::doVerify(uint64_t first, uint64_t count) {
+  try {
+    access_->verify(first, count);
+    ++okCount_;
+  } catch (const Error& e) {
+    ++errCount_;
+    throw Error(ErrorId::VerifyFailed, e.text(), e.properties());
+  }
+}
+
+void DiskDrive::setNativePartitionLayout(const OsLayout& layout) {
+  Core::TraceScope scope("setNativePartitionLayout");
+  if (Core::Config::getBool("Disk::noOsLayout", false) || !access_->supportsOsLayout()) return;
+  access_->setNativePartitionLayout(layout);
+}
+
+DiskManager& DiskManager::instance() {
+  static DiskManager m;
+  return m;
+}
+
+void DiskManager::reset() { slots_.clear(); }
+
+void DiskManager::enumerate() {
+  Core::TraceScope scope("DiskManager::enumerate");
+  reset();
+  auto addSlot = [this](std::string path, std::unique_ptr<DiskDriveAccess> access, std::optional<Error> err) {
+    Slot s;
+    s.path = std::move(path);
+    if (access) {
+      try {
+        s.drive = std::make_unique<DiskDrive>(static_cast<uint32_t>(slots_.size()), std::move(access));
+      } catch (const Error& e) {
+        s.error = e;
+      }
+    } else {
+      s.error = err;
+    }
+    slots_.push_back(std::move(s));
+  };
+  if (!Core::Config::getBool("OsDrive::Disable", false)) {
+    for (auto& c : enumerateOsDisks())
+      addSlot(c.path, std::move(c.access), Error(ErrorId::OpenFailed, c.openError).with("path", c.path));
+  }
+  for (const std::string& path : Core::Config::getList(Core::Config::kAddDiskKey)) {
+    try {
+      addSlot(path, openImageDisk(path), std::nullopt);
+    } catch (const Error& e) {
+      addSlot(path, nullptr, e);
+    }
+  }
+}
+
+DiskDrive* DiskManager::getDrive(size_t index) { return index < slots_.size() ? slots_[index].drive.get() : nullptr; }
+
+std::optional<Error> DiskManager::openError(size_t index) const {
+  if (index >= slots_.size()) return Error(ErrorId::NoSuchDisk, "No such disk");
+  return slots_[index].error;
+}
+
+std::string DiskManager::pathOf(size_t index) const { return index < slots_.size() ? slots_[index].path : std::string(); }
+
+}  // namespace Corvo::Disk

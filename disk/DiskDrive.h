@@ -1,0 +1,75 @@
+// A disk of the disk manager: a block device over an access backend, with its identity,
+// geometry and I/O counters.
+#pragma once
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/Error.h"
+#include "disk/BlockDevice.h"
+#include "disk/DiskDriveAccess.h"
+
+namespace Corvo::Disk {
+
+class DiskDrive : public BlockDevice {
+ public:
+  DiskDrive(uint32_t numericId, std::unique_ptr<DiskDriveAccess> access);
+
+  uint32_t getNumericId() const { return id_; }
+  std::string path() const { return access_->path(); }
+  std::string model() const { return access_->model(); }
+  std::string serialNumber() const { return access_->serialNumber(); }
+  const Geometry& geometry() const { return geometry_; }
+  uint64_t blockCount() const override { return blocks_; }
+  uint32_t preferredTransferBlocks() const override;
+  // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
+  bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
+  bool isBootDisk() const { return access_->isBootDisk(); }
+  void flush() override { access_->flush(); }
+
+  // Tells the OS the new layout unless "Disk::noOsLayout" is set or the backend has no OS
+  // view. Throws Core::Error (OsLayoutFailed); the caller reports it as a warning.
+  void setNativePartitionLayout(const OsLayout& layout);
+  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) { access_->prepareForChange(firstBlock, blockCount); }
+  DiskDriveAccess& access() { return *access_; }
+
+  uint64_t successfulIoCount() const { return okCount_; }
+  uint64_t errorCount() const { return errCount_; }
+
+ protected:
+  void doRead(uint64_t first, uint64_t count, void* buffer) override;
+  void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
+  void doVerify(uint64_t first, uint64_t count) override;
+
+ private:
+  uint32_t id_;
+  std::unique_ptr<DiskDriveAccess> access_;
+  Geometry geometry_;
+  uint64_t blocks_;
+  uint64_t okCount_ = 0, errCount_ = 0;
+};
+
+// Finds and numbers the disks: the machine's own (unless "OsDrive::Disable"), then the
+// images of /ADDDISK= in the order given. A disk that cannot be opened keeps its number.
+class DiskManager {
+ public:
+  static DiskManager& instance();
+  void enumerate();  // forgets any earlier enumeration
+  void reset();
+  size_t driveCount() const { return slots_.size(); }
+  // Null when the disk could not be opened (see openError).
+  DiskDrive* getDrive(size_t index);
+  std::optional<Core::Error> openError(size_t index) const;
+  std::string pathOf(size_t index) const;
+
+ private:
+  struct Slot {
+    std::string path;
+    std::unique_ptr<DiskDrive> drive;
+    std::optional<Core::Error> error;
+  };
+  std::vector<Slot> slots_;
+};
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,85 @@
+// Access backends: how one disk is reached (an OS raw device, a block device node, an image
+// file). Platform code lives only behind this interface.
+#pragma once
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Corvo::Disk {
+
+struct Geometry {
+  uint64_t cylinders = 0;
+  uint32_t heads = 255;
+  uint32_t sectorsPerTrack = 63;
+  uint32_t bytesPerSector = 512;  // the disk's logical sector size
+};
+
+// The partition layout as the operating system is told about it after a change.
+struct OsLayoutEntry {
+  uint32_t number = 0;  // the OS's partition number (1-based, as its device names count)
+  uint64_t firstBlock = 0;
+  uint64_t blockCount = 0;
+  uint8_t type = 0;     // MBR type byte
+  bool active = false;
+  bool container = false;  // the extended partition itself (the OS shows it as a tiny device)
+  std::array<uint8_t, 16> typeGuid{};    // GPT
+  std::array<uint8_t, 16> uniqueGuid{};  // GPT
+  uint64_t attributes = 0;               // GPT
+  std::u16string name;                   // GPT
+};
+
+struct OsLayout {
+  enum Style : uint32_t { Mbr = 0, Gpt = 1 } style = Mbr;
+  uint32_t signature = 0;             // MBR disk signature
+  std::array<uint8_t, 16> diskGuid{};  // GPT
+  uint64_t firstUsableBlock = 0, usableBlocks = 0;  // GPT
+  std::vector<OsLayoutEntry> entries;
+};
+
+class DiskDriveAccess {
+ public:
+  virtual ~DiskDriveAccess() = default;
+
+  virtual std::string path() const = 0;
+  virtual Geometry getGeometry() const = 0;
+  // Total size in 512-byte sectors.
+  virtual uint64_t totalBlocks() const = 0;
+  virtual std::string model() const { return {}; }
+  virtual std::string serialNumber() const { return {}; }
+
+  // Transfers in 512-byte sectors; ranges are already checked. Throw Core::Error on failure.
+  virtual void read(uint64_t first, uint64_t count, void* buffer) = 0;
+  virtual void write(uint64_t first, uint64_t count, const void* buffer) = 0;
+  // Reads back without writing; the default reads into a scratch buffer.
+  virtual void verify(uint64_t first, uint64_t count);
+  virtual void flush() {}
+
+  // The disk the running system started from.
+  virtual bool isBootDisk() const { return false; }
+  // Tells the OS the new layout; backends without an OS view (images) do nothing.
+  virtual bool supportsOsLayout() const { return false; }
+  virtual void setNativePartitionLayout(const OsLayout&) {}
+  // Called before the sectors of an existing partition are changed (delete, wipe, hide,
+  // format): locks and dismounts its volumes, or checks that it is not mounted or in use.
+  // Throws Core::Error (InUse) and writes nothing when the partition is busy.
+  virtual void prepareForChange(uint64_t /*firstBlock*/, uint64_t /*blockCount*/) {}
+};
+
+// Opens a disk given with /ADDDISK=: a raw image file, a block device node, or a VMDK
+// (monolithicFlat or monolithicSparse). Throws Core::Error naming the file and the reason.
+std::unique_ptr<DiskDriveAccess> openImageDisk(const std::string& path);
+
+// A disk of the machine found by enumeration, or the reason it could not be opened.
+struct OsDiskCandidate {
+  std::string path;
+  std::unique_ptr<DiskDriveAccess> access;  // null when opening failed
+  std::string openError;                   // why, when access is null
+};
+// Enumerates the machine's fixed disks in the platform's order (Linux: /sys/block;
+// Windows: \\.\PhysicalDriveN). Honours "Usb::Disable", "IEEE1394::Disable" and
+// "DiskManager::driveCount".
+std::vector<OsDiskCandidate> enumerateOsDisks();
+
+}  // namespace Corvo::Disk

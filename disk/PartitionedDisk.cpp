@@ -1,0 +1,69 @@
+#include "disk/PartitionedDisk.h"
+
+namespace Corvo::Disk {
+
+const char* roleName(PartitionRole role) {
+  switch (role) {
+    case PartitionRole::Primary: return "PRIMARY";
+    case PartitionRole::Extended: return "EXTENDED";
+    case PartitionRole::Logical: return "LOGICAL";
+    case PartitionRole::Auxiliary: return "AUXILIARY";
+    case PartitionRole::Unknown: break;
+  }
+  return "UNKNOWN";
+}
+
+bool PartitionNode::isExtendedType() const {
+  return type == 0x05 || type == 0x0F || type == 0x85 || type == 0x15 || type == 0x1F;
+}
+bool PartitionNode::isDosExtended() const { return type == 0x05 || type == 0x0F; }
+bool PartitionNode::isHiddenType() const {
+  // Hidden flag of the partition type table; kept in step with the type table.
+  switch (type) {
+    case 0x00: case 0x11: case 0x14: case 0x15: case 0x16: case 0x17: case 0x1B: case 0x1C: case 0x1E:
+    case 0x1F: case 0x84: case 0xA0: case 0xDE: case 0xFE:
+      return true;
+    default:
+      return false;
+  }
+}
+
+const PartitionNode* PartitionNode::extendedContainer() const {
+  if (role != PartitionRole::Logical) return nullptr;
+  const PartitionNode* p = parent;
+  while (p && p->role != PartitionRole::Extended) p = p->parent;
+  return p;
+}
+
+namespace {
+void collect(const PartitionNode& node, std::vector<PartitionNode*>& out) {
+  for (const auto& child : node.children) {
+    if (child->role == PartitionRole::Logical) out.push_back(child.get());
+  }
+  for (const auto& child : node.children) {
+    if (child->role == PartitionRole::Auxiliary) collect(*child, out);
+  }
+}
+}  // namespace
+
+std::vector<PartitionNode*> PartitionedDisk::displayList() const {
+  std::vector<PartitionNode*> out;
+  for (const auto& root : roots()) {
+    out.push_back(root.get());
+    if (root->role == PartitionRole::Extended) collect(*root, out);
+  }
+  return out;
+}
+
+PartitionNode* PartitionedDisk::byDisplayNumber(unsigned number) const {
+  auto list = displayList();
+  return number >= 1 && number <= list.size() ? list[number - 1] : nullptr;
+}
+
+PartitionNode* PartitionedDisk::findByFirstBlock(uint64_t firstBlock) const {
+  for (PartitionNode* n : displayList())
+    if (n->firstBlock == firstBlock) return n;
+  return nullptr;
+}
+
+}  // namespace Corvo::Disk

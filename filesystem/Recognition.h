@@ -1,0 +1,38 @@
+// Recognition of what a partition holds, from its first 64 KB.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Corvo::Filesystem {
+
+// Bytes of the partition's start that detectContent looks at (the highest offset read is 65596).
+inline constexpr size_t kContentBytes = 65597;
+
+enum ContentCode : unsigned {
+  ccNothing = 0,  // also an LVM2 physical volume label
+  ccFat12 = 3,
+  ccFat16 = 4,
+  ccFat32 = 5,
+  ccNtfs = 6,
+  ccLinuxSwap = 7,
+  ccExt2 = 8,
+  ccExt3 = 9,
+  ccReiser = 10,
+  ccOvlm = 11,
+  ccNoTest = 20012,
+};
+
+enum FilesystemType : int {
+  fsfFat = 0, fsfFat12 = 1, fsfFat16 = 2, fsfFat32 = 3, fsfNtfs = 4, fsfNtfsWindowsNt351 = 5,
+  fsfNtfsWindowsNt40 = 6, fsfNtfsWindows2000 = 7, fsfNtfsWindowsXP = 8, fsfNtfsWindowsVista = 9,
+  fsfExt2 = 10, fsfExt3 = 11, fsfReiser = 12, fsfXfs = 13, fsfLinuxSwap = 14,
+};
+
+// mode: 0 every test, 1000 boot-sector tests only, 1001 only the tests beyond the boot
+// sector, 1002 no test (returns 20012); anything else returns 0. Buffers shorter than
+// kContentBytes are treated as zero-padded.
+unsigned detectContent(const uint8_t* buffer, size_t length, unsigned mode);
+const char* filesystemTypeName(int id);  // "fsfFat" ... "fsfLinuxSwap", else "fsfUnknown"
+
+}  // namespace Corvo::Filesystem
