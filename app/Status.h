@@ -1,0 +1,22 @@
+// The status display's routine that prints one disk with one partition marked; the
+// creation, deletion, activation and hiding commands print through it.
+#pragma once
+#include <cstdint>
+
+#include "app/FixedDisks.h"
+
+namespace Kdisk {
+
+// A snapshot of the partition to mark. A removed partition is printed in its old place.
+struct PartitionMark {
+  uint64_t firstBlock = 0;
+  uint64_t blockCount = 0;
+  uint8_t type = 0;
+  Corvo::Disk::PartitionRole role = Corvo::Disk::PartitionRole::Unknown;
+  const char* marker = nullptr;  // "*CREATED*", "*DELETED*", ...
+  bool removed = false;
+};
+
+void printDiskStatus(FixedDisk& disk, const PartitionMark* mark = nullptr);
+
+}  // namespace Kdisk
