@@ -1,5 +1,6 @@
 // Disks added with /ADDDISK=: block device nodes go to the block-device backend (which can
 // tell the kernel a new layout), VMDK files to the VMDK backend, anything else is a raw image.
+#include <cctype>
 #include <string>
 
 #include "core/Error.h"
@@ -53,6 +54,15 @@ std::unique_ptr<DiskDriveAccess> openImageDisk(const std::string& path) {
     got = probe.readSome(0, head, sizeof head);
   }
   if (Vmdk::looksLikeVmdk(head, got)) return Vmdk::open(path);
+  // A file named .vmdk that is neither a sparse extent nor a descriptor is a broken VMDK,
+  // except the data file of a flat image, which is a raw image of its own.
+  std::string lower;
+  for (char c : path) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  auto endsWith = [&](const char* tail) {
+    std::string t = tail;
+    return lower.size() >= t.size() && lower.compare(lower.size() - t.size(), t.size(), t) == 0;
+  };
+  if (endsWith(".vmdk") && !endsWith("-flat.vmdk")) return Vmdk::open(path);
   return std::make_unique<RawImageAccess>(path);
 }
 
