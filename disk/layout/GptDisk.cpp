@@ -89,9 +89,10 @@ void PartitionedDiskGpt::load() {
     facts_.problems.push_back(format("The primary GPT header %s; the backup copy at block %llu is used",
                                      primaryFault.c_str(), (unsigned long long)backupAt));
   } else {
-    facts_.problems.push_back(format("Neither GPT header can be used (the primary header %s; the backup header at "
-                                     "block %llu %s); no partitions are shown",
-                                     primaryFault.c_str(), (unsigned long long)backupAt, backupFault.c_str()));
+    facts_.problems.push_back(
+        format("Neither GPT header can be used (the primary header %s; the backup header at "
+               "block %llu %s); no partitions are shown",
+               primaryFault.c_str(), (unsigned long long)backupAt, backupFault.c_str()));
     return;
   }
   valid_ = true;
@@ -158,8 +159,7 @@ unsigned PartitionedDiskGpt::primarySlotsInUse() const {
 
 void PartitionedDiskGpt::requireWritable(const char* what) const {
   if (!valid_)
-    throw Error(ErrorId::InvalidTable,
-                format("Cannot %s: the GPT partition table of this disk is damaged", what));
+    throw Error(ErrorId::InvalidTable, format("Cannot %s: the GPT partition table of this disk is damaged", what));
   if (!drive_.isWritable())
     throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
         .with("bytesPerSector", std::to_string(drive_.geometry().bytesPerSector));
@@ -357,7 +357,8 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   }
   auto node = makeNode(index);
   PartitionNode* result = node.get();
-  auto pos = std::find_if(roots_.begin(), roots_.end(), [&](const auto& n) { return n->slot > static_cast<int>(index); });
+  auto pos =
+      std::find_if(roots_.begin(), roots_.end(), [&](const auto& n) { return n->slot > static_cast<int>(index); });
   roots_.insert(pos, std::move(node));
   reportLayout();
   return result;

@@ -55,8 +55,8 @@ class PartitionedDiskGpt : public PartitionedDisk {
   TableFacts facts_;
   std::array<uint8_t, 512> mbr_{};
   bool valid_ = false;
-  uint32_t unit_ = 1;       // 512-byte sectors per GPT block
-  GptTableCopy table_;      // the copy in use: its header and the entry array
+  uint32_t unit_ = 1;   // 512-byte sectors per GPT block
+  GptTableCopy table_;  // the copy in use: its header and the entry array
   GptHeader primary_, backup_;
 };
 

@@ -86,8 +86,12 @@ void GptHeader::setGptUuid(const GuidBytes& guid) {
 
 GptRecord::GptRecord(const uint8_t* bytes) { std::memcpy(bytes_.data(), bytes, kSize); }
 void GptRecord::copyTo(uint8_t* out) const { std::memcpy(out, bytes_.data(), kSize); }
-bool GptRecord::isUsed() const { return std::any_of(bytes_.begin(), bytes_.begin() + 16, [](uint8_t b) { return b != 0; }); }
-bool GptRecord::isAllZero() const { return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; }); }
+bool GptRecord::isUsed() const {
+  return std::any_of(bytes_.begin(), bytes_.begin() + 16, [](uint8_t b) { return b != 0; });
+}
+bool GptRecord::isAllZero() const {
+  return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; });
+}
 GuidBytes GptRecord::typeGuid() const { return guidAt(&bytes_[0]); }
 GuidBytes GptRecord::uniqueGuid() const { return guidAt(&bytes_[16]); }
 uint64_t GptRecord::firstBlock() const { return get64(&bytes_[32]); }
@@ -156,11 +160,13 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   put32(&sector[16], 0);
   if (Core::crc32(sector.data(), size) != h.headerCrc()) return "has a wrong header CRC";
   if (h.myBlock() != at)
-    return format("gives block %llu as its own position, but it lies at block %llu",
-                  (unsigned long long)h.myBlock(), (unsigned long long)at);
+    return format("gives block %llu as its own position, but it lies at block %llu", (unsigned long long)h.myBlock(),
+                  (unsigned long long)at);
   uint32_t count = h.entryCount(), esize = h.entrySize();
-  if (esize < GptRecord::kSize || esize % 8 != 0 || esize > 4096) return format("has an invalid entry size of %u bytes", esize);
-  if (count == 0 || uint64_t{count} * esize > kMaxEntryArrayBytes) return format("has an invalid entry count of %u", count);
+  if (esize < GptRecord::kSize || esize % 8 != 0 || esize > 4096)
+    return format("has an invalid entry size of %u bytes", esize);
+  if (count == 0 || uint64_t{count} * esize > kMaxEntryArrayBytes)
+    return format("has an invalid entry count of %u", count);
 
   const uint64_t arrayBlocks = gptEntryArrayBlocks(count, esize, unit);
   const uint64_t last = blocks - 1;
@@ -170,9 +176,10 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
     return format("points outside the disk: its usable area is blocks %llu to %llu, but the disk's last block is %llu",
                   (unsigned long long)first, (unsigned long long)lastUsable, (unsigned long long)last);
   if (entries > last || arrayBlocks > blocks - entries)
-    return format("points outside the disk: its entry array starts at block %llu and takes %llu blocks, but the "
-                  "disk's last block is %llu",
-                  (unsigned long long)entries, (unsigned long long)arrayBlocks, (unsigned long long)last);
+    return format(
+        "points outside the disk: its entry array starts at block %llu and takes %llu blocks, but the "
+        "disk's last block is %llu",
+        (unsigned long long)entries, (unsigned long long)arrayBlocks, (unsigned long long)last);
   if (h.alternateBlock() > last)
     return format("points outside the disk: its other copy is at block %llu, but the disk's last block is %llu",
                   (unsigned long long)h.alternateBlock(), (unsigned long long)last);

@@ -29,7 +29,7 @@ class GptHeader {
 
   static constexpr size_t size() { return kSize; }
   const uint8_t* bytes() const { return bytes_.data(); }
-  void copyTo(uint8_t* out) const;  // 92 bytes
+  void copyTo(uint8_t* out) const;   // 92 bytes
   void copyFrom(const uint8_t* in);  // 92 bytes
 
   bool hasSignature() const;
