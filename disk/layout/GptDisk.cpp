@@ -97,19 +97,26 @@ void PartitionedDiskGpt::load() {
   }
   valid_ = true;
 
-  // Both headers as they will be written back: the copy in use gives every shared field, each
-  // copy keeps its own entry array position when it was valid.
+  // Both headers as they will be written back: the copy in use gives every shared field. The
+  // backup copy belongs in the disk's last block (a disk that has grown gets it moved there);
+  // each copy keeps its own entry array position when it was valid where it belongs.
+  const uint64_t lastBlock = blocks - 1;
+  if (backupFault.empty() && backupAt != lastBlock)
+    facts_.problems.push_back(format("The backup GPT header lies at block %llu instead of the disk's last block %llu; "
+                                     "it is moved there when the table is next written",
+                                     (unsigned long long)backupAt, (unsigned long long)lastBlock));
   const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
   primary_ = table_.header;
   primary_.setHeaderSize(GptHeader::kSize);
   primary_.setMyBlock(1);
-  primary_.setAlternateBlock(backupAt);
+  primary_.setAlternateBlock(lastBlock);
   primary_.setEntriesBlock(primaryFault.empty() ? primaryCopy.header.entriesBlock() : 2);
   backup_ = table_.header;
   backup_.setHeaderSize(GptHeader::kSize);
-  backup_.setMyBlock(backupAt);
+  backup_.setMyBlock(lastBlock);
   backup_.setAlternateBlock(1);
-  backup_.setEntriesBlock(backupFault.empty() ? backupCopy.header.entriesBlock() : backupAt - arrayBlocks);
+  backup_.setEntriesBlock(backupFault.empty() && backupAt == lastBlock ? backupCopy.header.entriesBlock()
+                                                                       : lastBlock - arrayBlocks);
 
   for (uint32_t i = 0; i < table_.header.entryCount(); ++i) {
     GptRecord rec = table_.record(i);
