@@ -348,9 +348,9 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
     return;
   }
   if (gpt)
-    print("Partition  Volume Label          Size  System      Usage      Type\n");
+    print("Partition  Volume Label         Size  System      Usage      Type\n");
   else
-    print("Partition  Id  Type         Volume Label          Size  System      Usage      Active\n");
+    print("Partition  Id  Type         Volume Label         Size  System      Usage      Active\n");
   for (const Row& r : rows) {
     Content content;
     if (r.node) content = readContent(*d.drive, *r.node);
