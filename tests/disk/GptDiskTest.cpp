@@ -361,4 +361,86 @@ TEST_F(GptImage, AllEntriesInUse) {
   }
 }
 
+// A disk held in memory that records what the driver tells the OS and can refuse changes.
+class RecordingAccess : public DiskDriveAccess {
+ public:
+  explicit RecordingAccess(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
+  std::string path() const override { return "memory"; }
+  Geometry getGeometry() const override { return {}; }
+  uint64_t totalBlocks() const override { return bytes_.size() / 512; }
+  void read(uint64_t first, uint64_t count, void* buffer) override {
+    std::memcpy(buffer, &bytes_[first * 512], count * 512);
+  }
+  void write(uint64_t first, uint64_t count, const void* buffer) override {
+    std::memcpy(&bytes_[first * 512], buffer, count * 512);
+    ++writes;
+  }
+  bool supportsOsLayout() const override { return true; }
+  void setNativePartitionLayout(const OsLayout& layout) override {
+    layouts.push_back(layout);
+    if (refuseLayout) throw Corvo::Core::Error(ErrorId::OsLayoutFailed, "The OS refused the layout");
+  }
+  void prepareForChange(uint64_t first, uint64_t count) override {
+    prepared.emplace_back(first, count);
+    if (busy) throw Corvo::Core::Error(ErrorId::InUse, "The volume is in use");
+  }
+
+  std::vector<uint8_t> bytes_;
+  std::vector<OsLayout> layouts;
+  std::vector<std::pair<uint64_t, uint64_t>> prepared;
+  bool refuseLayout = false, busy = false;
+  int writes = 0;
+};
+
+TEST_F(GptImage, TellsTheOsAndRespectsBusyPartitions) {
+  std::string path = make(kThreeParts);
+  std::ifstream f(path, std::ios::binary);
+  std::vector<uint8_t> bytes(kImageSectors * 512);
+  f.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  auto owned = std::make_unique<RecordingAccess>(bytes);
+  RecordingAccess& access = *owned;
+  DiskDrive drive(0, std::move(owned));
+  auto disk = loadGptDisk(drive);
+  DiskFormatPropertiesGpt props;
+  props.read(drive);
+  ASSERT_TRUE(props.isGptUuidAvailable() && props.isGptSlotCountAvailable());
+  EXPECT_EQ(props.getGptSlotCount(), 128u);
+  std::string dump;
+  runCommand("sfdisk --dump " + path, &dump);
+  EXPECT_NE(dump.find("label-id: " + guidToText(props.getGptUuid())), std::string::npos) << dump;
+
+  // A busy partition: nothing is written and nothing changes.
+  access.busy = true;
+  PartitionNode& second = *disk->roots()[1];
+  EXPECT_THROW(disk->remove(second), Corvo::Core::Error);
+  EXPECT_THROW(disk->removeAll(), Corvo::Core::Error);
+  EXPECT_EQ(access.writes, 0);
+  EXPECT_EQ(disk->roots().size(), 3u);
+  ASSERT_FALSE(access.prepared.empty());
+  EXPECT_EQ(access.prepared.front(), std::make_pair(second.firstBlock, second.blockCount));
+
+  // A change is reported as a GPT layout; a refusal becomes the warning text.
+  access.busy = false;
+  access.refuseLayout = true;
+  disk->remove(second);
+  ASSERT_EQ(access.layouts.size(), 1u);
+  const OsLayout& l = access.layouts.back();
+  EXPECT_EQ(l.style, OsLayout::Gpt);
+  EXPECT_EQ(l.diskGuid, props.getGptUuid());
+  EXPECT_EQ(l.firstUsableBlock, 2048u);
+  EXPECT_EQ(l.usableBlocks, 131038u - 2048 + 1);  // sfdisk's last usable block is 131038
+  ASSERT_EQ(l.entries.size(), 2u);
+  EXPECT_EQ(l.entries[1].number, 3u);
+  EXPECT_EQ(l.entries[1].firstBlock, disk->roots()[1]->firstBlock);
+  EXPECT_EQ(gptTypeName(l.entries[0].typeGuid), "EFI System");
+  EXPECT_EQ(disk->lastWarning(), "The OS refused the layout");
+  access.refuseLayout = false;
+  CreationRequest r;
+  r.sizeBlocks = 2048;
+  ASSERT_NE(disk->createPrimary(r), nullptr);
+  EXPECT_EQ(disk->lastWarning(), "");
+  EXPECT_EQ(access.layouts.back().entries.size(), 3u);
+  EXPECT_EQ(access.layouts.back().entries[1].number, 2u);  // the freed entry is used again
+}
+
 }  // namespace
