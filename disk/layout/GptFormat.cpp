@@ -188,7 +188,8 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
                   (unsigned long long)lastUsable);
   auto insideUsable = [&](uint64_t a, uint64_t b) { return first <= lastUsable && a <= lastUsable && b >= first; };
   if (insideUsable(at, at) || insideUsable(entries, entries + arrayBlocks - 1) || h.alternateBlock() == 0 ||
-      insideUsable(h.alternateBlock(), h.alternateBlock()) || (entries <= at && at < entries + arrayBlocks))
+      h.alternateBlock() == at || insideUsable(h.alternateBlock(), h.alternateBlock()) ||
+      (entries <= at && at < entries + arrayBlocks))
     return "places its header or entry array inside the usable area";
 
   std::vector<uint8_t> array(arrayBlocks * blockBytes);

@@ -324,6 +324,34 @@ TEST_F(GptImage, ChangesRepairTheDamagedCopyAndMoveTheBackupToTheEnd) {
   }
 }
 
+TEST_F(GptImage, InitializesBlankAndMbrDisks) {
+  for (const char* script : {"label: dos\n", "label: dos\nsize=8MiB, type=7\ntype=5\n"}) {
+    SCOPED_TRACE(script);
+    std::string path = make(script);
+    patch(path, 0, {0xEB, 0x63, 0x90});  // boot code that must survive, as must the disk signature
+    const uint32_t signature = Corvo::Core::get32(&readSector(path, 0)[440]);
+    drives_.push_back(std::make_unique<DiskDrive>(0, openImageDisk(path)));
+    auto disk = initializeGptDisk(*drives_.back());
+    EXPECT_TRUE(disk->roots().empty());
+    EXPECT_TRUE(disk->facts().problems.empty());
+    expectVerifyClean(path);
+    std::string dump;
+    runCommand("sfdisk --dump " + path, &dump);
+    EXPECT_NE(dump.find("label: gpt"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("first-lba: 34"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("last-lba: 131038"), std::string::npos) << dump;
+    auto mbr = readSector(path, 0);
+    EXPECT_EQ(mbr[0], 0xEB);
+    EXPECT_EQ(Corvo::Core::get32(&mbr[440]), signature);
+    CreationRequest r;
+    r.sizeBlocks = 2048;
+    ASSERT_NE(disk->createPrimary(r), nullptr);
+    EXPECT_EQ(disk->roots()[0]->firstBlock, 2048u);  // aligned although usable from 34
+    expectVerifyClean(path);
+    EXPECT_EQ(modelParts(*disk), sfdiskParts(path));
+  }
+}
+
 TEST_F(GptImage, MbrOnlyOperationsAreRefused) {
   auto disk = load(make(kThreeParts));
   PartitionNode& n = *disk->roots()[0];
