@@ -237,7 +237,8 @@ void PartitionedDiskGpt::requireWritable(const char* what) const {
   const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
   const uint64_t first = primary_.firstUsableBlock(), last = primary_.lastUsableBlock();
   const uint64_t p = primary_.entriesBlock(), b = backup_.entriesBlock(), at = backup_.myBlock();
-  bool sane = p >= 2 && p + arrayBlocks <= first && b > last && b + arrayBlocks <= at && at > last && at < blocks;
+  bool sane = p >= 2 && p < first && first - p >= arrayBlocks && b > last && b < at && at - b >= arrayBlocks &&
+              at > last && at < blocks;
   if (!sane)
     throw Error(ErrorId::InvalidTable,
                 format("Cannot %s: the GPT partition table of this disk has an unusual layout that cannot be "
