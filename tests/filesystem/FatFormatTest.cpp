@@ -466,15 +466,20 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     EXPECT_TRUE(std::all_of(boot.begin(), boot.end(), [](uint8_t v) { return v == 0; }))
         << "the boot sector is written last";
   }
-  // A partition too small for any layout: nothing is written.
-  for (int type : {0, 1, 2}) {
-    KdiskTest::MemoryBlockDevice mem(type == 2 ? 30 : 34);
+  // A partition too small for any layout, or with sectors of another size: nothing is written.
+  struct SectorSized : KdiskTest::MemoryBlockDevice {
+    SectorSized(uint64_t blocks, uint32_t size) : MemoryBlockDevice(blocks), size(size) {}
+    uint32_t bytesPerBlock() const override { return size; }
+    uint32_t size;
+  };
+  for (int type : {0, 1, 2, 3}) {
+    SectorSized mem(type == 3 ? 100000 : type == 2 ? 30 : 34, type == 3 ? 4096 : 512);
     ScopedCapture capture;
     try {
-      Filesystem::formatFat(mem, type, {});
+      Filesystem::formatFat(mem, type % 3, {});
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
-      EXPECT_EQ(e.id(), Core::ErrorId::BpbFailed);
+      EXPECT_EQ(e.id(), type == 3 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);
       EXPECT_EQ(capture.sink().errors, "Cannot create BPB for new filesystem -- " + e.text() + "\n");
     }
     EXPECT_EQ(mem.writes, 0u);
