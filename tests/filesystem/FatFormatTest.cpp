@@ -9,6 +9,7 @@
 
 #include "FatTestSupport.h"
 #include "core/Endian.h"
+#include "disk/DiskDrive.h"
 #include "filesystem/Recognition.h"
 #include "filesystem/fat/Fat.h"
 #include "support/TestSupport.h"
@@ -484,4 +485,38 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     }
     EXPECT_EQ(mem.writes, 0u);
   }
+}
+
+// A partition inside a disk image, through the disk layer: the formatter stays inside its
+// range and mtools finds the volume at the partition's offset.
+TEST(FatFormat, PartitionInsideADiskImage) {
+  if (!haveFatTools()) GTEST_SKIP() << "needs fsck.fat and mtools (dosfstools, mtools)";
+  TempDir dir;
+  const std::string image = dir.file("disk.img");
+  ASSERT_EQ(runCommand("truncate -s 64M " + image), 0);
+  {
+    Disk::DiskDrive drive(1, Disk::openImageDisk(image));
+    std::vector<uint8_t> pattern(512, 0xA5), check(512);
+    drive.write(2047, 1, pattern.data());
+    drive.write(2048 + 100000, 1, pattern.data());
+    Disk::RangeBlockDevice partition(drive, 2048, 100000);
+    ScopedCapture capture;
+    Filesystem::FatFormatOptions options;
+    options.hiddenSectors = 2048;
+    options.label = "PART ONE";
+    Filesystem::formatFat(partition, 1, options);
+    for (uint64_t s : {2047ull, 102048ull}) {
+      drive.read(s, 1, check.data());
+      EXPECT_EQ(check, pattern) << "sector " << s << " outside the partition changed";
+    }
+  }
+  const std::string vol = image + "@@1048576";
+  std::string out;
+  ASSERT_EQ(runCommand("echo payload > " + dir.file("p.txt") + " && " + mtoolsEnv() + "mcopy -i " + vol + " " +
+                           dir.file("p.txt") + " ::/P.TXT && " + mtoolsEnv() + "mdir -i " + vol + " ::/",
+                       &out),
+            0)
+      << out;
+  EXPECT_NE(out.find("Volume in drive : is PART ONE"), std::string::npos) << out;
+  EXPECT_NE(out.find("P        TXT"), std::string::npos) << out;
 }
