@@ -245,6 +245,8 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
       throw Error(ErrorId::OpenFailed, "Cannot open " + devPath + " -- not a block device").with("path", devPath);
     }
     dev_ = st.st_rdev;
+    int readOnly = 0;
+    if (writeError_.empty() && ::ioctl(fd_, BLKROGET, &readOnly) == 0 && readOnly) writeError_ = "the device is read-only";
     uint64_t bytes = 0;
     if (::ioctl(fd_, BLKGETSIZE64, &bytes) != 0) {
       std::string why = std::strerror(errno);
