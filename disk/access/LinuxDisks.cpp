@@ -322,7 +322,9 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     return std::find(disks.begin(), disks.end(), sysfs_) != disks.end();
   }
 
-  bool supportsOsLayout() const override { return !sysfs_.empty(); }
+  // A device whose partitions the kernel does not show (a loop device attached without
+  // partition scanning) has no system view to update.
+  bool supportsOsLayout() const override { return !sysfs_.empty() && readSysfs(sysfs_ + "/partscan") != "0"; }
 
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
     Core::TraceScope scope("prepareForChange");
