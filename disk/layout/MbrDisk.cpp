@@ -91,7 +91,7 @@ class MbrDisk : public PartitionedDisk {
   void beginChange();
   void finishChange();
   void writeRecord(uint64_t block, const BiosBootRecord& record);
-  void clearRecord(uint64_t block, const PartitionNode* removed);
+  void clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord);
   BiosBootRecord masterForWriting() const;
   std::vector<Range> occupied(const PartitionNode* except, bool keepFirstRecord) const;
   std::vector<Range> freeIntervals(std::vector<Range> used, uint64_t lo, uint64_t hi) const;
@@ -178,8 +178,8 @@ void MbrDisk::readChain(PartitionNode& extended) {
   uint64_t block = start;
   for (size_t n = 0;; ++n) {
     if (n >= kMaxChainRecords) {
-      problem(format("The chain of extended boot records is longer than %zu records; the rest is ignored",
-                     kMaxChainRecords));
+      problem(format("The chain of extended boot records is longer than %u records; the rest is ignored",
+                     static_cast<unsigned>(kMaxChainRecords)));
       break;
     }
     if (block >= diskBlocks) {
@@ -317,8 +317,13 @@ void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
 
 // Zeroes a boot record that left the chain, unless its sector belongs to a partition that
 // stays (possible only on tables that already overlapped).
-void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed) {
+void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord) {
   if (block == 0 || block >= drive().blockCount()) return;
+  for (const Chain& c : chains_) {
+    if (c.extended == removed) continue;
+    for (const auto& r : c.records)
+      if (r->block() == block && r.get() != removedRecord) return;  // still another chain's record
+  }
   for (PartitionNode* n : displayList()) {
     if (n == removed || n->isExtendedType()) continue;
     if (removed && n->parent && removed->isExtendedType()) {
@@ -391,7 +396,7 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
   if (!largestWanted && request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be empty");
 
   largest = 0;
-  std::optional<Placement> best;
+  std::optional<Placement> best, fallback;
   uint64_t bestSize = 0;
   for (const Range& f : freeList) {
     uint64_t record;
@@ -414,12 +419,13 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
     }
     if (best) continue;  // a sized request takes the first free space that holds it
     const uint64_t n = request.sizeBlocks;
-    const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
-    if (needEnd > maxEnd || needEnd < dataMin) {
-      // A request that fits the free space but not its aligned part gets the aligned part.
-      if (n <= f.end - f.first) best = Placement{record, dataMin, available};
+    if (n > available) {
+      // A request that fits the free space but not its aligned part gets the aligned part,
+      // unless a later free space holds it whole.
+      if (!fallback && n <= f.end - f.first) fallback = Placement{record, dataMin, available};
       continue;
     }
+    const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
     if (!request.placeAtEnd) {
       best = Placement{record, dataMin, needEnd - dataMin};
     } else if (chs) {
@@ -431,7 +437,7 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
       best = Placement{maxEnd - size - lead, maxEnd - size, size};
     }
   }
-  return best;
+  return best ? best : fallback;
 }
 
 void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used) const {
@@ -647,7 +653,7 @@ void MbrDisk::remove(PartitionNode& node) {
     // The chain is unreachable now; clear its records so that no later extended partition
     // finds stale drives.
     if (Chain* chain = chainOf(&node))
-      for (const auto& r : chain->records) clearRecord(r->block(), &node);
+      for (const auto& r : chain->records) clearRecord(r->block(), &node, nullptr);
     finishChange();
     return;
   }
@@ -673,7 +679,7 @@ void MbrDisk::remove(PartitionNode& node) {
       prev.clearSlot(1);
     }
     writeRecord(prevRec.block(), prev);  // unlink first
-    clearRecord(rec.block(), rec.logical);
+    clearRecord(rec.block(), rec.logical, &rec);
   }
   finishChange();
 }
