@@ -5,6 +5,7 @@
 #include "core/Config.h"
 #include "core/Endian.h"
 #include "disk/MbrTestSupport.h"
+#include "disk/layout/BiosBootRecord.h"
 
 using namespace Corvo::Disk;
 using namespace KdiskTest;
@@ -178,6 +179,17 @@ TEST_F(MbrEditTest, RequestsThatDoNotFit) {
     EXPECT_EQ(small.largestAvailable, 0u);
   }
   expectConsistent(*disk);
+  // An exact request takes a later free space that holds it whole rather than an aligned part.
+  ASSERT_TRUE(makeImage(img, 200, "label: dos\nstart=2048, size=10240, type=83\nstart=100000, size=2048, type=83\n"));
+  auto drive3 = openDrive(img);
+  auto two = PartitionedDisk::load(*drive3);
+  CreationRequest exact;
+  exact.sizeBlocks = 100000 - 12288;  // the whole first gap, which only holds less once aligned
+  exact.alignment = 2048;
+  PartitionNode* e = two->createPrimary(exact);
+  ASSERT_NE(e, nullptr);
+  EXPECT_GE(e->firstBlock, 102048u);
+  EXPECT_EQ(e->blockCount, 88064u);
   // Four entries in use: the table is full.
   ASSERT_TRUE(makeImage(img, 200,
                         "label: dos\nstart=2048,size=2048\nstart=4096,size=2048\nstart=6144,size=2048\nstart=8192,size=2048\n"));
@@ -408,4 +420,59 @@ TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
     EXPECT_EQ(e.id(), ErrorId::UnsupportedSectorSize);
   }
   EXPECT_EQ(mem->writeCount, 0u);
+}
+
+TEST(MbrMemoryTest, LongAndOverflowingChainsAreBounded) {
+  // 1100 records, each linking to the next: reading stops after 1024 with a problem noted.
+  const uint64_t S = 2048, n = 1100;
+  auto access = std::make_unique<MemoryDiskAccess>(S + 4 * n + 64);
+  MemoryDiskAccess* mem = access.get();
+  BiosBootRecord mbr;
+  mbr.setSlot(0, S, 4 * n + 8, 0x05, 255, 63);
+  std::copy_n(mbr.data(), 512, mem->data.data());
+  for (uint64_t i = 0; i < n; ++i) {
+    BiosBootRecord ebr;
+    ebr.setSlot(0, 1, 3, 0x83, 255, 63, S + 4 * i);
+    ebr.setSlot(1, 4 * (i + 1), 4, 0x05, 255, 63, S);
+    std::copy_n(ebr.data(), 512, mem->data.data() + (S + 4 * i) * 512);
+  }
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  EXPECT_EQ(disk->displayList().size(), 1 + 1024u);
+  ASSERT_FALSE(disk->facts().problems.empty());
+  EXPECT_NE(disk->facts().problems[0].find("1024"), std::string::npos);
+  // Entries whose start plus count passes 2^32 (and the disk) are kept as they are.
+  BiosBootRecord big;
+  big.setSlot(0, 0xFFFFFFF0u, 0xFFFFFFF0u, 0x83, 255, 63);
+  std::copy_n(big.data(), 512, mem->data.data());
+  disk->reload();
+  ASSERT_EQ(disk->displayList().size(), 1u);
+  EXPECT_EQ(disk->displayList()[0]->lastBlock(), 0xFFFFFFF0ull + 0xFFFFFFF0ull - 1);
+  CreationRequest r;
+  r.alignment = 2048;
+  PartitionNode* p = disk->createPrimary(r);  // fits below the broken entry
+  ASSERT_NE(p, nullptr);
+  EXPECT_LE(p->lastBlock(), drive.blockCount() - 1);
+}
+
+TEST(MbrMemoryTest, BootPropertiesOfTheMasterRecord) {
+  auto access = std::make_unique<MemoryDiskAccess>(4096);
+  MemoryDiskAccess* mem = access.get();
+  BiosBootRecord mbr;
+  mbr.data()[0] = 0xFA;
+  mbr.setWindowsNtId(0x12345678);
+  mbr.setSlot(0, 2048, 2048, 0x83, 255, 63);
+  std::copy_n(mbr.data(), 512, mem->data.data());
+  mem->data[5 * 512 + 3] = 1;  // boot loader sectors 1..5
+  DiskDrive drive(0, std::move(access));
+  DiskFormatPropertiesBios props;
+  props.read(drive);
+  EXPECT_TRUE(props.isNtIdAvailable());
+  EXPECT_EQ(props.getWindowsNtId(), 0x12345678u);
+  EXPECT_FALSE(props.is9xIdAvailable());
+  ASSERT_TRUE(props.isBootCodeAvailable());
+  EXPECT_EQ(props.getBootCode().size(), 446u);
+  EXPECT_EQ(props.getBootCode()[0], 0xFA);
+  EXPECT_EQ(props.numberOfAdditionalBootSectors(), 5u);
+  EXPECT_EQ(props.getAdditionalBootSector(4)[3], 1);
 }
