@@ -23,6 +23,20 @@ uint64_t PartitionNodeBiosPartitionContainerEbr::usedEnd() const {
   return end;
 }
 
+std::unique_ptr<PartitionNode> PartitionNodeBiosPartitionContainer::makePartitionFromSlot(unsigned slot,
+                                                                                          PartitionRole role) const {
+  auto node = std::make_unique<PartitionNode>();
+  auto [first, count] = getSlotBlockRange(slot);
+  node->role = role;
+  node->firstBlock = first;
+  node->blockCount = count;
+  node->type = record_.getType(slot);
+  node->active = record_.isActive(slot);
+  node->tableBlock = block_;
+  node->slot = static_cast<int>(slot);
+  return node;
+}
+
 namespace {
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -149,14 +163,8 @@ void MbrDisk::readTables() {
       problem(format("Partition table entry %u (type 0x%02X) has no sectors and is ignored", slot + 1, type));
       continue;
     }
-    auto node = std::make_unique<PartitionNode>();
-    node->firstBlock = first;
-    node->blockCount = count;
-    node->type = type;
-    node->active = mbr.isActive(slot);
-    node->tableBlock = 0;
-    node->slot = static_cast<int>(slot);
-    node->role = node->isExtendedType() ? PartitionRole::Extended : PartitionRole::Primary;
+    auto node = anyExtendedType(type) ? master_->createContainerInSlot(slot, PartitionRole::Extended)
+                                      : master_->makePartitionFromSlot(slot, PartitionRole::Primary);
     if (node->isDosExtended()) ++facts_.extendedDosCount;
     if (first == 0) problem(format("Partition table entry %u starts inside the master boot record", slot + 1));
     if (first >= diskBlocks)
@@ -219,18 +227,11 @@ void MbrDisk::readChain(PartitionNode& extended) {
       } else if (count == 0) {
         facts_.nonZeroUnusedEntry = true;
         problem(format("The logical drive entry at sector %" PRIu64 " has no sectors and is ignored", block));
-      } else if (anyExtendedType(type)) {
+      } else if (anyExtendedType(type) && !container->createContainerInSlot(0, PartitionRole::Auxiliary)) {
         problem(format("The extended boot record at sector %" PRIu64 " holds an extended type in its first entry",
                        block));
       } else {
-        auto node = std::make_unique<PartitionNode>();
-        node->role = PartitionRole::Logical;
-        node->firstBlock = first;
-        node->blockCount = count;
-        node->type = type;
-        node->active = rec.isActive(0);
-        node->tableBlock = block;
-        node->slot = 0;
+        auto node = container->makePartitionFromSlot(0, PartitionRole::Logical);
         node->parent = holder;
         if (first == block)
           problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
@@ -266,14 +267,7 @@ void MbrDisk::readChain(PartitionNode& extended) {
       problem(format("The link in the extended boot record at sector %" PRIu64 " has no sectors", block));
       break;
     }
-    auto aux = std::make_unique<PartitionNode>();
-    aux->role = PartitionRole::Auxiliary;
-    aux->firstBlock = next;
-    aux->blockCount = linkBlocks;
-    aux->type = linkType;
-    aux->active = rec.isActive(1);
-    aux->tableBlock = block;
-    aux->slot = 1;
+    auto aux = current->createContainerInSlot(1, PartitionRole::Auxiliary);
     aux->parent = holder;
     current->link = aux.get();
     PartitionNode* auxPtr = aux.get();
@@ -420,9 +414,9 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
     if (best) continue;  // a sized request takes the first free space that holds it
     const uint64_t n = request.sizeBlocks;
     if (n > available) {
-      // A request that fits the free space but not its aligned part gets the aligned part,
-      // unless a later free space holds it whole.
-      if (!fallback && n <= f.end - f.first) fallback = Placement{record, dataMin, available};
+      // A request that misses the free space by less than one alignment unit (rounding of a
+      // size given in MB or per cent) gets the aligned part, unless a later free space holds it.
+      if (!fallback && n + lead <= f.end - f.first + unit) fallback = Placement{record, dataMin, available};
       continue;
     }
     const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);

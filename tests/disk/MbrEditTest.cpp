@@ -179,6 +179,15 @@ TEST_F(MbrEditTest, RequestsThatDoNotFit) {
     EXPECT_EQ(small.largestAvailable, 0u);
   }
   expectConsistent(*disk);
+  // The whole disk in MB (as a size of 100 per cent gives it) takes what alignment leaves.
+  ASSERT_TRUE(makeImage(img, 200, ""));
+  auto drive4 = openDrive(img);
+  auto blank = PartitionedDisk::load(*drive4);
+  CreationRequest all;
+  all.sizeBlocks = 200 * kMB;
+  PartitionNode* whole4 = blank->createPrimary(all);
+  ASSERT_NE(whole4, nullptr);
+  EXPECT_EQ(whole4->blockCount, 25 * kCyl - 63);
   // An exact request takes a later free space that holds it whole rather than an aligned part.
   ASSERT_TRUE(makeImage(img, 200, "label: dos\nstart=2048, size=10240, type=83\nstart=100000, size=2048, type=83\n"));
   auto drive3 = openDrive(img);
