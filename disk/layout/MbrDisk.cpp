@@ -384,7 +384,7 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
   const uint64_t track = g.sectorsPerTrack;
   const uint64_t cylinder = uint64_t{g.heads} * g.sectorsPerTrack;
   const uint64_t unit = chs ? cylinder : static_cast<uint64_t>(request.alignment);
-  const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record
+  const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record (<= unit)
   const uint64_t firstStart = chs ? track : unit;                 // the first primary
   const bool largestWanted = request.sizeBlocks == CreationRequest::kLargest;
   if (!largestWanted && request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be empty");
@@ -416,7 +416,7 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
     if (n > available) {
       // A request that misses the free space by less than one alignment unit (rounding of a
       // size given in MB or per cent) gets the aligned part, unless a later free space holds it.
-      if (!fallback && n + lead <= f.end - f.first + unit) fallback = Placement{record, dataMin, available};
+      if (!fallback && n <= f.end - f.first + (unit - lead)) fallback = Placement{record, dataMin, available};
       continue;
     }
     const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
