@@ -85,10 +85,12 @@ changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 1)" 1 /ACT /P:1
 changed "*HIDDEN*" "$(tbl 17 6 83 f 6 1)" 1 /HIDE /P:1
 expect_no_out "No partitions are set active" "an image is not the boot disk"
 unchanged "The specified partition is already hidden" 1 /HIDE /P:1
-refused 1 "Hidden partitions may not be set active" 1 /ACT /P:1
 refused 1 "Cannot hide partitions of this type" 1 /HIDE /P:3
 unchanged "The specified partition is not currently hidden" 1 /-HIDE /P:3
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:1
+changed "*HIDDEN*" "$(tbl 7 16 83 f 6 1)" 1 /HIDE /P:2
+refused 1 "Hidden partitions may not be set active" 1 /ACT /P:2
+changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:2
 changed "*HIDDEN*" "$(tbl 7 6 83 f 16 1)" 1 /HIDE /P:5
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:5
 # A hidden extended partition holds no chain that sfdisk follows; unhiding brings it back.
