@@ -1,5 +1,320 @@
+// /CRE: creates a primary partition, the extended partition or a logical drive, optionally
+// formats it, and prints the disk with the new partition marked.
+#include <cctype>
+#include <climits>
+#include <cmath>
+
 #include "app/Commands.h"
+#include "app/PartitionCommands.h"
+#include "app/Status.h"
+#include "core/Error.h"
+#include "core/Message.h"
+#include "filesystem/fat/Fat.h"
 
 namespace Kdisk {
-int commandCreate(SwitchSet&) { return commandNotAvailable("/CRE"); }
+
+using namespace Corvo::Core;
+using Corvo::Disk::CreationRequest;
+using Corvo::Disk::PartitionedDisk;
+using Corvo::Disk::PartitionNode;
+using Corvo::Disk::PartitionRole;
+using Corvo::Disk::PartitionScheme;
+
+namespace {
+
+constexpr unsigned kPrimarySlots = 4;
+
+double toMegabytes(uint64_t blocks) { return static_cast<double>(blocks) * 512.0 / 1048576.0; }
+
+PartitionMark snapshot(const PartitionNode& node, const char* marker) {
+  PartitionMark m;
+  m.firstBlock = node.firstBlock;
+  m.blockCount = node.blockCount;
+  m.type = node.type;
+  m.role = node.role;
+  m.marker = marker;
+  return m;
+}
+
+bool primarySlotsFull(const PartitionedDisk& disk) {
+  return disk.scheme() == PartitionScheme::Mbr && disk.primarySlotsInUse() >= kPrimarySlots;
+}
+
+// Calls one of the disk layer's create operations and reports why it placed nothing.
+PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, PartitionNode* (PartitionedDisk::*create)(CreationRequest&),
+                              const char* failedText, const char* fullText, const char* maxText) {
+  PartitionNode* node = nullptr;
+  try {
+    node = (disk.*create)(request);
+  } catch (const Error& e) {
+    message(mkError, failedText, e.text().c_str());
+    return nullptr;
+  }
+  if (!node) {
+    if (request.largestAvailable == 0)
+      message(mkError, "%s", fullText);
+    else
+      message(mkError, maxText, toMegabytes(request.largestAvailable));
+    return nullptr;
+  }
+  if (!disk.lastWarning().empty()) message(mkWarning, "%s", disk.lastWarning().c_str());
+  return node;
+}
+
+// Formats the new partition as the request asks. The partition stays in the table whatever
+// happens here: it was written before formatting began.
+bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
+  if (request.formatKind == 0) return true;
+  Corvo::Disk::DiskDrive& drive = *disk.drive;
+  try {
+    if (request.formatKind == 3) throw Error(ErrorId::NotSupported, "The NTFS formatter is not available in this build");
+    if (request.formatKind == 4) throw Error(ErrorId::NotSupported, "The ext2 formatter is not available in this build");
+    drive.prepareForChange(part.firstBlock, part.blockCount);
+    Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
+    Corvo::Filesystem::FatFormatOptions options;
+    options.verify = request.formatKind == 1;
+    options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
+    options.heads = static_cast<uint16_t>(drive.geometry().heads);
+    // The boot sector's hidden-sector field is 32 bits wide.
+    options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
+    if (!request.label.empty()) options.label = request.label;
+    const PartitionedDisk& layout = *disk.layout;
+    Corvo::Filesystem::formatFat(device, fatTypeIndexFor(part.type, part.blockCount, layout.fat32Support, layout.ntFat16),
+                                 options);
+  } catch (const Error& e) {
+    // The same wording serves logical drives.
+    message(mkError, "Cannot format primary DOS partition -- %s", e.text().c_str());
+    return false;
+  }
+  return true;
+}
+
+// Re-reads the table and prints the disk with the new partition marked.
+bool reloadAndShow(FixedDisk& disk, const PartitionMark& mark) {
+  try {
+    disk.layout->reload();
+  } catch (const Error& e) {
+    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
+    return false;
+  }
+  printDiskStatus(disk, &mark);
+  return true;
+}
+
+bool hasPrimaryDos(const PartitionedDisk& disk) {
+  for (const auto& root : disk.roots())
+    if (isPrimaryDos(disk, *root)) return true;
+  return false;
+}
+
+}  // namespace
+
+bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
+  PartitionedDisk& layout = *disk.layout;
+  if (primarySlotsFull(layout)) {
+    message(mkError, "Maximum number of partitions already defined -- %d", static_cast<int>(kPrimarySlots));
+    return false;
+  }
+  if (hasPrimaryDos(layout) &&
+      message(mkQuestionPrompted, "A primary DOS partition already exists. Create another?") != 1)
+    return false;
+  PartitionNode* node = placePartition(layout, request, &PartitionedDisk::createPrimary,
+                                       "Primary DOS partition could not be created -- %s",
+                                       "All available disk space is currently assigned to other partitions",
+                                       "Maximum space available for primary DOS partition is %.1fMB");
+  if (!node) return false;
+  PartitionMark mark = snapshot(*node, "*CREATED*");
+  if (!formatNewPartition(disk, mark, request)) return false;
+  return reloadAndShow(disk, mark);
+}
+
+bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
+  PartitionedDisk& layout = *disk.layout;
+  if (layout.scheme() == PartitionScheme::Mbr) {
+    if (dosExtendedPartition(layout)) {
+      message(mkError, "Extended DOS partition already exists");
+      return false;
+    }
+    if (primarySlotsFull(layout)) {
+      message(mkError, "Maximum number of partitions already defined -- %d", static_cast<int>(kPrimarySlots));
+      return false;
+    }
+  }
+  PartitionNode* node = placePartition(layout, request, &PartitionedDisk::createExtended,
+                                       "Extended DOS partition could not be created -- %s",
+                                       "All available disk space is currently assigned to other partitions",
+                                       "Maximum space available for extended DOS partition is %.1fMB");
+  if (!node) return false;
+  PartitionMark mark = snapshot(*node, "*CREATED*");
+  // The partition exists once the table is written: a failed re-read is reported, but the
+  // creation itself stands.
+  reloadAndShow(disk, mark);
+  return true;
+}
+
+bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
+  PartitionedDisk& layout = *disk.layout;
+  if (layout.scheme() == PartitionScheme::Mbr) {
+    const PartitionNode* ext = dosExtendedPartition(layout);
+    if (!ext) {
+      message(mkError, "No extended DOS partition exists");
+      return false;
+    }
+    if (ext->isHiddenType()) {
+      message(mkError, "The extended DOS partition is hidden and may not have logical DOS drives created within it");
+      return false;
+    }
+  }
+  PartitionNode* node = placePartition(
+      layout, request, &PartitionedDisk::createLogical, "Logical DOS drive could not be created -- %s",
+      "All available space in the extended DOS partition is currently assigned to logical DOS drives",
+      "Maximum space available for logical DOS drive is %.1fMB");
+  if (!node) return false;
+  PartitionMark mark = snapshot(*node, "*CREATED*");
+  if (!formatNewPartition(disk, mark, request)) return false;
+  return reloadAndShow(disk, mark);
+}
+
+int commandCreate(SwitchSet& set) {
+  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
+                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
+    message(mkError, "%s", set.errorText().c_str());
+    return 2;
+  }
+
+  const bool pri = set.isPresent(swPRI), ext = set.isPresent(swEXT), log = set.isPresent(swLOG);
+  const int kinds = int{pri} + int{ext} + int{log};
+  if (kinds > 1) {
+    message(mkError, "Conflicting switches. Specify one of /PRI, /EXT, or /LOG");
+    return 2;
+  }
+  if (kinds == 0) {
+    message(mkError, "Required switch missing. Specify one of /PRI, /EXT, or /LOG");
+    return 2;
+  }
+
+  CreationRequest request;
+  const bool format = set.isPresent(swFOR);
+  if (format) {
+    request.formatKind = 1;
+    if (ext) message(mkWarning, "/FOR switch ignored for extended DOS partitions");
+  }
+  if (set.isPresent(swQ)) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /Q may only be used in conjunction with /FOR");
+      return 2;
+    }
+    request.formatKind = 2;
+  }
+  std::string value;
+  bool hasValue = false;
+  const bool ntfs = set.isPresent(swNTFS, &value, &hasValue);
+  if (ntfs) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /NTFS may only be used in conjunction with /FOR");
+      return 2;
+    }
+    request.formatKind = 3;
+    if (hasValue) {
+      static const struct {
+        const char* name;
+        int code;
+      } versions[] = {{"VISTA", 9}, {"XP", 8}, {"2000", 7}, {"NT4", 6}, {"NT351", 5}};
+      int code = 0;
+      for (const auto& v : versions) {
+        std::string upper = value;
+        for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        if (upper == v.name) {
+          code = v.code;
+          break;
+        }
+      }
+      if (!code) {
+        message(mkError, "Invalid NTFS format type specified.");
+        return 2;
+      }
+      request.versionCode = code;
+    }
+  }
+  if (set.isPresent(swALIGN, &value)) {
+    std::string upper = value;
+    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (upper == "1MB")
+      request.alignment = 2048;
+    else if (upper == "CHS")
+      request.alignment = -1;
+    else {
+      message(mkError, "Invalid NTFS alignment type specified.");
+      return 2;
+    }
+  }
+  if (set.isPresent(swEXT2)) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /EXT2 may only be used in conjunction with /FOR");
+      return 2;
+    }
+    if (ntfs) {
+      message(mkError, "Conflicting switches. Specify either /NTFS or /EXT2");
+      return 2;
+    }
+    request.formatKind = 4;
+    request.versionCode = 10;
+  }
+  if (set.isPresent(swV, &value, &hasValue)) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /V may only be used in conjunction with /FOR");
+      return 2;
+    }
+    if (hasValue) {
+      // Checked now so that nothing is written for a label the formatter would refuse.
+      if ((request.formatKind == 1 || request.formatKind == 2) &&
+          !Corvo::Filesystem::validateVolumeLabel(value, true))
+        return 2;
+      request.label = value;
+    }
+  }
+  if (set.isPresent(swLETTER, &value)) {
+    // Both refusals are silent by design.
+    if (ext) return 2;
+    if (value.size() != 1 || !std::isalpha(static_cast<unsigned char>(value[0]))) return 2;
+    request.letter = static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
+  }
+
+  const uint32_t index = parseDiskNumber(set);
+  if (index == kNoDisk) return 2;
+  FixedDisk* disk = findDisk(index);
+  if (!disk) return 1;
+  if (!disk->ok()) {
+    message(mkError, "%s", disk->status ? disk->status->text().c_str() : "The fixed disk could not be read");
+    return 1;
+  }
+  PartitionedDisk& layout = *disk->layout;
+
+  int sizeMb = 0;
+  if (set.isPresent(swSZ, &value)) {
+    switch (parsePartitionSize(value, layout.drive().blockCount(), sizeMb)) {
+      case SizeStatus::Ok: break;
+      case SizeStatus::Invalid: message(mkError, "Invalid partition size -- %s", value.c_str()); return 2;
+      case SizeStatus::TooSmall: message(mkError, "Partition size to small -- %s", value.c_str()); return 2;
+    }
+    request.sizeBlocks = static_cast<uint64_t>(sizeMb) * 2048;
+  }
+  const bool no32 = set.isPresent(swNo32), ntFat16 = set.isPresent(swNTFAT16);
+  if (const char* limit = fatLimitMessage(pri || log, sizeMb, no32, ntFat16)) {
+    message(mkError, "%s", limit);
+    return 2;
+  }
+  layout.fat32Support = !no32;
+  layout.ntFat16 = ntFat16;
+  if (set.isPresent(swNoCE)) message(mkWarning, "/-CE switch ignored, switch is redundant");
+#if !defined(_WIN32)
+  if (request.letter)
+    message(mkInformation, "Drive letters are not used on this platform; /LETTER:%c is ignored", request.letter);
+#endif
+  request.placeAtEnd = set.isPresent(swEND);
+
+  bool ok = pri ? createPrimaryDos(*disk, request) : ext ? createExtendedDos(*disk, request) : createLogicalDos(*disk, request);
+  return ok ? 0 : 1;
+}
+
 }  // namespace Kdisk

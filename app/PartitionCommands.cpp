@@ -1,0 +1,111 @@
+#include "app/PartitionCommands.h"
+
+#include <cctype>
+#include <climits>
+
+namespace Kdisk {
+
+using Corvo::Disk::PartitionedDisk;
+using Corvo::Disk::PartitionNode;
+using Corvo::Disk::PartitionRole;
+using Corvo::Disk::PartitionScheme;
+
+bool isDosType(uint8_t type) {
+  switch (type) {
+    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0E:
+    case 0x11: case 0x14: case 0x16: case 0x17: case 0x1B: case 0x1C: case 0x1E:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool isPrimaryDos(const PartitionedDisk& disk, const PartitionNode& node) {
+  if (node.role != PartitionRole::Primary) return false;
+  if (disk.scheme() == PartitionScheme::Gpt) {
+    // Basic data partition, EBD0A0A2-B9E5-4433-87C0-68B6B72699C7, in its on-disk byte order.
+    static const Corvo::Disk::GuidBytes basicData = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
+                                                     0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
+    return node.typeGuid == basicData;
+  }
+  return isDosType(node.type);
+}
+
+PartitionNode* dosExtendedPartition(const PartitionedDisk& disk) {
+  if (disk.scheme() != PartitionScheme::Mbr) return nullptr;
+  for (const auto& root : disk.roots()) {
+    uint8_t t = root->type;
+    if (t == 0x05 || t == 0x0F || t == 0x15 || t == 0x1F) return root.get();
+  }
+  return nullptr;
+}
+
+int scanNumberChars(const std::string& text, int& number, char& c1, char& c2) {
+  size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  size_t digits = i;
+  long long value = 0;
+  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
+    if (value <= INT_MAX) value = value * 10 + (text[i] - '0');  // saturates past the int range
+    ++i;
+  }
+  if (i == digits) return 0;
+  if (negative) value = -value;
+  number = static_cast<int>(value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : value);
+  if (i >= text.size()) return 1;
+  c1 = text[i++];
+  if (i >= text.size()) return 2;
+  c2 = text[i];
+  return 3;
+}
+
+bool scanPositiveNumber(const std::string& text, int& number) {
+  char c1 = 0, c2 = 0;
+  int n = 0;
+  if (scanNumberChars(text, n, c1, c2) != 1 || n < 1) return false;
+  number = n;
+  return true;
+}
+
+SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int& megabytes) {
+  int number = 0;
+  char c1 = 0, c2 = 0;
+  int items = scanNumberChars(value, number, c1, c2);
+  if (items == 0 || items == 3) return SizeStatus::Invalid;
+  if (items == 2 && c1 != 'P' && c1 != 'p' && c1 != '%') return SizeStatus::Invalid;
+  if (items == 2 && number > 100) return SizeStatus::Invalid;
+  if (number < 1) return SizeStatus::Invalid;
+  if (items == 1) {
+    megabytes = number;
+    return SizeStatus::Ok;
+  }
+  double diskMb = static_cast<double>(diskBlocks) * 512.0 / 1048576.0;
+  double mb = diskMb * number / 100.0;
+  if (mb < 1.0) return SizeStatus::TooSmall;
+  megabytes = static_cast<int>(mb);
+  return SizeStatus::Ok;
+}
+
+const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool ntFat16) {
+  if (!primaryOrLogical || sizeMb == 0) return nullptr;
+  if (no32 && sizeMb > 2048 && !ntFat16) return "Can not create a drive larger that 2048 MB when FAT32 support is disabled";
+  if (ntFat16 && sizeMb >= 4096) return "Can not create a drive larger that 4095 MB when NT support is enabled";
+  return nullptr;
+}
+
+int fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
+  switch (type) {
+    case 0x01: return 0;
+    case 0x04: case 0x06: case 0x0E: return 1;
+    case 0x0B: case 0x0C: return 2;
+    default: break;
+  }
+  const bool fat32Allowed = fat32Support && !ntFat16;
+  if (blocks < 32774) return 0;
+  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return 2;
+  return 1;
+}
+
+}  // namespace Kdisk

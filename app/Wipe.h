@@ -1,0 +1,44 @@
+// Partition wipes: overwrite every sector of a partition before its table entry is removed.
+// Mode 1 writes zeros once; mode 2 writes the cycle 0x35, 0xCA, R six times and verifies
+// once; mode 3 writes the cycle n times and verifies once. R is a random byte other than
+// 0x35 and 0xCA.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+#include "disk/DiskDrive.h"
+
+namespace Kdisk {
+
+enum WipeMode : int { wmNone = 0, wmQuick = 1, wmDod = 2, wmCustom = 3 };
+
+// A run of sectors, relative to the device being wiped.
+struct WipeExtent {
+  uint64_t first = 0;
+  uint64_t count = 0;
+};
+
+// 1 for mode 1, 19 for mode 2, 3 x customCount + 1 for mode 3, 0 otherwise.
+unsigned wipePassCount(int mode, unsigned customCount);
+
+// Draws the third pattern byte from the C runtime generator (already seeded): redrawn up to
+// 1000 times while it equals 0x35 or 0xCA.
+uint8_t drawWipeRandomByte();
+
+// Overwrites the given extents of the device (all of it when extents is empty). A chunk that
+// fails is retried sector by sector and the pass goes on; every range that could still not be
+// written (or verified) is reported as an error naming the 1-based partition and disk numbers,
+// and returned. Throws Core::Error only for failures that are not about single sectors.
+// Uses one buffer of the device's transfer length.
+std::vector<WipeExtent> wipeDevice(Corvo::Disk::BlockDevice& device, int mode, unsigned customCount,
+                                   unsigned partitionNumber, unsigned diskNumber,
+                                   const std::vector<WipeExtent>& extents = {});
+
+// Wipes the sectors [first, first + count) of a drive, leaving out the `keep` extents
+// (relative to first). Refuses with Core::Error, writing nothing, when the drive cannot be
+// written or the range is mounted or in use.
+std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+                                      unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
+                                      const std::vector<WipeExtent>& keep = {});
+
+}  // namespace Kdisk

@@ -1,0 +1,159 @@
+// Size scanning, FAT limits and type choice of /CRE; passes, pattern, chunking and retry of
+// the partition wipe.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "app/PartitionCommands.h"
+#include "app/Wipe.h"
+#include "support/TestSupport.h"
+
+using namespace Kdisk;
+using KdiskTest::FaultInjectingBlockDevice;
+using KdiskTest::MemoryBlockDevice;
+using KdiskTest::ScopedCapture;
+
+TEST(CreateValues, PartitionSize) {
+  const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
+  struct Case {
+    const char* text;
+    uint64_t disk;
+    SizeStatus status;
+    int mb;
+  } cases[] = {
+      {"100", disk1000MB, SizeStatus::Ok, 100},      {" 7", disk1000MB, SizeStatus::Ok, 7},
+      {"50P", disk1000MB, SizeStatus::Ok, 500},      {"50p", disk1000MB, SizeStatus::Ok, 500},
+      {"33%", disk1000MB, SizeStatus::Ok, 330},      {"100P", disk1000MB, SizeStatus::Ok, 1000},
+      {"101%", disk1000MB, SizeStatus::Invalid, 0},  {"0", disk1000MB, SizeStatus::Invalid, 0},
+      {"-5", disk1000MB, SizeStatus::Invalid, 0},    {"50MB", disk1000MB, SizeStatus::Invalid, 0},
+      {"50M", disk1000MB, SizeStatus::Invalid, 0},   {"", disk1000MB, SizeStatus::Invalid, 0},
+      {"P", disk1000MB, SizeStatus::Invalid, 0},     {"0P", disk1000MB, SizeStatus::Invalid, 0},
+      {"1P", 99 * 2048, SizeStatus::TooSmall, 0},    {"2P", 99 * 2048, SizeStatus::Ok, 1},
+      {"99999999999", disk1000MB, SizeStatus::Ok, 2147483647},
+  };
+  for (const Case& c : cases) {
+    int mb = 0;
+    EXPECT_EQ(parsePartitionSize(c.text, c.disk, mb), c.status) << c.text;
+    if (c.status == SizeStatus::Ok) {
+      EXPECT_EQ(mb, c.mb) << c.text;
+    }
+  }
+  int n = 0;
+  EXPECT_TRUE(scanPositiveNumber("3", n));
+  EXPECT_EQ(n, 3);
+  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, n)) << bad;
+}
+
+TEST(CreateValues, FatLimitsAndTypeChoice) {
+  const char* k2048 = "Can not create a drive larger that 2048 MB when FAT32 support is disabled";
+  const char* k4095 = "Can not create a drive larger that 4095 MB when NT support is enabled";
+  struct Case {
+    bool priOrLog;
+    int mb;
+    bool no32, nt;
+    const char* message;
+  } cases[] = {{true, 3000, true, false, k2048}, {true, 2048, true, false, nullptr}, {true, 3000, true, true, nullptr},
+               {true, 4096, false, true, k4095}, {true, 4095, false, true, nullptr}, {false, 5000, true, false, nullptr},
+               {true, 0, true, true, nullptr}};
+  for (const Case& c : cases) {
+    const char* m = fatLimitMessage(c.priOrLog, c.mb, c.no32, c.nt);
+    EXPECT_STREQ(m ? m : "", c.message ? c.message : "") << c.mb;
+  }
+  struct TypeCase {
+    uint8_t type;
+    uint64_t blocks;
+    bool fat32, nt;
+    int index;
+  } types[] = {{0x01, 9, true, false, 0},        {0x0E, 9, true, false, 1},        {0x0C, 9, true, false, 2},
+               {0x00, 32773, true, false, 0},    {0x00, 32774, true, false, 1},    {0x00, 1048576, true, false, 1},
+               {0x00, 1048577, true, false, 2},  {0x00, 1048577, true, true, 1},   {0x00, 1048577, false, false, 1},
+               {0x00, 8387873, false, true, 2}};
+  for (const TypeCase& t : types) EXPECT_EQ(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt), t.index) << t.blocks;
+}
+
+namespace {
+// Logs every transfer: (first, count, byte or -1 for a verify).
+class RecordingDevice : public MemoryBlockDevice {
+ public:
+  RecordingDevice(uint64_t blocks, uint32_t chunk) : MemoryBlockDevice(blocks), chunk_(chunk) {}
+  uint32_t preferredTransferBlocks() const override { return chunk_; }
+  struct Op {
+    uint64_t first, count;
+    int byte;
+  };
+  std::vector<Op> ops;
+
+ protected:
+  void doWrite(uint64_t first, uint64_t count, const void* buffer) override {
+    ops.push_back({first, count, *static_cast<const uint8_t*>(buffer)});
+    MemoryBlockDevice::doWrite(first, count, buffer);
+  }
+  void doVerify(uint64_t first, uint64_t count) override { ops.push_back({first, count, -1}); }
+
+ private:
+  uint32_t chunk_;
+};
+}  // namespace
+
+TEST(Wipe, PassesPatternAndChunks) {
+  EXPECT_EQ(wipePassCount(wmQuick, 0), 1u);
+  EXPECT_EQ(wipePassCount(wmDod, 0), 19u);
+  EXPECT_EQ(wipePassCount(wmCustom, 1), 4u);
+  EXPECT_EQ(wipePassCount(wmCustom, 100), 301u);
+  struct Case {
+    int mode;
+    unsigned custom, writes;
+  } cases[] = {{wmQuick, 0, 1}, {wmDod, 0, 18}, {wmCustom, 1, 3}, {wmCustom, 2, 6}};
+  for (const Case& c : cases) {
+    ScopedCapture cap;
+    RecordingDevice dev(20, 8);
+    std::memset(dev.data().data(), 0x77, dev.data().size());
+    EXPECT_TRUE(wipeDevice(dev, c.mode, c.custom, 1, 1).empty());
+    const bool verifies = c.mode != wmQuick;
+    ASSERT_EQ(dev.ops.size(), (c.writes + verifies) * 3) << c.mode;
+    int r = dev.ops[6].byte;
+    for (unsigned pass = 0; pass < c.writes + verifies; ++pass) {
+      int expected = c.mode == wmQuick ? 0 : pass == c.writes ? -1 : pass % 3 == 0 ? 0x35 : pass % 3 == 1 ? 0xCA : r;
+      for (unsigned k = 0; k < 3; ++k) {
+        const auto& op = dev.ops[pass * 3 + k];
+        EXPECT_EQ(op.byte, expected) << "pass " << pass;
+        EXPECT_EQ(op.first, k * 8u);
+        EXPECT_EQ(op.count, k == 2 ? 4u : 8u);
+      }
+    }
+    const uint8_t last = c.mode == wmQuick ? 0 : static_cast<uint8_t>(r);
+    if (c.mode != wmQuick) {
+      EXPECT_NE(last, 0x35);
+      EXPECT_NE(last, 0xCA);
+    }
+    for (uint8_t b : dev.data()) ASSERT_EQ(b, last);
+    EXPECT_EQ(cap.sink().warnings, Corvo::Core::format("Partition will contain 0x%02X for all bytes in all sectors when wipe complete.\n\n", last));
+  }
+}
+
+TEST(Wipe, FailedChunkIsRetriedSectorBySector) {
+  ScopedCapture cap;
+  MemoryBlockDevice mem(40);
+  std::memset(mem.data().data(), 0x77, mem.data().size());
+  FaultInjectingBlockDevice dev(mem);
+  dev.badSectors = {5, 6, 30};
+  auto bad = wipeDevice(dev, wmCustom, 1, 3, 2);
+  ASSERT_EQ(bad.size(), 2u);
+  EXPECT_EQ(bad[0].first, 5u);
+  EXPECT_EQ(bad[0].count, 2u);
+  EXPECT_EQ(bad[1].first, 30u);
+  EXPECT_EQ(cap.sink().errors,
+            "Cannot write sectors 5 to 6 of partition 3 on fixed disk 2\n"
+            "Cannot write sectors 30 to 30 of partition 3 on fixed disk 2\n");
+  for (uint64_t s = 0; s < 40; ++s) EXPECT_EQ(mem.sector(s)[0], (s == 5 || s == 6 || s == 30) ? 0x77 : mem.sector(0)[0]) << s;
+  // One chunk (all 40 sectors) per pass, plus 40 single-sector retries per pass.
+  EXPECT_EQ(dev.transfers, 4u * (1 + 40));
+}
+
+TEST(Wipe, RandomByteAvoidsPatternBytes) {
+  for (unsigned seed = 0; seed < 2000; ++seed) {
+    std::srand(seed);
+    uint8_t r = drawWipeRandomByte();
+    ASSERT_TRUE(r != 0x35 && r != 0xCA) << seed;
+  }
+}
