@@ -8,6 +8,7 @@
 #include "app/Status.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/PartitionTypes.h"
 
 namespace Kdisk {
 
@@ -24,21 +25,8 @@ using Corvo::Disk::PartitionScheme;
 
 namespace {
 
-// Visible type bytes with a hidden form (the hidden form is the type plus 0x10).
-bool hasHiddenForm(uint8_t type) {
-  switch (type) {
-    case 0x01: case 0x04: case 0x05: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0E: case 0x0F:
-      return true;
-    default:
-      return false;
-  }
-}
-
-// The hidden-type mapping and its inverse; an unchanged result means "no such form".
-uint8_t hiddenType(uint8_t type) { return hasHiddenForm(type) ? static_cast<uint8_t>(type + 0x10) : type; }
-uint8_t visibleType(uint8_t type) {
-  return type >= 0x10 && hasHiddenForm(static_cast<uint8_t>(type - 0x10)) ? static_cast<uint8_t>(type - 0x10) : type;
-}
+uint8_t hiddenType(uint8_t type) { return Corvo::Disk::hiddenFormOfType(type); }
+uint8_t visibleType(uint8_t type) { return Corvo::Disk::visibleFormOfType(type); }
 
 // True when node is active and no other primary, non-extended partition is.
 bool isOnlyActivePrimary(const PartitionedDisk& layout, const PartitionNode& node) {
