@@ -2,6 +2,7 @@
 // four 16-byte slots and the 0xAA55 signature; and the disk-level properties read from the
 // master boot record.
 #pragma once
+#include "disk/DiskFormatProperties.h"
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -96,12 +97,6 @@ class BiosBootRecord {
 uint32_t newDiskIdentifier();
 
 // Disk-level values of an MBR disk.
-class DiskFormatProperties {
- public:
-  virtual ~DiskFormatProperties() = default;
-  virtual void read(BlockDevice& disk) = 0;
-};
-
 class DiskFormatPropertiesBios : public DiskFormatProperties {
  public:
   // Reads the master boot record and the boot sectors that follow it (up to the first
