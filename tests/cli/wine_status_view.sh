@@ -11,6 +11,7 @@ KDISK=$exe KDISK_RUNNER=wine
 work=$(mktemp -d /tmp/kdisk-wine-sv-XXXXXX)
 export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 unset DISPLAY
+mkdir -p "$WINEPREFIX"
 wineserver -p
 trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work"' EXIT
 wineboot -i >/dev/null 2>&1
