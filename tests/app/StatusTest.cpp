@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "app/Commands.h"
 #include "app/FakeDisks.h"
 #include "app/Status.h"
 #include "core/Endian.h"
@@ -42,42 +41,6 @@ TEST(Status, PartitionsInDisplayOrderWithRemovedOneInItsOldPlace) {
   EXPECT_EQ(out[9], "        4  99  UNKNOWN                          2.0MB              LOGICAL");
   EXPECT_EQ(out[10], "        5  17  NTFS/HPFS                        2.0MB  NTFS/HPFS   PRIMARY");
   EXPECT_EQ(cap.sink().warnings, "Fixed disk 1 -- The extended boot record at sector 110062 has no 55 AA signature\n");
-}
-
-TEST(Status, SwitchesAndRawTables) {
-  FakeDiskTable t;
-  FakeLayout& d = t.add(204800);
-  Corvo::Disk::RawBootRecord mbr;
-  uint8_t* e = mbr.bytes.data() + 446;
-  e[0] = 0x80, e[1] = 32, e[2] = 33, e[3] = 0, e[4] = 0x0C, e[5] = 0xFE, e[6] = 0xFF, e[7] = 0xFF;
-  Corvo::Core::put32(e + 8, 2048);
-  Corvo::Core::put32(e + 12, 202752);
-  mbr.bytes[510] = 0x55, mbr.bytes[511] = 0xAA;
-  d.raw = {mbr};
-  struct Case {
-    std::vector<std::string> args;
-    int rc;
-    std::string error, outLine;
-  } cases[] = {
-      {{"/RAW", "/LBA"}, 2, "Conflicting switches. Specify either /RAW or /LBA\n", ""},
-      {{"/STAT"}, 2, "Unknown switch -- /STAT\n", ""},
-      {{"1", "2"}, 2, "Too many parameters -- 2\n", ""},
-      {{"2"}, 1, "No such fixed disk -- 2\n", ""},
-      {{"1", "/SER"}, 0, "", "   1         12    255       63      100.0MB  SN-0001"},
-      {{"/LBA"}, 0, "", "   1    80    0C          2048        202752"},
-      {{"1", "/RAW"}, 0, "", "   1    80    0C          0   32  33       1023  254  63"},
-  };
-  for (const Case& c : cases) {
-    ScopedCapture cap;
-    std::vector<std::string> args = {"kdisk"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    SwitchSet set(args);
-    EXPECT_EQ(commandStatus(set), c.rc) << c.args[0];
-    EXPECT_EQ(cap.sink().errors, c.error) << c.args[0];
-    if (!c.outLine.empty()) {
-      EXPECT_NE(cap.sink().out.find(c.outLine + "\n"), std::string::npos) << cap.sink().out;
-    }
-  }
 }
 
 TEST(Status, NtfsVolumeNameFromTheVolumeFileRecord) {
