@@ -1,6 +1,9 @@
 // /ACT, /-ACT, /HIDE and /-HIDE: change the active flag or the hidden form of the type byte of
 // one partition. Every rule is checked before the disk layer is asked to write anything.
-#include <cstdio>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <string>
 
 #include "app/Commands.h"
@@ -51,9 +54,14 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
   }
   std::string pText;
   set.isPresent(swActP, &pText);
-  int number = 0;
-  char extra = 0;
-  if (std::sscanf(pText.c_str(), "%d%c", &number, &extra) != 1 || number < 1) {
+  // A whole decimal number (as "%d%c" reads exactly one item), at least 1.
+  char* end = nullptr;
+  errno = 0;
+  long parsed = std::strtol(pText.c_str(), &end, 10);
+  const bool whole = !pText.empty() && std::isdigit(static_cast<unsigned char>(pText.back())) && *end == '\0' &&
+                     errno != ERANGE && parsed <= INT_MAX;
+  const int number = whole ? static_cast<int>(parsed) : 0;
+  if (number < 1) {
     message(mkError, "Invalid partition number -- %s", pText.c_str());
     return 2;
   }

@@ -48,6 +48,7 @@ TEST(ActivateHide, RulesInOrder) {
       {ccActivate, "/P:9", 1, "Invalid partition number -- 9\n", "", 0, 1, 0x07, true, ""},
       {ccActivate, "/P:0", 2, "Invalid partition number -- 0\n", "", 0, 1, 0x07, true, ""},
       {ccActivate, "/P:2x", 2, "Invalid partition number -- 2x\n", "", 0, 1, 0x07, true, ""},
+      {ccActivate, "/P:99999999999", 2, "Invalid partition number -- 99999999999\n", "", 0, 1, 0x07, true, ""},
       {ccDeactivate, "/P:6", 0, "", "The specified partition is not active\n", 0, 6, 0x83, false, ""},
       {ccDeactivate, "/P:1", 0, "", "", 1, 1, 0x07, false, "*DEACTIVATED*"},
       {ccHide, "/P:2", 0, "", "The specified partition is already hidden\n", 0, 2, 0x16, false, ""},
