@@ -7,11 +7,11 @@ KDISK=$1
 . "$(dirname "$0")/lib/partition.bash"
 require_partitioning
 
-# 64 MB: 1 FAT16 (active), 2 Linux, 3 extended with logical drives 5 (FAT16) and 6 (NTFS),
+# 32 MB: 1 FAT16 (active), 2 Linux, 3 extended with logical drives 5 (FAT16) and 6 (NTFS),
 # 4 FAT16; display numbers 1 2 3, then 4 and 5 for the logical drives, 6 for slot 4.
 # Every partition's data is 0x77.
 base=$WORK/base.img
-truncate -s 64M "$base"
+truncate -s 32M "$base"
 sfdisk -q "$base" >/dev/null <<'T'
 label: dos
 start=2048, size=4096, type=6, bootable
