@@ -136,6 +136,20 @@ before=$(sha "$img3"); kd "$img3" 1 /CRE /PRI /Y /SZ:100P
 expect_rc 1 "100P again"; expect_line "All available disk space is currently assigned to other partitions" "100P again"
 [ "$(sha "$img3")" = "$before" ] || fail "100P again: image changed"
 
+# ---- GPT: primaries through the GPT driver; extended and logical refused by it.
+gpt=$WORK/gpt.img
+truncate -s 32M "$gpt"
+echo 'label: gpt' | sfdisk -q "$gpt" >/dev/null
+kd "$gpt" 1 /CRE /PRI /SZ:10
+expect_rc 0 "GPT primary"
+[ "$(part "$gpt" 1 | cut -d' ' -f2-)" = "20480 EBD0A0A2-B9E5-4433-87C0-68B6B72699C7" ] || fail "GPT primary: $(parts "$gpt")"
+before=$(sha "$gpt")
+kd "$gpt" 1 /CRE /EXT
+expect_rc 1 "GPT extended"; expect_text "Extended DOS partition could not be created -- " "GPT extended"
+kd "$gpt" 1 /CRE /LOG
+expect_rc 1 "GPT logical"; expect_text "Logical DOS drive could not be created -- " "GPT logical"
+[ "$(sha "$gpt")" = "$before" ] || fail "GPT refusals changed the image"
+
 # ---- Formats. FAT12, FAT16 and FAT32 by size, checked by the FAT checker.
 fat_ok() {  # fat_ok IMAGE N LABEL
   local s n t; read -r s n t <<<"$(part "$1" "$2")"

@@ -118,4 +118,16 @@ for n in 1 2 3 4 5 6; do expect_line "Wiping Partition $n:" "/ALL /QWIPE"; done
 only_byte "$img" 2048 $((55296 - 2048)) 0 || fail "/ALL /QWIPE left data between the first and last partition"
 expect_layout "/ALL /QWIPE"
 
+# ---- GPT: the second entry wiped and removed, the first untouched.
+img=$WORK/gpt.img
+truncate -s 16M "$img"
+printf 'label: gpt\nstart=2048, size=4096\nstart=6144, size=4096, type=0FC63DAF-8483-4772-8E79-3D69D8477DE4\n' |
+  sfdisk -q "$img" >/dev/null
+fill "$img" 2048 8192 119
+kd "$img" 1 /DEL /P:2 /QWIPE
+expect_rc 0 "GPT /P:2"
+only_byte "$img" 6144 4096 0 || fail "GPT /QWIPE left data"
+intact 2048 4096 "GPT neighbour"
+[ "$(count_parts "$img")" -eq 1 ] && [ "$(part "$img" 1 | cut -d' ' -f1)" = 2048 ] || fail "GPT table: $(parts "$img")"
+
 finish
