@@ -1,6 +1,236 @@
+// /ACT, /-ACT, /HIDE and /-HIDE: change the active flag or the hidden form of the type byte of
+// one partition. Every rule is checked before the disk layer is asked to write anything.
+#include <cstdio>
+#include <string>
+
 #include "app/Commands.h"
+#include "app/FixedDisks.h"
+#include "app/Status.h"
+#include "core/Message.h"
+#include "core/Trace.h"
 
 namespace Kdisk {
-int commandActivate(CommandCode code, SwitchSet&) { return commandNotAvailable(code == ccActivate ? "/ACT" : "/-ACT"); }
-int commandHide(CommandCode code, SwitchSet&) { return commandNotAvailable(code == ccHide ? "/HIDE" : "/-HIDE"); }
+
+using Corvo::Core::Error;
+using Corvo::Core::message;
+using Corvo::Core::mkError;
+using Corvo::Core::mkInformation;
+using Corvo::Core::mkQuestionPrompted;
+using Corvo::Core::mkWarning;
+using Corvo::Disk::PartitionedDisk;
+using Corvo::Disk::PartitionNode;
+using Corvo::Disk::PartitionRole;
+using Corvo::Disk::PartitionScheme;
+
+namespace {
+
+// Visible type bytes with a hidden form (the hidden form is the type plus 0x10).
+bool hasHiddenForm(uint8_t type) {
+  switch (type) {
+    case 0x01: case 0x04: case 0x05: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0E: case 0x0F:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The hidden-type mapping and its inverse; an unchanged result means "no such form".
+uint8_t hiddenType(uint8_t type) { return hasHiddenForm(type) ? static_cast<uint8_t>(type + 0x10) : type; }
+uint8_t visibleType(uint8_t type) {
+  return type >= 0x10 && hasHiddenForm(static_cast<uint8_t>(type - 0x10)) ? static_cast<uint8_t>(type - 0x10) : type;
+}
+
+// True when node is active and no other primary, non-extended partition is.
+bool isOnlyActivePrimary(const PartitionedDisk& layout, const PartitionNode& node) {
+  if (!node.active || node.role != PartitionRole::Primary || node.isExtendedType()) return false;
+  for (const auto& root : layout.roots())
+    if (root.get() != &node && root->active && root->role == PartitionRole::Primary && !root->isExtendedType())
+      return false;
+  return true;
+}
+
+struct Target {
+  FixedDisk* disk = nullptr;
+  PartitionNode* node = nullptr;
+};
+
+// Parses the line, the partition number and the disk; returns 0 and fills target, or an
+// exit code after printing why.
+int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, bool hiding, Target& target) {
+  if (!set.validate({&command, &opposite, &swActP, &swX, &swI, &swU, &swS, &swY, &swSURE, &swR, &swDIAG}, 0, 1)) {
+    message(mkError, "%s", set.errorText().c_str());
+    return 2;
+  }
+  std::string pText;
+  set.isPresent(swActP, &pText);
+  int number = 0;
+  char extra = 0;
+  if (std::sscanf(pText.c_str(), "%d%c", &number, &extra) != 1 || number < 1) {
+    message(mkError, "Invalid partition number -- %s", pText.c_str());
+    return 2;
+  }
+  uint32_t index = parseDiskNumber(set);
+  if (index == kNoDisk) return 2;
+  target.disk = findDisk(index);
+  if (!target.disk) return 1;
+  if (target.disk->layout->scheme() == PartitionScheme::Gpt) {
+    message(mkError, hiding ? "Fixed disk %u is a GPT disk -- its partitions cannot be hidden or unhidden"
+                            : "Fixed disk %u is a GPT disk -- its partitions have no active flag",
+            index + 1);
+    return 1;
+  }
+  target.node = target.disk->layout->byDisplayNumber(static_cast<unsigned>(number));
+  if (!target.node) {
+    message(mkError, "Invalid partition number -- %d", number);
+    return 1;
+  }
+  return 0;
+}
+
+PartitionMark snapshot(const PartitionNode& node, const char* marker) {
+  PartitionMark m;
+  m.firstBlock = node.firstBlock;
+  m.blockCount = node.blockCount;
+  m.type = node.type;
+  m.role = node.role;
+  m.marker = marker;
+  return m;
+}
+
+// Reads the tables again after a change and prints the disk with the partition marked.
+int reloadAndShow(FixedDisk& disk, PartitionMark mark) {
+  const std::string warning = disk.layout->lastWarning();
+  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
+  try {
+    disk.layout->reload();
+  } catch (const Error& e) {
+    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
+    return 1;
+  }
+  printDiskStatus(disk, &mark);
+  return 0;
+}
+
+}  // namespace
+
+int commandActivate(CommandCode code, SwitchSet& set) {
+  Corvo::Core::TraceScope scope("commandActivate");
+  const bool activate = code == ccActivate;
+  Target t;
+  if (int rc = selectTarget(set, activate ? swACT : swDeACT, activate ? swDeACT : swACT, false, t)) return rc;
+  FixedDisk& disk = *t.disk;
+  PartitionedDisk& layout = *disk.layout;
+  PartitionNode& node = *t.node;
+
+  if (activate) {
+    if (node.active) {
+      message(mkWarning, "The specified partition is already active");
+      printDiskStatus(disk);
+      return 0;
+    }
+    const char* refusal = nullptr;
+    if (node.isLogical())
+      refusal = "Logical DOS drives may not be set active";
+    else if (node.isHiddenType())
+      refusal = "Hidden partitions may not be set active";
+    else if (node.isDosExtended())
+      refusal = "The extended DOS partition may not be set active";
+    else if (node.isExtendedType())
+      refusal = "The extended partitions may not be set active";
+    if (refusal) {
+      message(mkError, "%s", refusal);
+      return 1;
+    }
+    PartitionMark mark = snapshot(node, "*ACTIVATED*");
+    try {
+      layout.setActive(node);
+    } catch (const Error& e) {
+      message(mkError, "Cannot set partition active -- %s", e.text().c_str());
+      return 1;
+    }
+    return reloadAndShow(disk, mark);
+  }
+
+  if (!node.active) {
+    message(mkWarning, "The specified partition is not active");
+    printDiskStatus(disk);
+    return 0;
+  }
+  if (isOnlyActivePrimary(layout, node) &&
+      message(mkQuestionPrompted,
+              "You are deactivating the active partition. Fixed disk %u will not be bootable until a partition is "
+              "set active. Continue?",
+              disk.index + 1) != 1)
+    return 1;
+  PartitionMark mark = snapshot(node, "*DEACTIVATED*");
+  try {
+    layout.clearActive(node);
+  } catch (const Error& e) {
+    message(mkError, "Cannot deactivate partition -- %s", e.text().c_str());
+    return 1;
+  }
+  return reloadAndShow(disk, mark);
+}
+
+int commandHide(CommandCode code, SwitchSet& set) {
+  Corvo::Core::TraceScope scope("commandHide");
+  const bool hide = code == ccHide;
+  Target t;
+  if (int rc = selectTarget(set, hide ? swHIDE : swUnHIDE, hide ? swUnHIDE : swHIDE, true, t)) return rc;
+  FixedDisk& disk = *t.disk;
+  PartitionedDisk& layout = *disk.layout;
+  PartitionNode& node = *t.node;
+
+  bool noActiveLeft = false;
+  uint8_t newType = 0;
+  if (hide) {
+    if (node.isHiddenType()) {
+      message(mkWarning, "The specified partition is already hidden");
+      printDiskStatus(disk);
+      return 0;
+    }
+    newType = hiddenType(node.type);
+    if (newType == node.type) {
+      message(mkError, "Cannot hide partitions of this type");
+      return 1;
+    }
+    noActiveLeft = disk.drive->isBootDisk() && isOnlyActivePrimary(layout, node);
+  } else {
+    if (!node.isHiddenType()) {
+      message(mkWarning, "The specified partition is not currently hidden");
+      printDiskStatus(disk);
+      return 0;
+    }
+    newType = visibleType(node.type);
+    if (newType == node.type) {
+      message(mkError, "Cannot unhide partitions of this type");
+      return 1;
+    }
+    if (newType == 0x05 || newType == 0x0F) {
+      for (const auto& root : layout.roots()) {
+        if (root.get() != &node && root->isDosExtended()) {
+          message(mkError, "Unhiding this partition would result in there being more than one extended DOS partition");
+          return 1;
+        }
+      }
+    }
+  }
+
+  PartitionMark mark = snapshot(node, hide ? "*HIDDEN*" : "*UNHIDDEN*");
+  try {
+    // Locks the partition's volumes (or checks they are not in use) before its type changes.
+    disk.drive->prepareForChange(node.firstBlock, node.blockCount);
+    layout.setType(node, newType);
+  } catch (const Error& e) {
+    message(mkError, hide ? "Cannot hide partition -- %s" : "Cannot unhide partition -- %s", e.text().c_str());
+    return 1;
+  }
+  mark.type = newType;
+  if (int rc = reloadAndShow(disk, mark)) return rc;
+  if (noActiveLeft)
+    message(mkInformation, "No partitions are set active. Fixed disk %u will not be bootable until a partition is set active",
+            disk.index + 1);
+  return 0;
+}
+
 }  // namespace Kdisk

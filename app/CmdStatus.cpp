@@ -1,10 +1,460 @@
+// The status display: a table of the fixed disks, then each disk's partitions with their type,
+// volume label, size, filesystem and role; /RAW and /LBA show the boot records' slot tables.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
 #include "app/Commands.h"
-
-namespace Kdisk {
-int commandStatus(SwitchSet&) { return commandNotAvailable("/STATUS"); }
-}  // namespace Kdisk
-
+#include "app/FixedDisks.h"
 #include "app/Status.h"
+#include "core/Endian.h"
+#include "core/Message.h"
+#include "core/Trace.h"
+#include "filesystem/Recognition.h"
+
 namespace Kdisk {
-void printDiskStatus(FixedDisk&, const PartitionMark*) {}
+
+using Corvo::Core::Error;
+using Corvo::Core::format;
+using Corvo::Core::get16;
+using Corvo::Core::get32;
+using Corvo::Core::get64;
+using Corvo::Core::message;
+using Corvo::Core::mkError;
+using Corvo::Core::mkWarning;
+using Corvo::Core::print;
+using Corvo::Disk::GuidBytes;
+using Corvo::Disk::PartitionNode;
+using Corvo::Disk::PartitionRole;
+using Corvo::Disk::PartitionScheme;
+namespace Fs = Corvo::Filesystem;
+
+namespace {
+
+// ---- Type names --------------------------------------------------------------------------
+
+struct TypeRow {
+  uint8_t type;
+  const char* name;
+  int category;
+};
+
+// Display names and categories of MBR type bytes (category 6 "other" for unknown types).
+const TypeRow& typeRow(uint8_t type) {
+  static const TypeRow rows[] = {
+      {0x00, "UNUSED", 6},     {0x01, "FAT12", 0},       {0x02, "XENIX", 6},       {0x03, "XENIX", 6},
+      {0x04, "FAT16", 1},      {0x05, "", 4},            {0x06, "FAT16", 1},       {0x07, "NTFS/HPFS", 3},
+      {0x0A, "OS/2 BOOT", 6},  {0x0B, "FAT32", 2},       {0x0C, "FAT32", 2},       {0x0E, "FAT16", 1},
+      {0x0F, "", 4},           {0x11, "FAT12", 0},       {0x12, "DIAGNOSTIC", 7},  {0x14, "FAT16", 1},
+      {0x15, "", 5},           {0x16, "FAT16", 1},       {0x17, "NTFS/HPFS", 3},   {0x1B, "FAT32", 2},
+      {0x1C, "FAT32", 2},      {0x1E, "FAT16", 1},       {0x1F, "", 5},            {0x27, "MSRecovery", 3},
+      {0x42, "DYNAMIC", 6},    {0x63, "UNIX SYS V", 6},  {0x70, "", 1},            {0x81, "MINIX", 6},
+      {0x82, "LINUX SWAP", 9}, {0x83, "LINUX", 8},       {0x84, "OS/2", 6},        {0x85, "LINUX EXT", 10},
+      {0x8E, "LVM STORAGE", 8}, {0xA0, "DIAGNOSTIC", 12}, {0xAF, "Apple HFS+", 6}, {0xDE, "DIAGNOSTIC", 11},
+      {0xEF, "EFI System", 2}, {0xFE, "DIAGNOSTIC", 13},
+  };
+  static thread_local TypeRow unknown{0, "UNKNOWN", 6};
+  for (const TypeRow& r : rows)
+    if (r.type == type) return r;
+  unknown.type = type;
+  return unknown;
+}
+
+const char* categoryName(int category) {
+  switch (category) {
+    case 0: return "FAT12";
+    case 1: return "FAT16";
+    case 2: return "FAT32";
+    case 3: return "NTFS/HPFS";
+    case 8: return "EXT2FS";
+    case 7: case 11: case 12: case 13: return "DIAGNOSTIC";
+    default: return "";
+  }
+}
+
+// GUID in its text form: the first three fields are stored little-endian.
+std::string guidText(const GuidBytes& g) {
+  return format("%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", g[3], g[2], g[1], g[0], g[5],
+                g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14], g[15]);
+}
+
+std::string gptTypeName(const GuidBytes& g) {
+  static const struct {
+    const char* guid;
+    const char* name;
+  } rows[] = {
+      {"00000000-0000-0000-0000-000000000000", "Unused"},
+      {"C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "EFI System"},
+      {"024DEE41-33E7-11D3-9D69-0008C781F39F", "Legcay MBR"},
+      {"E3C9E316-0B5C-4DB8-817D-F92DF00215AE", "Microsoft Reserved"},
+      {"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", "Microsoft Basic Data"},
+      {"AF9B60A0-1431-4F62-BC68-3311714A69AD", "Dynamic Disk Data"},
+      {"5808C8AA-7E8F-42E0-85D2-E1E90434CFB3", "Dynamic Disk Database"},
+      {"A19D880F-05FC-4D3B-A006-743F0F84911E", "Linux Raid"},
+      {"0657FD6D-A4AB-43C4-84E5-0933C84B4F4F", "Linux Swap"},
+      {"E6D6D379-F507-44C2-A23C-238F2A3DF928", "Linux LVM"},
+      {"48465300-0000-11AA-AA11-00306543ECAC", "Apple HFS+"},
+  };
+  std::string text = guidText(g);
+  for (const auto& r : rows)
+    if (text == r.guid) return r.name;
+  return "{" + text + "}";
+}
+
+std::string sizeText(uint64_t sectors) { return format("%.1fMB", static_cast<double>(sectors) * 512.0 / 1048576.0); }
+
+// ---- Content: filesystem and volume label ------------------------------------------------
+
+struct Content {
+  std::string system;  // empty when nothing was recognised
+  std::string label;
+};
+
+std::string trimRight(std::string s) {
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
+  return s;
+}
+
+std::string utf16ToUtf8(const uint8_t* p, size_t chars) {
+  std::string out;
+  for (size_t i = 0; i < chars; ++i) {
+    uint32_t c = get16(p + 2 * i);
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < chars) {
+      uint32_t lo = get16(p + 2 * (i + 1));
+      if (lo >= 0xDC00 && lo < 0xE000) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (lo - 0xDC00);
+        ++i;
+      }
+    }
+    if (c == 0) break;
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
+// Reads sectors of the partition; false when the range lies outside it or the read fails.
+bool readPartition(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, uint64_t sector, uint64_t count,
+                   std::vector<uint8_t>& buf) {
+  if (count == 0 || sector >= node.blockCount || count > node.blockCount - sector) return false;
+  buf.assign(count * 512, 0);
+  try {
+    drive.read(node.firstBlock + sector, count, buf.data());
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+// The FAT volume label: the root directory's label entry, else the boot sector's copy.
+std::string fatLabel(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, const uint8_t* bs, bool fat32) {
+  uint32_t bytesPerSector = get16(bs + 11), clusterSectors = bs[13], reserved = get16(bs + 14), fats = bs[16];
+  uint32_t rootEntries = get16(bs + 17);
+  uint32_t fatSectors = fat32 ? get32(bs + 36) : get16(bs + 22);
+  if (bytesPerSector == 512 && clusterSectors != 0) {
+    uint64_t dataStart = reserved + uint64_t{fats} * fatSectors;
+    uint64_t rootSector = dataStart, rootSectors = (rootEntries * 32 + 511) / 512;
+    if (fat32) {
+      uint32_t rootCluster = get32(bs + 44);
+      rootSector = rootCluster >= 2 ? dataStart + uint64_t{rootCluster - 2} * clusterSectors : 0;
+      rootSectors = clusterSectors;
+    }
+    rootSectors = std::min<uint64_t>(rootSectors, 64);
+    std::vector<uint8_t> dir;
+    if (rootSector && readPartition(drive, node, rootSector, rootSectors, dir)) {
+      for (size_t off = 0; off + 32 <= dir.size(); off += 32) {
+        const uint8_t* e = dir.data() + off;
+        if (e[0] == 0) break;
+        if (e[0] == 0xE5 || e[11] == 0x0F) continue;
+        if ((e[11] & 0x08) && !(e[11] & 0x10)) return trimRight(std::string(reinterpret_cast<const char*>(e), 11));
+      }
+    }
+  }
+  std::string copy = trimRight(std::string(reinterpret_cast<const char*>(bs + (fat32 ? 71 : 43)), 11));
+  return copy == "NO NAME" ? std::string() : copy;
+}
+
+// The NTFS volume name: the $VOLUME_NAME attribute of the $Volume file record (number 3).
+std::string ntfsLabel(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, const uint8_t* bs) {
+  uint32_t bytesPerSector = get16(bs + 11);
+  uint8_t spcByte = bs[13];
+  if (bytesPerSector != 512) return {};
+  uint64_t clusterSectors = spcByte <= 0x80 ? spcByte : (uint64_t{1} << (256 - spcByte)) / 512;
+  if (clusterSectors == 0) return {};
+  int8_t perRecord = static_cast<int8_t>(bs[64]);
+  uint64_t recordBytes = perRecord >= 0 ? perRecord * clusterSectors * 512 : (perRecord > -31 ? uint64_t{1} << -perRecord : 0);
+  if (recordBytes < 512 || recordBytes > 65536 || recordBytes % 512) return {};
+  uint64_t recordSector = get64(bs + 48) * clusterSectors + 3 * recordBytes / 512;
+  std::vector<uint8_t> rec;
+  if (!readPartition(drive, node, recordSector, recordBytes / 512, rec)) return {};
+  if (std::memcmp(rec.data(), "FILE", 4) != 0) return {};
+  // Undo the update sequence: the last two bytes of every sector were moved to the array.
+  uint32_t usaOffset = get16(&rec[4]), usaCount = get16(&rec[6]);
+  if (usaCount == 0 || usaOffset + 2 * usaCount > rec.size() || (usaCount - 1) * 512 > rec.size()) return {};
+  for (uint32_t i = 1; i < usaCount; ++i) {
+    uint8_t* tail = &rec[i * 512 - 2];
+    if (tail[0] != rec[usaOffset] || tail[1] != rec[usaOffset + 1]) return {};
+    tail[0] = rec[usaOffset + 2 * i];
+    tail[1] = rec[usaOffset + 2 * i + 1];
+  }
+  size_t off = get16(&rec[20]);
+  while (off + 24 <= rec.size()) {
+    uint32_t type = get32(&rec[off]), length = get32(&rec[off + 4]);
+    if (type == 0xFFFFFFFF || length < 16 || off + length > rec.size()) break;
+    if (type == 0x60 && rec[off + 8] == 0) {
+      uint32_t valueLength = get32(&rec[off + 16]);
+      uint32_t valueOffset = get16(&rec[off + 20]);
+      if (valueOffset + valueLength <= length) return utf16ToUtf8(&rec[off + valueOffset], valueLength / 2);
+      break;
+    }
+    off += length;
+  }
+  return {};
+}
+
+Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
+  Content c;
+  if (node.isExtendedType() || node.blockCount == 0) return c;
+  uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, node.blockCount);
+  std::vector<uint8_t> buf;
+  if (!readPartition(drive, node, 0, sectors, buf)) return c;
+  switch (Fs::detectContent(buf.data(), buf.size(), 0)) {
+    case Fs::ccFat12: c.system = "FAT12"; c.label = fatLabel(drive, node, buf.data(), false); break;
+    case Fs::ccFat16: c.system = "FAT16"; c.label = fatLabel(drive, node, buf.data(), false); break;
+    case Fs::ccFat32: c.system = "FAT32"; c.label = fatLabel(drive, node, buf.data(), true); break;
+    case Fs::ccNtfs: c.system = "NTFS"; c.label = ntfsLabel(drive, node, buf.data()); break;
+    case Fs::ccLinuxSwap: c.system = "LINUX SWAP"; break;
+    case Fs::ccExt2:
+    case Fs::ccExt3:
+      c.system = buf[1116] & 0x4 ? "EXT3FS" : "EXT2FS";
+      c.label = trimRight(std::string(reinterpret_cast<const char*>(&buf[1024 + 120]), 16));
+      break;
+    case Fs::ccReiser: c.system = "REISERFS"; break;
+    default: break;
+  }
+  // Labels are shown in one column; keep them printable and short.
+  for (char& ch : c.label)
+    if (static_cast<unsigned char>(ch) < 0x20) ch = '?';
+  if (c.label.size() > 16) c.label.resize(16);
+  return c;
+}
+
+// ---- Printing -----------------------------------------------------------------------------
+
+struct Options {
+  bool raw = false, lba = false, serial = false;
+};
+
+std::string rtrim(std::string s) {
+  while (!s.empty() && s.back() == ' ') s.pop_back();
+  return s;
+}
+
+void printDiskHeader() { print("Disk  Cylinders  Heads  Sectors         Size  %s\n", "Model"); }
+
+void printDiskRow(const FixedDisk& d, const Options& opt) {
+  if (!d.drive) {
+    print("%4u  %s\n", d.index + 1, d.status ? ("not accessible -- " + d.status->text()).c_str() : "not accessible");
+    return;
+  }
+  const auto& g = d.drive->geometry();
+  std::string ident = opt.serial ? d.drive->serialNumber() : d.drive->model();
+  std::string line = format("%4u  %9llu  %5u  %7u  %11s  %s", d.index + 1, static_cast<unsigned long long>(g.cylinders),
+                            g.heads, g.sectorsPerTrack, sizeText(d.drive->blockCount()).c_str(), ident.c_str());
+  if (g.bytesPerSector != 512) line += format("  (sector size %u bytes: read only)", g.bytesPerSector);
+  if (!d.ok() && d.status) line += "  not accessible -- " + d.status->text();
+  print("%s\n", rtrim(line).c_str());
+}
+
+struct Row {
+  std::string number;
+  const PartitionNode* node = nullptr;  // null for a removed partition's snapshot
+  uint64_t blockCount = 0;
+  uint8_t type = 0;
+  PartitionRole role = PartitionRole::Unknown;
+  bool active = false;
+  const char* marker = nullptr;
+};
+
+std::vector<Row> buildRows(const Corvo::Disk::PartitionedDisk& layout, const PartitionMark* mark) {
+  std::vector<Row> rows;
+  auto list = layout.displayList();
+  for (size_t i = 0; i < list.size(); ++i) {
+    const PartitionNode* n = list[i];
+    Row r;
+    r.number = std::to_string(i + 1);
+    r.node = n;
+    r.blockCount = n->blockCount;
+    r.type = n->type;
+    r.role = n->role;
+    r.active = n->active;
+    if (mark && !mark->removed && n->firstBlock == mark->firstBlock &&
+        (mark->role == PartitionRole::Unknown || mark->role == n->role))
+      r.marker = mark->marker;
+    rows.push_back(r);
+  }
+  if (mark && mark->removed) {
+    Row r;
+    r.number = "-";
+    r.blockCount = mark->blockCount;
+    r.type = mark->type;
+    r.role = mark->role;
+    r.marker = mark->marker;
+    // Its old place: a logical drive among the logical drives by position on the disk, any
+    // other partition before the first top-level partition that starts after it.
+    size_t at = rows.size();
+    bool logical = mark->role == PartitionRole::Logical;
+    for (size_t i = 0; i < rows.size(); ++i) {
+      const PartitionNode* n = rows[i].node;
+      if (logical) {
+        if (n->role == PartitionRole::Extended && n->firstBlock <= mark->firstBlock &&
+            mark->firstBlock <= n->lastBlock()) {
+          at = i + 1;
+          while (at < rows.size() && rows[at].node->isLogical() && rows[at].node->firstBlock < mark->firstBlock) ++at;
+          break;
+        }
+      } else if (!n->isLogical() && n->firstBlock > mark->firstBlock) {
+        at = i;
+        break;
+      }
+    }
+    rows.insert(rows.begin() + static_cast<std::ptrdiff_t>(at), r);
+  }
+  return rows;
+}
+
+void printPartitions(FixedDisk& d, const PartitionMark* mark) {
+  auto& layout = *d.layout;
+  auto rows = buildRows(layout, mark);
+  bool gpt = layout.scheme() == PartitionScheme::Gpt;
+  print("\nPartitions on fixed disk %u (%s):\n", d.index + 1, gpt ? "GPT" : "MBR");
+  if (rows.empty()) {
+    print("  No partitions\n");
+    return;
+  }
+  if (gpt)
+    print("Partition  Volume Label         Size  System      Usage      Type\n");
+  else
+    print("Partition  Id  Type         Volume Label         Size  System      Usage      Active\n");
+  for (const Row& r : rows) {
+    Content content;
+    if (r.node) content = readContent(*d.drive, *r.node);
+    std::string line;
+    if (gpt) {
+      std::string system = content.system;
+      std::string type = r.node ? gptTypeName(r.node->typeGuid) : "";
+      line = format("%9s  %-12s  %11s  %-10s  %-9s  %s", r.number.c_str(), content.label.c_str(),
+                    sizeText(r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
+    } else {
+      const TypeRow& t = typeRow(r.type);
+      std::string system = content.system.empty() ? categoryName(t.category) : content.system;
+      line = format("%9s  %02X  %-11s  %-12s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name,
+                    content.label.c_str(), sizeText(r.blockCount).c_str(), system.c_str(),
+                    Corvo::Disk::roleName(r.role), r.active ? "Yes" : "");
+    }
+    if (r.marker) line += std::string("  ") + r.marker;
+    print("%s\n", rtrim(line).c_str());
+  }
+}
+
+void printRawTables(FixedDisk& d, bool lba) {
+  auto tables = d.layout->rawTables();
+  for (size_t i = 0; i < tables.size(); ++i) {
+    const auto& t = tables[i];
+    const uint8_t* b = t.bytes.data();
+    uint16_t sig = get16(b + 510);
+    print("\n%s at sector %llu%s:\n", i == 0 ? "Master boot record" : "Extended boot record",
+          static_cast<unsigned long long>(t.block), sig == 0xAA55 ? "" : format(" (no 55 AA signature: %04X)", sig).c_str());
+    if (lba)
+      print("Slot  Boot  Type         Start         Count\n");
+    else
+      print("Slot  Boot  Type  Start Cyl Head Sec    End Cyl Head Sec\n");
+    for (int s = 0; s < 4; ++s) {
+      const uint8_t* e = b + 446 + 16 * s;
+      if (lba) {
+        print("%4d    %02X    %02X  %12u  %12u\n", s + 1, e[0], e[4], get32(e + 8), get32(e + 12));
+      } else {
+        unsigned sc = e[3] | ((e[2] & 0xC0u) << 2), ec = e[7] | ((e[6] & 0xC0u) << 2);
+        print("%4d    %02X    %02X  %9u %4u %3u  %9u %4u %3u\n", s + 1, e[0], e[4], sc, e[1], e[2] & 0x3Fu, ec, e[5],
+              e[6] & 0x3Fu);
+      }
+    }
+  }
+}
+
+void printProblems(const FixedDisk& d) {
+  for (const std::string& p : d.layout->facts().problems) message(mkWarning, "Fixed disk %u -- %s", d.index + 1, p.c_str());
+}
+
+void printDisk(FixedDisk& d, const PartitionMark* mark, const Options& opt) {
+  if (!d.ok()) return;
+  if (opt.raw || opt.lba) {
+    printRawTables(d, opt.lba);
+    if (d.layout->scheme() == PartitionScheme::Gpt) printPartitions(d, mark);
+  } else {
+    printPartitions(d, mark);
+  }
+  printProblems(d);
+}
+
+}  // namespace
+
+void printDiskStatus(FixedDisk& disk, const PartitionMark* mark) {
+  Options opt;
+  printDiskHeader();
+  printDiskRow(disk, opt);
+  printDisk(disk, mark, opt);
+}
+
+int commandStatus(SwitchSet& set) {
+  Corvo::Core::TraceScope scope("commandStatus");
+  if (!set.validate({&swSTATUS, &swRAW, &swLBA, &swSER, &swX, &swI, &swU, &swS, &swY, &swSURE, &swR, &swDIAG}, 0, 1)) {
+    message(mkError, "%s", set.errorText().c_str());
+    return 2;
+  }
+  Options opt;
+  opt.raw = set.isPresent(swRAW);
+  opt.lba = set.isPresent(swLBA);
+  opt.serial = set.isPresent(swSER);
+  if (opt.raw && opt.lba) {
+    message(mkError, "Conflicting switches. Specify either /RAW or /LBA");
+    return 2;
+  }
+  if (set.firstParameter()) {
+    uint32_t index = parseDiskNumber(set);
+    if (index == kNoDisk) return 2;
+    FixedDisk* d = findDisk(index);
+    if (!d) return 1;
+    printDiskHeader();
+    printDiskRow(*d, opt);
+    printDisk(*d, nullptr, opt);
+    return 0;
+  }
+  auto disks = fixedDisks();
+  if (disks.empty()) {
+    message(mkError, "No fixed disks found");
+    return 1;
+  }
+  reportInaccessibleDisks();
+  printDiskHeader();
+  for (FixedDisk* d : disks) printDiskRow(*d, opt);
+  for (FixedDisk* d : disks) printDisk(*d, nullptr, opt);
+  return 0;
+}
+
 }  // namespace Kdisk

@@ -1,5 +1,118 @@
 #include "app/Entry.h"
 
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "app/Batch.h"
+#include "app/ErrorReport.h"
+#include "app/Help.h"
+#include "core/Config.h"
+#include "core/Error.h"
+#include "core/Message.h"
+#include "core/Trace.h"
+#include "disk/DiskDrive.h"
+
 namespace Kdisk {
-int processEntry(const std::vector<std::string>&) { return 1; }
+
+using namespace Corvo::Core;
+
+namespace {
+
+std::vector<std::string> gArgs;  // the command line as the process received it
+
+// The name the program is known by in help texts and batch echoes: the file name of the
+// first argument, without a Windows ".exe".
+std::string displayName(const std::string& argv0) {
+  size_t slash = argv0.find_last_of("/\\");
+  std::string name = slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
+  if (name.size() > 4) {
+    std::string ext = name.substr(name.size() - 4);
+    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (ext == ".exe") name.resize(name.size() - 4);
+  }
+  return name.empty() ? std::string("kdisk") : name;
+}
+
+void shutDownLibrary() {
+  Corvo::Disk::DiskManager::instance().reset();
+  DiagnosticLog::close();
+  Config::clear();
+}
+
+int finish(int code) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  return code;
+}
+
+}  // namespace
+
+const std::vector<std::string>& processArguments() { return gArgs; }
+
+int processEntry(const std::vector<std::string>& args) {
+  gArgs = args.empty() ? std::vector<std::string>{"kdisk"} : args;
+  TraceScope scope("main");
+
+  // Library start-up: its own switches become configuration keys, then the disks are found.
+  std::vector<std::string> rest;
+  try {
+    rest = Config::takeStartupSwitches(gArgs);
+    Corvo::Disk::DiskManager::instance().enumerate();
+  } catch (const Error& e) {
+    Config::setInt("PhantomErrorId", e.numericId());
+    if (Config::getInt("PhantomErrorId", 0) != 0) message(mkError, "%s\n", e.text().c_str());
+    shutDownLibrary();
+    return finish(1);
+  } catch (const std::exception& e) {
+    message(mkError, "Cannot start the disk library -- %s", e.what());
+    shutDownLibrary();
+    return finish(1);
+  }
+
+  rest[0] = displayName(gArgs[0]);
+  int result = 1;
+  try {
+    SwitchSet set(std::move(rest));
+    if (set.isPresent(swVERSION) || set.isPresent(swVER)) {
+      printBanner();
+      shutDownLibrary();
+      return finish(0);
+    }
+    std::string diag;
+    bool diagHasValue = false;
+    if (set.isPresent(swDIAG, &diag, &diagHasValue)) {
+      if (!diagHasValue || diag.empty()) {
+        message(mkError, "Switch requires a value -- /DIAG");
+        shutDownLibrary();
+        return finish(2);
+      }
+      if (!DiagnosticLog::open(diag, false)) {
+        message(mkError, "Cannot open diagnostic log %s -- %s", diag.c_str(), std::strerror(errno));
+        shutDownLibrary();
+        return finish(2);
+      }
+    }
+    result = runCommandLine(set);
+  } catch (int code) {
+    result = code;  // a raised exit code
+  } catch (const Error& e) {
+    result = AbortServerReporterKdisk(gArgs[0]).handle(e);
+  } catch (const std::bad_alloc&) {
+    message(mkError, "Unable to complete command! -- out of memory");
+    result = 1;
+  } catch (const std::exception& e) {
+    message(mkError, "Unable to complete command! -- unexpected error: %s", e.what());
+    result = 1;
+  } catch (...) {
+    message(mkError, "Unable to complete command! -- unexpected error");
+    result = 1;
+  }
+  shutDownLibrary();
+  return finish(result);
+}
+
 }  // namespace Kdisk

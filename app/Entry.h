@@ -5,4 +5,6 @@
 
 namespace Kdisk {
 int processEntry(const std::vector<std::string>& args);
+// The command line as the process received it (kept for the whole run).
+const std::vector<std::string>& processArguments();
 }  // namespace Kdisk

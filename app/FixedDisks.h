@@ -26,6 +26,8 @@ struct FixedDisk {
 
 void buildFixedDiskTable();
 void releaseFixedDiskTable();
+// Appends a record made outside the disk manager (unit tests build in-memory disks this way).
+void adoptFixedDisk(std::unique_ptr<FixedDisk> record);
 std::vector<FixedDisk*> fixedDisks();
 
 uint32_t parseDiskNumber(const SwitchSet& set);  // 0-based, or kNoDisk after printing why

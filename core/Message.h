@@ -66,6 +66,8 @@ class Progress {
   ~Progress();
   void advance(uint64_t amount);
   void complete();
+  // Ends the display without reporting completion (the operation failed).
+  void abandon() { completed_ = true; }
 
  private:
   std::string title_;

@@ -28,6 +28,9 @@ struct OsLayoutEntry {
   std::array<uint8_t, 16> uniqueGuid{};  // GPT
   uint64_t attributes = 0;               // GPT
   std::u16string name;                   // GPT
+  // Logical drives: the sector of the extended boot record holding the entry (0: not given).
+  // Systems that rewrite the boot records from the layout need it.
+  uint64_t tableBlock = 0;
 };
 
 struct OsLayout {

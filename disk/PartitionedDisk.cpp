@@ -1,5 +1,7 @@
 #include "disk/PartitionedDisk.h"
 
+#include "disk/layout/PartitionTypes.h"
+
 namespace Corvo::Disk {
 
 const char* roleName(PartitionRole role) {
@@ -17,16 +19,7 @@ bool PartitionNode::isExtendedType() const {
   return type == 0x05 || type == 0x0F || type == 0x85 || type == 0x15 || type == 0x1F;
 }
 bool PartitionNode::isDosExtended() const { return type == 0x05 || type == 0x0F; }
-bool PartitionNode::isHiddenType() const {
-  // Hidden flag of the partition type table; kept in step with the type table.
-  switch (type) {
-    case 0x00: case 0x11: case 0x14: case 0x15: case 0x16: case 0x17: case 0x1B: case 0x1C: case 0x1E:
-    case 0x1F: case 0x84: case 0xA0: case 0xDE: case 0xFE:
-      return true;
-    default:
-      return false;
-  }
-}
+bool PartitionNode::isHiddenType() const { return lookupPartitionType(type).hidden; }
 
 const PartitionNode* PartitionNode::extendedContainer() const {
   if (role != PartitionRole::Logical) return nullptr;

@@ -34,5 +34,10 @@ enum FilesystemType : int {
 // kContentBytes are treated as zero-padded.
 unsigned detectContent(const uint8_t* buffer, size_t length, unsigned mode);
 const char* filesystemTypeName(int id);  // "fsfFat" ... "fsfLinuxSwap", else "fsfUnknown"
+// The filesystem type identifier for a content code; -1 when the code names no filesystem.
+int filesystemTypeOfContent(unsigned code);
+// The volume label in a FAT boot sector (trimmed; empty for "NO NAME", for no label and for
+// anything that is not a FAT boot sector).
+std::string volumeLabelOf(const uint8_t* buffer, size_t length);
 
 }  // namespace Corvo::Filesystem

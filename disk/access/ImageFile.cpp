@@ -1,10 +1,13 @@
-// Raw image files added with /ADDDISK=. (VMDK and block device nodes are recognised here too
-// as they are added.)
-#include <cstdio>
+// Disks added with /ADDDISK=: block device nodes go to the block-device backend (which can
+// tell the kernel a new layout), VMDK files to the VMDK backend, anything else is a raw image.
+#include <cctype>
 #include <string>
 
 #include "core/Error.h"
 #include "disk/DiskDriveAccess.h"
+#include "disk/access/FileIo.h"
+#include "disk/access/LinuxDisks.h"
+#include "disk/access/Vmdk.h"
 
 namespace Corvo::Disk {
 namespace {
@@ -12,32 +15,13 @@ namespace {
 using Core::Error;
 using Core::ErrorId;
 
-int seekTo(std::FILE* f, uint64_t offset) {
-#if defined(_WIN32)
-  return _fseeki64(f, static_cast<long long>(offset), SEEK_SET);
-#else
-  return fseeko(f, static_cast<off_t>(offset), SEEK_SET);
-#endif
-}
-
 class RawImageAccess : public DiskDriveAccess {
  public:
-  explicit RawImageAccess(const std::string& path) : path_(path) {
-    file_ = std::fopen(path.c_str(), "r+b");
-    if (!file_) file_ = std::fopen(path.c_str(), "rb");
-    if (!file_) throw Error(ErrorId::OpenFailed, "Cannot open disk image " + path).with("path", path);
-    std::fseek(file_, 0, SEEK_END);
-#if defined(_WIN32)
-    uint64_t size = static_cast<uint64_t>(_ftelli64(file_));
-#else
-    uint64_t size = static_cast<uint64_t>(ftello(file_));
-#endif
-    blocks_ = size / 512;
+  explicit RawImageAccess(const std::string& path) {
+    file_.open(path);
+    blocks_ = file_.size() / 512;
   }
-  ~RawImageAccess() override {
-    if (file_) std::fclose(file_);
-  }
-  std::string path() const override { return path_; }
+  std::string path() const override { return file_.path(); }
   Geometry getGeometry() const override {
     Geometry g;
     g.cylinders = blocks_ / (255 * 63);
@@ -46,22 +30,40 @@ class RawImageAccess : public DiskDriveAccess {
   uint64_t totalBlocks() const override { return blocks_; }
   std::string model() const override { return "Image file"; }
   void read(uint64_t first, uint64_t count, void* buffer) override {
-    if (seekTo(file_, first * 512) != 0 || std::fread(buffer, 512, count, file_) != count)
-      throw Error(ErrorId::ReadFailed, "Cannot read disk image " + path_).with("sector", std::to_string(first));
+    file_.readAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
-    if (seekTo(file_, first * 512) != 0 || std::fwrite(buffer, 512, count, file_) != count || std::fflush(file_) != 0)
-      throw Error(ErrorId::WriteFailed, "Cannot write disk image " + path_).with("sector", std::to_string(first));
+    file_.writeAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
+  void flush() override { file_.sync(); }
 
  private:
-  std::string path_;
-  std::FILE* file_ = nullptr;
+  FileIo file_;
   uint64_t blocks_ = 0;
 };
 
 }  // namespace
 
-std::unique_ptr<DiskDriveAccess> openImageDisk(const std::string& path) { return std::make_unique<RawImageAccess>(path); }
+std::unique_ptr<DiskDriveAccess> openImageDisk(const std::string& path) {
+  if (LinuxDisks::isBlockDevice(path)) return LinuxDisks::openBlockDevice(path);
+  uint8_t head[512] = {};
+  size_t got;
+  {
+    FileIo probe;
+    probe.openReadOnly(path);
+    got = probe.readSome(0, head, sizeof head);
+  }
+  if (Vmdk::looksLikeVmdk(head, got)) return Vmdk::open(path);
+  // A file named .vmdk that is neither a sparse extent nor a descriptor is a broken VMDK,
+  // except the data file of a flat image, which is a raw image of its own.
+  std::string lower;
+  for (char c : path) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  auto endsWith = [&](const char* tail) {
+    std::string t = tail;
+    return lower.size() >= t.size() && lower.compare(lower.size() - t.size(), t.size(), t) == 0;
+  };
+  if (endsWith(".vmdk") && !endsWith("-flat.vmdk")) return Vmdk::open(path);
+  return std::make_unique<RawImageAccess>(path);
+}
 
 }  // namespace Corvo::Disk

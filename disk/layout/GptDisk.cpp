@@ -1,7 +1,432 @@
 #include "disk/layout/GptDisk.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "core/Crc32.h"
+#include "core/Endian.h"
+#include "core/Message.h"
+#include "core/Trace.h"
+#include "disk/layout/GptGuid.h"
+
 namespace Corvo::Disk {
-std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive&) {
-  throw Core::Error(Core::ErrorId::NotSupported, "GPT disks cannot be read by this build");
+
+using Core::Error;
+using Core::ErrorId;
+using Core::format;
+
+namespace {
+constexpr uint64_t kAlignment = 2048;  // 1 MiB in 512-byte sectors
+constexpr uint8_t kProtectiveType = 0xEE;
+constexpr size_t kSlotTable = 446;
+
+uint64_t roundUp(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
+uint64_t roundDown(uint64_t v, uint64_t a) { return v / a * a; }
+
+std::u16string asciiName(const char* text) {
+  std::u16string out;
+  for (const char* p = text; *p; ++p) out += static_cast<char16_t>(static_cast<unsigned char>(*p));
+  return out;
 }
+}  // namespace
+
+std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive) {
+  Core::TraceScope scope("loadPartitions");
+  return std::make_unique<PartitionedDiskGpt>(drive);
+}
+
+PartitionedDiskGpt::PartitionedDiskGpt(DiskDrive& drive) : PartitionedDisk(drive) {
+  primary_.linkAlternate(&backup_);
+  backup_.linkAlternate(&primary_);
+  load();
+}
+
+void PartitionedDiskGpt::reload() {
+  Core::TraceScope scope("loadPartitions");
+  load();
+}
+
+void PartitionedDiskGpt::load() {
+  roots_.clear();
+  facts_ = TableFacts{};
+  mbr_.fill(0);
+  valid_ = false;
+  unit_ = gptBlockUnit(drive_);
+  const uint64_t blocks = drive_.blockCount() / unit_;
+
+  try {
+    std::vector<uint8_t> first(size_t{unit_} * kSectorSize);
+    drive_.read(0, unit_, first.data());
+    std::memcpy(mbr_.data(), first.data(), mbr_.size());
+  } catch (const Error& e) {
+    facts_.problems.push_back("The protective master boot record cannot be read -- " + e.text());
+  }
+  if (blocks < 4) {
+    facts_.problems.push_back("The disk is too small to hold a GPT partition table");
+    return;
+  }
+
+  GptTableCopy primaryCopy, backupCopy;
+  const std::string primaryFault = readGptCopy(drive_, 1, primaryCopy);
+  uint64_t backupAt = blocks - 1;
+  if (primaryFault.empty()) backupAt = primaryCopy.header.alternateBlock();
+  const std::string backupFault = readGptCopy(drive_, backupAt, backupCopy);
+
+  if (primaryFault.empty()) {
+    table_ = primaryCopy;
+    if (!backupFault.empty()) {
+      facts_.problems.push_back(format("The backup GPT header at block %llu %s; the primary copy is used",
+                                       (unsigned long long)backupAt, backupFault.c_str()));
+    } else {
+      const GptHeader &p = primaryCopy.header, &b = backupCopy.header;
+      if (p.diskGuid() != b.diskGuid() || p.firstUsableBlock() != b.firstUsableBlock() ||
+          p.lastUsableBlock() != b.lastUsableBlock() || p.entryCount() != b.entryCount() ||
+          p.entrySize() != b.entrySize() || p.entriesCrc() != b.entriesCrc())
+        facts_.problems.push_back("The primary and backup GPT tables differ; the primary copy is used");
+    }
+  } else if (backupFault.empty()) {
+    table_ = backupCopy;
+    facts_.problems.push_back(format("The primary GPT header %s; the backup copy at block %llu is used",
+                                     primaryFault.c_str(), (unsigned long long)backupAt));
+  } else {
+    facts_.problems.push_back(
+        format("Neither GPT header can be used (the primary header %s; the backup header at "
+               "block %llu %s); no partitions are shown",
+               primaryFault.c_str(), (unsigned long long)backupAt, backupFault.c_str()));
+    return;
+  }
+  valid_ = true;
+
+  // Both headers as they will be written back: the copy in use gives every shared field. The
+  // backup copy belongs in the disk's last block (a disk that has grown gets it moved there);
+  // each copy keeps its own entry array position when it was valid where it belongs.
+  const uint64_t lastBlock = blocks - 1;
+  if (backupFault.empty() && backupAt != lastBlock)
+    facts_.problems.push_back(format("The backup GPT header lies at block %llu instead of the disk's last block %llu; "
+                                     "it is moved there when the table is next written",
+                                     (unsigned long long)backupAt, (unsigned long long)lastBlock));
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
+  primary_ = table_.header;
+  primary_.setHeaderSize(GptHeader::kSize);
+  primary_.setMyBlock(1);
+  primary_.setAlternateBlock(lastBlock);
+  primary_.setEntriesBlock(primaryFault.empty() ? primaryCopy.header.entriesBlock() : 2);
+  backup_ = table_.header;
+  backup_.setHeaderSize(GptHeader::kSize);
+  backup_.setMyBlock(lastBlock);
+  backup_.setAlternateBlock(1);
+  backup_.setEntriesBlock(backupFault.empty() && backupAt == lastBlock ? backupCopy.header.entriesBlock()
+                                                                       : lastBlock - arrayBlocks);
+
+  for (uint32_t i = 0; i < table_.header.entryCount(); ++i) {
+    GptRecord rec = table_.record(i);
+    if (!rec.isUsed()) {
+      if (!rec.isAllZero()) facts_.nonZeroUnusedEntry = true;
+      continue;
+    }
+    if (rec.lastBlock() < rec.firstBlock()) {
+      facts_.problems.push_back(format("GPT entry %u ends before it starts; it is ignored", i + 1));
+      continue;
+    }
+    roots_.push_back(makeNode(i));
+  }
+}
+
+std::unique_ptr<PartitionNode> PartitionedDiskGpt::makeNode(uint32_t index) const {
+  GptRecord rec = table_.record(index);
+  auto node = std::make_unique<PartitionNode>();
+  node->role = PartitionRole::Primary;
+  node->firstBlock = rec.firstBlock() * unit_;
+  node->blockCount = (rec.lastBlock() - rec.firstBlock() + 1) * unit_;
+  node->type = 0;
+  node->tableBlock = 0;
+  node->slot = static_cast<int>(index);
+  node->typeGuid = rec.typeGuid();
+  node->uniqueGuid = rec.uniqueGuid();
+  node->attributes = rec.attributes();
+  node->name = rec.name();
+  return node;
+}
+
+std::vector<RawBootRecord> PartitionedDiskGpt::rawTables() const {
+  RawBootRecord r;
+  r.block = 0;
+  r.bytes = mbr_;
+  return {r};
+}
+
+unsigned PartitionedDiskGpt::slotCount() const { return valid_ ? table_.header.entryCount() : 0; }
+unsigned PartitionedDiskGpt::primarySlotsInUse() const {
+  if (!valid_) return 0;
+  unsigned used = 0;
+  for (uint32_t i = 0; i < table_.header.entryCount(); ++i)
+    if (table_.record(i).isUsed()) ++used;
+  return used;
+}
+
+void PartitionedDiskGpt::requireWritable(const char* what) const {
+  if (!valid_)
+    throw Error(ErrorId::InvalidTable, format("Cannot %s: the GPT partition table of this disk is damaged", what));
+  if (!drive_.isWritable())
+    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(drive_.geometry().bytesPerSector));
+  // Both entry arrays and the backup header must lie outside the usable area and on the disk,
+  // or a rewrite would overwrite partition data.
+  const uint64_t blocks = drive_.blockCount() / unit_;
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
+  const uint64_t first = primary_.firstUsableBlock(), last = primary_.lastUsableBlock();
+  const uint64_t p = primary_.entriesBlock(), b = backup_.entriesBlock(), at = backup_.myBlock();
+  bool sane = p >= 2 && p + arrayBlocks <= first && b > last && b + arrayBlocks <= at && at > last && at < blocks;
+  if (!sane)
+    throw Error(ErrorId::InvalidTable,
+                format("Cannot %s: the GPT partition table of this disk has an unusual layout that cannot be "
+                       "rewritten safely",
+                       what));
+}
+
+int PartitionedDiskGpt::indexOf(const PartitionNode& node) const {
+  for (size_t i = 0; i < roots_.size(); ++i)
+    if (roots_[i].get() == &node) return static_cast<int>(i);
+  return -1;
+}
+
+void PartitionedDiskGpt::writeTables() {
+  Core::TraceScope scope("doAcceptPost");
+  const uint32_t crc = Core::crc32(table_.entries.data(), table_.entries.size());
+  for (GptHeader* h : {&primary_, &backup_}) {
+    h->setEntriesCrc(crc);
+    h->updateHeaderCrc();
+  }
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
+  std::vector<uint8_t> array(arrayBlocks * unit_ * kSectorSize, 0);
+  std::memcpy(array.data(), table_.entries.data(), table_.entries.size());
+  auto writeHeader = [&](const GptHeader& h) {
+    std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
+    h.copyTo(sector.data());
+    drive_.write(h.myBlock() * unit_, unit_, sector.data());
+  };
+  // Backup first: until the primary header is rewritten a reader still sees the old primary
+  // table; once the primary array is being rewritten its CRC fails and the (new) backup serves.
+  drive_.write(backup_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
+  writeHeader(backup_);
+  drive_.write(primary_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
+  writeHeader(primary_);
+  table_.header = primary_;
+
+  // The protective MBR: one 0xEE slot from block 1 over the whole disk (at most 2^32 - 1
+  // blocks). Only a wrong one is rewritten; boot code and disk signature stay.
+  const uint64_t blocks = drive_.blockCount() / unit_;
+  const uint32_t cover = static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull));
+  uint8_t* slots = mbr_.data() + kSlotTable;
+  int ee = -1;
+  for (int s = 0; s < 4; ++s)
+    if (slots[16 * s + 4] == kProtectiveType) ee = s;
+  bool ok = ee >= 0 && mbr_[510] == 0x55 && mbr_[511] == 0xAA && Core::get32(slots + 16 * ee + 8) == 1 &&
+            Core::get32(slots + 16 * ee + 12) == cover;
+  if (!ok) {
+    if (ee < 0) {
+      std::memset(slots, 0, 64);
+      ee = 0;
+    }
+    uint8_t* e = slots + 16 * ee;
+    const uint8_t entry[8] = {0x00, 0x00, 0x02, 0x00, kProtectiveType, 0xFF, 0xFF, 0xFF};
+    std::memcpy(e, entry, sizeof entry);
+    Core::put32(e + 8, 1);
+    Core::put32(e + 12, cover);
+    mbr_[510] = 0x55;
+    mbr_[511] = 0xAA;
+    std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
+    drive_.read(0, unit_, sector.data());
+    std::memcpy(sector.data(), mbr_.data(), mbr_.size());
+    drive_.write(0, unit_, sector.data());
+  }
+  drive_.flush();
+}
+
+void PartitionedDiskGpt::reportLayout() {
+  OsLayout layout;
+  layout.style = OsLayout::Gpt;
+  layout.diskGuid = primary_.diskGuid();
+  layout.firstUsableBlock = primary_.firstUsableBlock() * unit_;
+  layout.usableBlocks = (primary_.lastUsableBlock() + 1 - primary_.firstUsableBlock()) * unit_;
+  for (const auto& n : roots_) {
+    OsLayoutEntry e;
+    e.number = static_cast<uint32_t>(n->slot + 1);
+    e.firstBlock = n->firstBlock;
+    e.blockCount = n->blockCount;
+    e.typeGuid = n->typeGuid;
+    e.uniqueGuid = n->uniqueGuid;
+    e.attributes = n->attributes;
+    e.name = n->name;
+    layout.entries.push_back(std::move(e));
+  }
+  try {
+    drive_.setNativePartitionLayout(layout);
+  } catch (const Error& e) {
+    lastWarning_ = e.text();
+  }
+}
+
+PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
+  Core::TraceScope scope("createPartitionInSlot");
+  lastWarning_.clear();
+  requireWritable("create a partition");
+  if (request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition must be at least one sector long");
+
+  const uint32_t count = table_.header.entryCount();
+  uint32_t index = count;
+  for (uint32_t i = 0; i < count && index == count; ++i)
+    if (!table_.record(i).isUsed()) index = i;
+  if (index == count)
+    throw Error(ErrorId::NoSpace, format("All %u entries of the GPT partition table are in use", count));
+
+  // Free space between the used entries within the usable area, each gap cut to 1 MiB bounds.
+  struct Gap {
+    uint64_t start, end;  // aligned, end exclusive
+  };
+  std::vector<std::pair<uint64_t, uint64_t>> used;
+  for (uint32_t i = 0; i < count; ++i) {
+    GptRecord r = table_.record(i);
+    if (r.isUsed() && r.lastBlock() >= r.firstBlock()) used.emplace_back(r.firstBlock(), r.lastBlock());
+  }
+  std::sort(used.begin(), used.end());
+  std::vector<Gap> gaps;
+  const uint64_t firstUsable = primary_.firstUsableBlock(), lastUsable = primary_.lastUsableBlock();
+  uint64_t cursor = firstUsable;
+  auto addGap = [&](uint64_t from, uint64_t toInclusive) {
+    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
+    if (e > s) gaps.push_back({s, e});
+  };
+  for (const auto& [a, b] : used) {
+    if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
+    cursor = std::max(cursor, b + 1);
+  }
+  if (cursor <= lastUsable) addGap(cursor, lastUsable);
+
+  uint64_t largest = 0;
+  for (const Gap& g : gaps) largest = std::max(largest, g.end - g.start);
+
+  uint64_t start = 0, size = 0;
+  if (request.sizeBlocks == CreationRequest::kLargest) {
+    for (const Gap& g : gaps)
+      if (g.end - g.start == largest && (size == 0 || request.placeAtEnd)) {
+        start = g.start;
+        size = largest;
+      }
+  } else {
+    // Sizes become whole MiB: rounded up, or down when only that fits.
+    for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
+      if (want == 0 || size) continue;
+      for (const Gap& g : gaps) {
+        if (g.end - g.start < want) continue;
+        if (!request.placeAtEnd) {
+          start = g.start;
+          size = want;
+          break;
+        }
+        start = g.end - want;
+        size = want;
+      }
+    }
+  }
+  if (size == 0) {
+    request.largestAvailable = largest;
+    return nullptr;
+  }
+
+  GuidBytes unique;
+  auto clash = [&](const GuidBytes& g) {
+    if (g == primary_.diskGuid()) return true;
+    for (const auto& n : roots_)
+      if (n->uniqueGuid == g) return true;
+    return false;
+  };
+  do unique = randomGuid();
+  while (clash(unique));
+
+  const bool linuxData = request.formatKind == 4;
+  GptRecord rec;
+  rec.setTypeGuid(linuxData ? gptTypeLinuxData() : gptTypeMicrosoftBasicData());
+  rec.setUniqueGuid(unique);
+  rec.setFirstBlock(start);
+  rec.setLastBlock(start + size - 1);
+  rec.setAttributes(0);
+  rec.setName(asciiName(linuxData ? "Linux filesystem" : "Basic data partition"));
+
+  const GptTableCopy before = table_;
+  table_.setRecord(index, rec);
+  try {
+    writeTables();
+  } catch (...) {
+    table_ = before;
+    load();  // the disk may hold either state now; show what it holds
+    throw;
+  }
+  auto node = makeNode(index);
+  PartitionNode* result = node.get();
+  auto pos =
+      std::find_if(roots_.begin(), roots_.end(), [&](const auto& n) { return n->slot > static_cast<int>(index); });
+  roots_.insert(pos, std::move(node));
+  reportLayout();
+  return result;
+}
+
+PartitionNode* PartitionedDiskGpt::createExtended(CreationRequest&) {
+  throw Error(ErrorId::NotSupported, "Extended DOS partitions are not supported on GPT disks");
+}
+PartitionNode* PartitionedDiskGpt::createLogical(CreationRequest&) {
+  throw Error(ErrorId::NotSupported, "Logical DOS drives are not supported on GPT disks");
+}
+void PartitionedDiskGpt::setActive(PartitionNode&) {
+  throw Error(ErrorId::NotSupported, "Active partitions are not supported on GPT disks");
+}
+void PartitionedDiskGpt::clearActive(PartitionNode&) {
+  throw Error(ErrorId::NotSupported, "Active partitions are not supported on GPT disks");
+}
+void PartitionedDiskGpt::setType(PartitionNode&, uint8_t) {
+  throw Error(ErrorId::NotSupported, "Partition type bytes (hiding and unhiding) are not supported on GPT disks");
+}
+
+void PartitionedDiskGpt::remove(PartitionNode& node) {
+  Core::TraceScope scope("doDeleteChild");
+  lastWarning_.clear();
+  const int at = indexOf(node);
+  if (at < 0) throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk");
+  requireWritable("delete the partition");
+  drive_.prepareForChange(node.firstBlock, node.blockCount);
+
+  const GptTableCopy before = table_;
+  table_.setRecord(static_cast<uint32_t>(node.slot), GptRecord());
+  try {
+    writeTables();
+  } catch (...) {
+    table_ = before;
+    load();
+    throw;
+  }
+  roots_.erase(roots_.begin() + at);
+  reportLayout();
+}
+
+void PartitionedDiskGpt::removeAll() {
+  Core::TraceScope scope("doDeleteChild");
+  lastWarning_.clear();
+  requireWritable("delete the partitions");
+  if (roots_.empty()) return;
+  for (const auto& n : roots_) drive_.prepareForChange(n->firstBlock, n->blockCount);
+
+  const GptTableCopy before = table_;
+  std::fill(table_.entries.begin(), table_.entries.end(), uint8_t{0});
+  try {
+    writeTables();
+  } catch (...) {
+    table_ = before;
+    load();
+    throw;
+  }
+  roots_.clear();
+  facts_.nonZeroUnusedEntry = false;
+  reportLayout();
+}
+
 }  // namespace Corvo::Disk

@@ -1,13 +1,63 @@
-// The GPT table driver.
+// The GPT table driver: reads both copies of the table, models the used entries as primary
+// partitions, and writes every change to both copies and the protective MBR.
 #pragma once
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "disk/PartitionedDisk.h"
+#include "disk/layout/GptFormat.h"
 
 namespace Corvo::Disk {
 
 // Reads a GPT disk (the caller found the protective 0xEE entry in the MBR). Damage that
 // leaves no usable header copy is reported in facts().problems with no partitions.
 std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive);
+
+class PartitionedDiskGpt : public PartitionedDisk {
+ public:
+  explicit PartitionedDiskGpt(DiskDrive& drive);
+
+  PartitionScheme scheme() const override { return PartitionScheme::Gpt; }
+  const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
+  const TableFacts& facts() const override { return facts_; }
+  std::vector<RawBootRecord> rawTables() const override;
+  void reload() override;
+
+  unsigned slotCount() const override;
+  unsigned primarySlotsInUse() const override;
+  PartitionNode* createPrimary(CreationRequest& request) override;
+  PartitionNode* createExtended(CreationRequest& request) override;
+  PartitionNode* createLogical(CreationRequest& request) override;
+  void remove(PartitionNode& node) override;
+  void removeAll() override;
+  void setActive(PartitionNode& node) override;
+  void clearActive(PartitionNode& node) override;
+  void setType(PartitionNode& node, uint8_t type) override;
+
+  // False when neither header copy could be used (the disk then shows no partitions and
+  // refuses changes).
+  bool hasValidTable() const { return valid_; }
+  const GptHeader& primaryHeader() const { return primary_; }
+  const GptHeader& backupHeader() const { return backup_; }
+  GptRecord record(uint32_t index) const { return table_.record(index); }
+
+ private:
+  void load();
+  std::unique_ptr<PartitionNode> makeNode(uint32_t index) const;
+  void requireWritable(const char* what) const;
+  int indexOf(const PartitionNode& node) const;
+  // Writes both copies of the table (backup first) and repairs the protective MBR.
+  void writeTables();
+  void reportLayout();
+
+  std::vector<std::unique_ptr<PartitionNode>> roots_;
+  TableFacts facts_;
+  std::array<uint8_t, 512> mbr_{};
+  bool valid_ = false;
+  uint32_t unit_ = 1;   // 512-byte sectors per GPT block
+  GptTableCopy table_;  // the copy in use: its header and the entry array
+  GptHeader primary_, backup_;
+};
 
 }  // namespace Corvo::Disk

@@ -1,9 +1,13 @@
 // FAT12/16/32 formatter: type descriptors whose format operation writes a complete FAT
 // filesystem onto a block device (a partition).
 #pragma once
+#include <array>
 #include <cstdint>
+#include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "disk/BlockDevice.h"
 
@@ -24,5 +28,123 @@ bool validateVolumeLabel(const std::string& label, bool report);
 // typeIndex: 0 FAT12, 1 FAT16, 2 FAT32. Formats the whole device; prints its own progress and
 // step messages; throws Core::Error (after printing the failed step's message) on failure.
 void formatFat(Disk::BlockDevice& device, int typeIndex, const FatFormatOptions& options);
+
+// Volume serial number made from a local time: the month and second in the top byte, the
+// day, the hour, and year plus minute in the low 16 bits (32-bit wrap-around).
+uint32_t fatVolumeSerial(const std::tm& localTime);
+
+// What the formatter computes before it writes anything. Counts are 512-byte sectors.
+struct FatLayout {
+  uint32_t reservedSectors = 0;
+  uint32_t fatSectors = 0;       // both FAT copies together
+  uint32_t rootDirSectors = 0;   // 0 on FAT32 (the root directory is cluster 2)
+  uint32_t dataSectors = 0;      // a whole number of clusters
+  uint64_t unusableSectors = 0;  // the partition's sectors beyond the four regions
+  uint32_t freeClusters = 0, usedClusters = 0, badClusters = 0, totalClusters = 0;
+  // Convenience copies of the BPB's choices.
+  uint32_t sectorsPerCluster = 0;
+  uint32_t sectorsPerFat = 0;          // one copy
+  uint32_t volumeSerial = 0;
+  std::array<uint8_t, 512> bootSector{};
+  std::array<uint8_t, 512> fsInfo{};   // FAT32 only
+};
+
+// Base of the FAT type descriptors. One shared format operation; the types differ in the
+// constants below and in the boot region they write.
+class FAT {
+ public:
+  // typeIndex: 0 FAT12, 1 FAT16, 2 FAT32 (also picks the type string of the boot sector).
+  FAT(Disk::BlockDevice& device, int typeIndex);
+  virtual ~FAT();
+  FAT(const FAT&) = delete;
+  FAT& operator=(const FAT&) = delete;
+
+  // The type string stored in the boot sector: "FAT12", "FAT16" or "FAT32".
+  virtual const char* typeName() const;
+  // Writes the filesystem. Prints progress, the step messages and the summary; on failure
+  // prints the failed step's message and throws Core::Error (sectors already written stay).
+  virtual void format(const FatFormatOptions& options);
+  // Root directory entries of the BPB: 512 on FAT12/16, 0 on FAT32.
+  virtual uint16_t rootDirectoryEntries() const { return 512; }
+  virtual uint32_t reservedSectorCount() const = 0;  // starting value
+  virtual int bpbLayoutKind() const = 0;             // 2: FAT12/16, 3: FAT32
+  virtual uint32_t minSectorsPerCluster() const = 0;
+  virtual uint32_t maxSectorsPerCluster() const = 0;
+  virtual uint32_t maxClusterCount() const = 0;
+  virtual unsigned bitsPerFatEntry() const = 0;
+  virtual uint32_t endOfChain() const = 0;
+  // The bytes of FAT entries 0 and 1 for the given media byte.
+  virtual std::vector<uint8_t> initialFatEntries(uint8_t media) const = 0;
+  // Writes the boot sector (and on FAT32 the rest of the reserved area), sector 0 last.
+  virtual void writeBootRegion();
+  // The FAT entry value that marks a cluster as bad.
+  virtual uint32_t badClusterMark() const = 0;
+
+  // Computes the BPB and the layout for the device without writing anything. Throws
+  // Core::Error (BpbFailed) when no layout fits. `now` is the local time for the serial.
+  const FatLayout& buildBpb(const FatFormatOptions& options, const std::tm& now);
+  const FatLayout& layout() const { return *layout_; }
+  int typeIndex() const { return typeIndex_; }
+
+ protected:
+  Disk::BlockDevice& device_;
+  int typeIndex_;
+  std::unique_ptr<FatLayout> layout_;
+
+ private:
+  void buildLayoutSmall(uint64_t total);  // layout kind 2 (FAT12, FAT16)
+  void buildLayoutFat32(uint64_t total);  // layout kind 3
+  void limitClusterCount();
+  void fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now);
+};
+
+class FAT12 : public FAT {
+ public:
+  explicit FAT12(Disk::BlockDevice& device) : FAT(device, 0) {}
+  uint32_t reservedSectorCount() const override { return 1; }
+  int bpbLayoutKind() const override { return 2; }
+  uint32_t minSectorsPerCluster() const override { return 8; }
+  uint32_t maxSectorsPerCluster() const override { return 8; }  // always 4 KB clusters
+  uint32_t maxClusterCount() const override { return 0xFF7; }
+  unsigned bitsPerFatEntry() const override { return 12; }
+  uint32_t endOfChain() const override { return 0xFFF; }
+  std::vector<uint8_t> initialFatEntries(uint8_t media) const override { return {media, 0xFF, 0xFF}; }
+  uint32_t badClusterMark() const override { return 0xFF7; }
+};
+
+class FAT16 : public FAT {
+ public:
+  explicit FAT16(Disk::BlockDevice& device) : FAT(device, 1) {}
+  uint32_t reservedSectorCount() const override { return 1; }
+  int bpbLayoutKind() const override { return 2; }
+  uint32_t minSectorsPerCluster() const override { return 4; }
+  uint32_t maxSectorsPerCluster() const override { return 128; }
+  uint32_t maxClusterCount() const override { return 0xFFF7; }
+  unsigned bitsPerFatEntry() const override { return 16; }
+  uint32_t endOfChain() const override { return 0xFFFF; }
+  std::vector<uint8_t> initialFatEntries(uint8_t media) const override { return {media, 0xFF, 0xFF, 0xFF}; }
+  uint32_t badClusterMark() const override { return 0xFFF7; }
+};
+
+class FAT32 : public FAT {
+ public:
+  explicit FAT32(Disk::BlockDevice& device) : FAT(device, 2) {}
+  uint16_t rootDirectoryEntries() const override { return 0; }
+  uint32_t reservedSectorCount() const override { return 32; }
+  int bpbLayoutKind() const override { return 3; }
+  uint32_t minSectorsPerCluster() const override { return 8; }
+  uint32_t maxSectorsPerCluster() const override { return 64; }
+  uint32_t maxClusterCount() const override { return 0x0FFFFFF7; }
+  unsigned bitsPerFatEntry() const override { return 32; }
+  uint32_t endOfChain() const override { return 0x0FFFFFFF; }
+  std::vector<uint8_t> initialFatEntries(uint8_t media) const override {
+    return {media, 0xFF, 0xFF, 0x0F, 0xFF, 0xFF, 0xFF, 0x0F};
+  }
+  void writeBootRegion() override;
+  uint32_t badClusterMark() const override { return 0x0FFFFFF7; }
+};
+
+// The descriptor for a type index (0 FAT12, 1 FAT16, 2 FAT32); throws InvalidArgument else.
+std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, int typeIndex);
 
 }  // namespace Corvo::Filesystem

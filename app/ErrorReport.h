@@ -1,0 +1,29 @@
+// The program's handler for library errors that reach the top level: writes kdiskerr.txt
+// beside the program and tells the user where it is.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "core/AbortServerReporter.h"
+
+namespace Kdisk {
+
+class AbortServerReporterKdisk : public Corvo::Core::AbortServerReporter {
+ public:
+  // programPath: the program as started (first argument); its folder is tried first.
+  explicit AbortServerReporterKdisk(std::string programPath) : programPath_(std::move(programPath)) {}
+
+ protected:
+  std::string title() const override;
+  std::string notice() const override;
+  std::string errorFileName() const override;
+  std::vector<std::string> errorFileFolders() const override;
+
+ private:
+  std::string programPath_;
+};
+
+// The folder holding the running executable, or empty when it cannot be found.
+std::string executableFolder();
+
+}  // namespace Kdisk

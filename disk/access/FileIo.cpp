@@ -1,0 +1,196 @@
+#include "disk/access/FileIo.h"
+
+#include <algorithm>
+
+#include "core/Error.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#endif
+#if defined(__linux__)
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#endif
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+#if defined(_WIN32)
+
+std::string lastSystemError() {
+  DWORD code = GetLastError();
+  char buf[512] = {};
+  DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, buf,
+                           sizeof buf, nullptr);
+  std::string text(buf, n);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '.')) text.pop_back();
+  if (text.empty()) text = "system error " + std::to_string(code);
+  return text;
+}
+
+FileIo::~FileIo() {
+  if (handle_) CloseHandle(static_cast<HANDLE>(handle_));
+}
+
+bool FileIo::isOpen() const { return handle_ != nullptr; }
+
+void FileIo::doOpen(const std::string& path, bool tryWrite) {
+  path_ = path;
+  HANDLE h = INVALID_HANDLE_VALUE;
+  if (tryWrite) {
+    h = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    writable_ = h != INVALID_HANDLE_VALUE;
+  }
+  if (h == INVALID_HANDLE_VALUE)
+    h = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                    FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE)
+    throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
+  handle_ = h;
+}
+
+uint64_t FileIo::size() const {
+  LARGE_INTEGER s{};
+  if (!GetFileSizeEx(static_cast<HANDLE>(handle_), &s)) return 0;
+  return static_cast<uint64_t>(s.QuadPart);
+}
+
+size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
+  size_t done = 0;
+  while (done < bytes) {
+    OVERLAPPED ov{};
+    uint64_t at = offset + done;
+    ov.Offset = static_cast<DWORD>(at);
+    ov.OffsetHigh = static_cast<DWORD>(at >> 32);
+    DWORD want = static_cast<DWORD>(std::min<size_t>(bytes - done, 1u << 30)), got = 0;
+    if (!ReadFile(static_cast<HANDLE>(handle_), static_cast<char*>(buffer) + done, want, &got, &ov)) {
+      if (GetLastError() == ERROR_HANDLE_EOF) break;
+      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+          .with("path", path_)
+          .with("offset", std::to_string(at));
+    }
+    if (got == 0) break;
+    done += got;
+  }
+  return done;
+}
+
+void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
+  if (!writable_)
+    throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- it could only be opened read-only")
+        .with("path", path_);
+  size_t done = 0;
+  while (done < bytes) {
+    OVERLAPPED ov{};
+    uint64_t at = offset + done;
+    ov.Offset = static_cast<DWORD>(at);
+    ov.OffsetHigh = static_cast<DWORD>(at >> 32);
+    DWORD want = static_cast<DWORD>(std::min<size_t>(bytes - done, 1u << 30)), put = 0;
+    if (!WriteFile(static_cast<HANDLE>(handle_), static_cast<const char*>(buffer) + done, want, &put, &ov) ||
+        put == 0)
+      throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + lastSystemError())
+          .with("path", path_)
+          .with("offset", std::to_string(at));
+    done += put;
+  }
+}
+
+void FileIo::sync() {
+  if (writable_) FlushFileBuffers(static_cast<HANDLE>(handle_));
+}
+
+#else
+
+std::string lastSystemError() { return std::strerror(errno); }
+
+FileIo::~FileIo() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool FileIo::isOpen() const { return fd_ >= 0; }
+
+void FileIo::doOpen(const std::string& path, bool tryWrite) {
+  path_ = path;
+  int fd = -1;
+  if (tryWrite) {
+    fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    writable_ = fd >= 0;
+  }
+  if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
+  fd_ = fd;
+}
+
+uint64_t FileIo::size() const {
+  struct stat st {};
+  if (fstat(fd_, &st) != 0) return 0;
+#if defined(__linux__)
+  if (S_ISBLK(st.st_mode)) {
+    uint64_t bytes = 0;
+    if (ioctl(fd_, BLKGETSIZE64, &bytes) == 0) return bytes;
+    return 0;
+  }
+#endif
+  return static_cast<uint64_t>(st.st_size);
+}
+
+size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
+  size_t done = 0;
+  while (done < bytes) {
+    ssize_t n = ::pread(fd_, static_cast<char*>(buffer) + done, bytes - done, static_cast<off_t>(offset + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+          .with("path", path_)
+          .with("offset", std::to_string(offset + done));
+    }
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return done;
+}
+
+void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
+  if (!writable_)
+    throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- it could only be opened read-only")
+        .with("path", path_);
+  size_t done = 0;
+  while (done < bytes) {
+    ssize_t n =
+        ::pwrite(fd_, static_cast<const char*>(buffer) + done, bytes - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0)
+      throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + (n < 0 ? lastSystemError() : "no space"))
+          .with("path", path_)
+          .with("offset", std::to_string(offset + done));
+    done += static_cast<size_t>(n);
+  }
+}
+
+void FileIo::sync() {
+  if (writable_) ::fsync(fd_);
+}
+
+#endif
+
+void FileIo::open(const std::string& path) { doOpen(path, true); }
+void FileIo::openReadOnly(const std::string& path) { doOpen(path, false); }
+
+void FileIo::readAt(uint64_t offset, void* buffer, size_t bytes) const {
+  if (readSome(offset, buffer, bytes) != bytes)
+    throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- unexpected end of file")
+        .with("path", path_)
+        .with("offset", std::to_string(offset));
+}
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,48 @@
+// Positional file I/O shared by the image backends: whole-byte reads and writes at 64-bit
+// offsets, on POSIX and on Windows.
+#pragma once
+#include <cstdint>
+#include <string>
+
+namespace Corvo::Disk {
+
+class FileIo {
+ public:
+  FileIo() = default;
+  ~FileIo();
+  FileIo(const FileIo&) = delete;
+  FileIo& operator=(const FileIo&) = delete;
+
+  // Opens read-write when possible, else read-only. Throws Core::Error (OpenFailed) naming
+  // the file and the system's reason.
+  void open(const std::string& path);
+  // Opens read-only; throws like open().
+  void openReadOnly(const std::string& path);
+  bool isOpen() const;
+  bool writable() const { return writable_; }
+  const std::string& path() const { return path_; }
+  uint64_t size() const;
+
+  // Throw Core::Error (ReadFailed / WriteFailed) naming the file on failure or a short
+  // transfer.
+  void readAt(uint64_t offset, void* buffer, size_t bytes) const;
+  void writeAt(uint64_t offset, const void* buffer, size_t bytes);
+  // Reads as much as there is; returns the byte count (0 at end of file).
+  size_t readSome(uint64_t offset, void* buffer, size_t bytes) const;
+  void sync();
+
+ private:
+  void doOpen(const std::string& path, bool tryWrite);
+  std::string path_;
+  bool writable_ = false;
+#if defined(_WIN32)
+  void* handle_ = nullptr;
+#else
+  int fd_ = -1;
+#endif
+};
+
+// The system's text for the last error (errno / GetLastError).
+std::string lastSystemError();
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,473 @@
+#include "disk/access/LinuxDisks.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <iterator>
+#include <map>
+
+#include "core/Config.h"
+#include "core/Error.h"
+#include "core/Trace.h"
+
+#if defined(__linux__)
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/blkpg.h>
+#include <linux/fs.h>
+#include <linux/hdreg.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#endif
+
+namespace Corvo::Disk::LinuxDisks {
+
+using Core::Error;
+using Core::ErrorId;
+
+namespace {
+
+bool allDigits(const std::string& s, size_t from, size_t to) {
+  if (from >= to) return false;
+  for (size_t i = from; i < to; ++i)
+    if (!std::isdigit(static_cast<unsigned char>(s[i]))) return false;
+  return true;
+}
+bool allLower(const std::string& s, size_t from) {
+  if (from >= s.size()) return false;
+  for (size_t i = from; i < s.size(); ++i)
+    if (s[i] < 'a' || s[i] > 'z') return false;
+  return true;
+}
+
+// Families in the order they are listed; the rest of the name is compared naturally.
+const char* const kFamilies[] = {"sd", "vd", "xvd", "nvme", "mmcblk"};
+
+int familyOf(const std::string& name) {
+  for (int i = 0; i < static_cast<int>(std::size(kFamilies)); ++i) {
+    const std::string f = kFamilies[i];
+    if (name.rfind(f, 0) == 0) return i;
+  }
+  return static_cast<int>(std::size(kFamilies));
+}
+
+// Compares the run of letters or digits: letters by length then alphabet (sdz < sdaa),
+// digits by value.
+int compareRest(const std::string& a, const std::string& b) {
+  size_t i = 0, j = 0;
+  while (i < a.size() && j < b.size()) {
+    bool da = std::isdigit(static_cast<unsigned char>(a[i])), db = std::isdigit(static_cast<unsigned char>(b[j]));
+    if (da != db) return da ? -1 : 1;
+    size_t ie = i, je = j;
+    while (ie < a.size() && (std::isdigit(static_cast<unsigned char>(a[ie])) != 0) == da) ++ie;
+    while (je < b.size() && (std::isdigit(static_cast<unsigned char>(b[je])) != 0) == db) ++je;
+    std::string ta = a.substr(i, ie - i), tb = b.substr(j, je - j);
+    if (da) {
+      ta.erase(0, std::min(ta.find_first_not_of('0'), ta.size() - 1));
+      tb.erase(0, std::min(tb.find_first_not_of('0'), tb.size() - 1));
+    }
+    if (ta.size() != tb.size()) return ta.size() < tb.size() ? -1 : 1;
+    if (int c = ta.compare(tb)) return c < 0 ? -1 : 1;
+    i = ie;
+    j = je;
+  }
+  if (i < a.size()) return 1;
+  if (j < b.size()) return -1;
+  return 0;
+}
+
+}  // namespace
+
+bool isWholeDiskName(const std::string& name) {
+  if (name.rfind("xvd", 0) == 0) return allLower(name, 3);
+  if (name.rfind("sd", 0) == 0 || name.rfind("vd", 0) == 0) return allLower(name, 2);
+  if (name.rfind("nvme", 0) == 0) {
+    size_t n = name.find('n', 4);
+    return n != std::string::npos && allDigits(name, 4, n) && allDigits(name, n + 1, name.size());
+  }
+  if (name.rfind("mmcblk", 0) == 0) return allDigits(name, 6, name.size());
+  return false;
+}
+
+bool diskNameLess(const std::string& a, const std::string& b) {
+  int fa = familyOf(a), fb = familyOf(b);
+  if (fa != fb) return fa < fb;
+  size_t skip = fa < static_cast<int>(std::size(kFamilies)) ? std::strlen(kFamilies[fa]) : 0;
+  int c = compareRest(a.substr(skip), b.substr(skip));
+  return c != 0 ? c < 0 : a < b;
+}
+
+std::vector<KernelStep> planKernelUpdate(const std::vector<KernelPartition>& current, const OsLayout& layout) {
+  std::map<uint32_t, std::pair<uint64_t, uint64_t>> want;
+  for (const OsLayoutEntry& e : layout.entries) {
+    if (e.number == 0 || e.blockCount == 0) continue;
+    want[e.number] = {e.firstBlock, e.container ? std::min<uint64_t>(e.blockCount, 2) : e.blockCount};
+  }
+  std::vector<KernelStep> deletes, resizes, adds;
+  std::map<uint32_t, bool> kept;
+  for (const KernelPartition& p : current) {
+    auto it = want.find(p.number);
+    if (it == want.end() || it->second.first != p.start) {
+      deletes.push_back({KernelStep::Delete, p.number, p.start, p.size});
+      continue;
+    }
+    kept[p.number] = true;
+    if (it->second.second != p.size) resizes.push_back({KernelStep::Resize, p.number, p.start, it->second.second});
+  }
+  for (const auto& [number, range] : want)
+    if (!kept.count(number)) adds.push_back({KernelStep::Add, number, range.first, range.second});
+  std::vector<KernelStep> plan = std::move(deletes);
+  // Shrinks before growths so a growing partition never overlaps one not yet shrunk.
+  std::stable_sort(resizes.begin(), resizes.end(), [&](const KernelStep& x, const KernelStep& y) {
+    auto grows = [&](const KernelStep& s) {
+      for (const KernelPartition& p : current)
+        if (p.number == s.number) return s.size > p.size;
+      return false;
+    };
+    return !grows(x) && grows(y);
+  });
+  plan.insert(plan.end(), resizes.begin(), resizes.end());
+  plan.insert(plan.end(), adds.begin(), adds.end());
+  return plan;
+}
+
+#if defined(__linux__)
+
+namespace {
+
+std::string readSysfs(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) return {};
+  std::stringstream ss;
+  ss << in.rdbuf();
+  std::string s = ss.str();
+  size_t b = s.find_first_not_of(" \t\r\n");
+  if (b == std::string::npos) return {};
+  size_t e = s.find_last_not_of(" \t\r\n");
+  return s.substr(b, e - b + 1);
+}
+
+uint64_t readSysfsNumber(const std::string& path) {
+  std::string s = readSysfs(path);
+  return s.empty() ? 0 : std::strtoull(s.c_str(), nullptr, 10);
+}
+
+std::string devString(dev_t d) { return std::to_string(major(d)) + ":" + std::to_string(minor(d)); }
+
+std::string realPath(const std::string& p) {
+  char buf[PATH_MAX];
+  if (!::realpath(p.c_str(), buf)) return {};
+  return buf;
+}
+
+std::vector<std::string> listDir(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (dirent* e = ::readdir(d)) {
+      std::string n = e->d_name;
+      if (n != "." && n != "..") names.push_back(n);
+    }
+    ::closedir(d);
+  }
+  return names;
+}
+
+// Sysfs directory of the whole disk holding device `d` (itself when it is a whole disk).
+std::string wholeDiskSysfs(dev_t d) {
+  std::string p = realPath("/sys/dev/block/" + devString(d));
+  if (p.empty()) return {};
+  if (::access((p + "/partition").c_str(), F_OK) == 0) p = p.substr(0, p.rfind('/'));
+  return p;
+}
+
+// The sysfs directories of the disks under the device holding the root filesystem: the
+// disk itself, or the disks under a device-mapper or md device.
+void rootDisks(const std::string& sys, std::vector<std::string>& out, int depth = 0) {
+  if (sys.empty() || depth > 8) return;
+  std::string disk = sys;
+  if (::access((disk + "/partition").c_str(), F_OK) == 0) disk = disk.substr(0, disk.rfind('/'));
+  auto slaves = listDir(disk + "/slaves");
+  if (slaves.empty()) {
+    out.push_back(disk);
+    return;
+  }
+  for (const std::string& s : slaves) rootDisks(realPath(disk + "/slaves/" + s), out, depth + 1);
+}
+
+// Mount points per device number, from /proc/self/mountinfo.
+std::multimap<std::string, std::string> mountedDevices() {
+  std::multimap<std::string, std::string> m;
+  std::ifstream in("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream ls(line);
+    std::string id, parent, devno, root, point;
+    if (ls >> id >> parent >> devno >> root >> point) m.emplace(devno, point);
+  }
+  return m;
+}
+
+// Device numbers in use as swap, from /proc/swaps.
+std::vector<std::string> swapDevices() {
+  std::vector<std::string> out;
+  std::ifstream in("/proc/swaps");
+  std::string line;
+  std::getline(in, line);  // heading
+  while (std::getline(in, line)) {
+    std::istringstream ls(line);
+    std::string file;
+    struct stat st {};
+    if (ls >> file && ::stat(file.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) out.push_back(devString(st.st_rdev));
+  }
+  return out;
+}
+
+class LinuxBlockDeviceAccess : public DiskDriveAccess {
+ public:
+  explicit LinuxBlockDeviceAccess(const std::string& devPath) : path_(devPath) {
+    fd_ = ::open(devPath.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd_ < 0) {
+      writeError_ = std::strerror(errno);
+      fd_ = ::open(devPath.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    if (fd_ < 0)
+      throw Error(ErrorId::OpenFailed, "Cannot open " + devPath + " -- " + std::strerror(errno)).with("path", devPath);
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0 || !S_ISBLK(st.st_mode)) {
+      ::close(fd_);
+      throw Error(ErrorId::OpenFailed, "Cannot open " + devPath + " -- not a block device").with("path", devPath);
+    }
+    dev_ = st.st_rdev;
+    uint64_t bytes = 0;
+    if (::ioctl(fd_, BLKGETSIZE64, &bytes) != 0) {
+      std::string why = std::strerror(errno);
+      ::close(fd_);
+      throw Error(ErrorId::OpenFailed, "Cannot get the size of " + devPath + " -- " + why).with("path", devPath);
+    }
+    blocks_ = bytes / 512;
+    int ssz = 0;
+    if (::ioctl(fd_, BLKSSZGET, &ssz) == 0 && ssz > 0) geometry_.bytesPerSector = static_cast<uint32_t>(ssz);
+    hd_geometry g{};
+    if (::ioctl(fd_, HDIO_GETGEO, &g) == 0 && g.heads && g.sectors) {
+      geometry_.heads = g.heads;
+      geometry_.sectorsPerTrack = g.sectors;
+    }
+    geometry_.cylinders = blocks_ / (uint64_t{geometry_.heads} * geometry_.sectorsPerTrack);
+    sysfs_ = wholeDiskSysfs(dev_);
+    // A node of a partition is usable as a disk but has no partitions of its own.
+    if (!sysfs_.empty() && realPath("/sys/dev/block/" + devString(dev_)) != sysfs_) sysfs_.clear();
+    loadIdentity();
+  }
+  ~LinuxBlockDeviceAccess() override {
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  std::string path() const override { return path_; }
+  Geometry getGeometry() const override { return geometry_; }
+  uint64_t totalBlocks() const override { return blocks_; }
+  std::string model() const override { return model_; }
+  std::string serialNumber() const override { return serial_; }
+
+  void read(uint64_t first, uint64_t count, void* buffer) override {
+    size_t bytes = static_cast<size_t>(count) * 512, done = 0;
+    while (done < bytes) {
+      ssize_t n = ::pread(fd_, static_cast<char*>(buffer) + done, bytes - done, static_cast<off_t>(first * 512 + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0)
+        throw Error(ErrorId::ReadFailed,
+                    "Cannot read " + path_ + " -- " + (n < 0 ? std::strerror(errno) : "end of device"))
+            .with("path", path_)
+            .with("sector", std::to_string(first + done / 512));
+      done += static_cast<size_t>(n);
+    }
+  }
+  void write(uint64_t first, uint64_t count, const void* buffer) override {
+    if (!writeError_.empty())
+      throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- opened read-only (" + writeError_ + ")")
+          .with("path", path_);
+    size_t bytes = static_cast<size_t>(count) * 512, done = 0;
+    while (done < bytes) {
+      ssize_t n = ::pwrite(fd_, static_cast<const char*>(buffer) + done, bytes - done,
+                           static_cast<off_t>(first * 512 + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0)
+        throw Error(ErrorId::WriteFailed,
+                    "Cannot write " + path_ + " -- " + (n < 0 ? std::strerror(errno) : "end of device"))
+            .with("path", path_)
+            .with("sector", std::to_string(first + done / 512));
+      done += static_cast<size_t>(n);
+    }
+  }
+  void flush() override {
+    if (writeError_.empty()) {
+      ::fsync(fd_);
+      ::ioctl(fd_, BLKFLSBUF, 0);
+    }
+  }
+
+  bool isBootDisk() const override {
+    struct stat st {};
+    if (sysfs_.empty() || ::stat("/", &st) != 0 || major(st.st_dev) == 0) return false;
+    std::vector<std::string> disks;
+    rootDisks(realPath("/sys/dev/block/" + devString(st.st_dev)), disks);
+    return std::find(disks.begin(), disks.end(), sysfs_) != disks.end();
+  }
+
+  bool supportsOsLayout() const override { return !sysfs_.empty(); }
+
+  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
+    Core::TraceScope scope("prepareForChange");
+    if (sysfs_.empty()) return;
+    auto mounts = mountedDevices();
+    auto swaps = swapDevices();
+    auto refuse = [&](const std::string& dev, const std::string& why) {
+      throw Error(ErrorId::InUse, "Partition " + dev + " is in use (" + why + "); unmount it first")
+          .with("device", dev)
+          .with("reason", why);
+    };
+    // A filesystem on the whole disk covers every range.
+    if (auto m = mounts.find(devString(dev_)); m != mounts.end()) refuse(path_, "mounted on " + m->second);
+    for (const KernelPartition& p : kernelPartitions()) {
+      if (p.start >= firstBlock + blockCount || firstBlock >= p.start + p.size) continue;
+      const std::string node = "/dev/" + p.name;
+      const std::string devno = readSysfs(sysfs_ + "/" + p.name + "/dev");
+      if (auto m = mounts.find(devno); m != mounts.end()) refuse(node, "mounted on " + m->second);
+      if (std::find(swaps.begin(), swaps.end(), devno) != swaps.end()) refuse(node, "used as swap");
+      auto holders = listDir(sysfs_ + "/" + p.name + "/holders");
+      if (!holders.empty()) refuse(node, "held by " + holders.front());
+      int fd = ::open(node.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+      if (fd < 0 && errno == EBUSY) refuse(node, "it cannot be opened exclusively");
+      if (fd >= 0) ::close(fd);
+    }
+  }
+
+  void setNativePartitionLayout(const OsLayout& layout) override {
+    Core::TraceScope scope("setNativePartitionLayout");
+    if (sysfs_.empty()) return;
+    std::vector<KernelPartition> current = kernelPartitions();
+    std::string failure;
+    for (const KernelStep& s : planKernelUpdate(current, layout)) {
+      blkpg_partition part{};
+      part.start = static_cast<long long>(s.start * 512);
+      part.length = static_cast<long long>(s.size * 512);
+      part.pno = static_cast<int>(s.number);
+      blkpg_ioctl_arg arg{};
+      arg.op = s.op == KernelStep::Delete   ? BLKPG_DEL_PARTITION
+               : s.op == KernelStep::Resize ? BLKPG_RESIZE_PARTITION
+                                            : BLKPG_ADD_PARTITION;
+      arg.datalen = sizeof part;
+      arg.data = &part;
+      if (::ioctl(fd_, BLKPG, &arg) != 0) {
+        static const char* const opName[] = {"delete", "resize", "add"};
+        failure = std::string("cannot ") + opName[s.op] + " partition " + std::to_string(s.number) + " (" +
+                  std::strerror(errno) + ")";
+        break;
+      }
+    }
+    if (failure.empty()) return;
+    if (::ioctl(fd_, BLKRRPART) == 0) return;
+    std::string reread = std::strerror(errno);
+    throw Error(ErrorId::OsLayoutFailed, "The system could not be told the new layout of " + path_ + " -- " +
+                                             failure + "; rereading the table failed too (" + reread + ")")
+        .with("path", path_);
+  }
+
+ private:
+  std::vector<KernelPartition> kernelPartitions() const {
+    std::vector<KernelPartition> parts;
+    for (const std::string& n : listDir(sysfs_)) {
+      std::string dir = sysfs_ + "/" + n;
+      if (::access((dir + "/partition").c_str(), F_OK) != 0) continue;
+      KernelPartition p;
+      p.name = n;
+      p.number = static_cast<uint32_t>(readSysfsNumber(dir + "/partition"));
+      p.start = readSysfsNumber(dir + "/start");
+      p.size = readSysfsNumber(dir + "/size");
+      parts.push_back(p);
+    }
+    std::sort(parts.begin(), parts.end(), [](auto& a, auto& b) { return a.number < b.number; });
+    return parts;
+  }
+
+  void loadIdentity() {
+    if (sysfs_.empty()) return;
+    for (const char* f : {"/device/model", "/device/name", "/device/product"}) {
+      model_ = readSysfs(sysfs_ + f);
+      if (!model_.empty()) break;
+    }
+    std::string vendor = readSysfs(sysfs_ + "/device/vendor");
+    if (!vendor.empty() && vendor.rfind("0x", 0) != 0 && model_.rfind(vendor, 0) != 0) model_ = vendor + " " + model_;
+    for (const char* f : {"/device/serial", "/serial", "/device/wwid", "/wwid"}) {
+      serial_ = readSysfs(sysfs_ + f);
+      if (!serial_.empty()) break;
+    }
+    if (model_.empty() && sysfs_.find("/virtual/block/loop") != std::string::npos) model_ = "Loop device";
+  }
+
+  std::string path_;
+  int fd_ = -1;
+  dev_t dev_{};
+  std::string writeError_;  // why the device could not be opened for writing
+  std::string sysfs_;       // the whole disk's sysfs directory
+  Geometry geometry_;
+  uint64_t blocks_ = 0;
+  std::string model_, serial_;
+};
+
+}  // namespace
+
+bool isBlockDevice(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISBLK(st.st_mode);
+}
+
+std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath) {
+  return std::make_unique<LinuxBlockDeviceAccess>(devPath);
+}
+
+std::vector<OsDiskCandidate> enumerate() {
+  Core::TraceScope scope("enumerateOsDisks");
+  std::vector<std::string> names;
+  for (const std::string& n : listDir("/sys/block"))
+    if (isWholeDiskName(n) && readSysfs("/sys/block/" + n + "/hidden") != "1") names.push_back(n);
+  std::sort(names.begin(), names.end(), diskNameLess);
+  const bool noUsb = Core::Config::getBool("Usb::Disable", false);
+  const bool no1394 = Core::Config::getBool("IEEE1394::Disable", false);
+  std::vector<OsDiskCandidate> out;
+  for (const std::string& n : names) {
+    std::string where = realPath("/sys/block/" + n);
+    if (noUsb && where.find("/usb") != std::string::npos) continue;
+    if (no1394 && where.find("/fw") != std::string::npos) continue;
+    OsDiskCandidate c;
+    c.path = "/dev/" + n;
+    try {
+      c.access = openBlockDevice(c.path);
+    } catch (const Error& e) {
+      c.openError = e.text();
+    }
+    out.push_back(std::move(c));
+  }
+  return out;
+}
+
+#else
+
+bool isBlockDevice(const std::string&) { return false; }
+
+std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath) {
+  throw Error(ErrorId::NotSupported, "Block devices are not supported on this system: " + devPath)
+      .with("path", devPath);
+}
+
+std::vector<OsDiskCandidate> enumerate() { return {}; }
+
+#endif
+
+}  // namespace Corvo::Disk::LinuxDisks

@@ -1,0 +1,195 @@
+#include "disk/layout/BiosBootRecord.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "core/Config.h"
+#include "core/Endian.h"
+#include "core/Error.h"
+#include "disk/layout/Md5.h"
+#include "disk/layout/PartitionTypes.h"
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount) : slotCount_(slotCount), hasTable_(hasTable) {
+  Core::put16(bytes_.data() + 510, kSignature);
+}
+
+BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount, const uint8_t* image)
+    : slotCount_(slotCount), hasTable_(hasTable) {
+  if (image) std::memcpy(bytes_.data(), image, kSize);
+}
+
+bool BiosBootRecord::hasSignature() const { return Core::get16(bytes_.data() + 510) == kSignature; }
+bool BiosBootRecord::isAllZero() const {
+  return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; });
+}
+
+bool BiosBootRecord::isSlotEmpty(unsigned slot) const {
+  if (!addressable(slot)) return true;
+  const uint8_t* p = slotPtr(slot);
+  return std::all_of(p, p + kSlotSize, [](uint8_t b) { return b == 0; });
+}
+
+uint8_t BiosBootRecord::getType(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[4] : 0; }
+void BiosBootRecord::setType(unsigned slot, uint8_t type) {
+  if (addressable(slot)) slotPtr(slot)[4] = type;
+}
+uint8_t BiosBootRecord::getStatus(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[0] : 0; }
+bool BiosBootRecord::isActive(unsigned slot) const { return hasTable_ && getStatus(slot) == 0x80; }
+
+void BiosBootRecord::setActive(unsigned slot) {
+  if (!hasTable_ || !addressable(slot)) return;
+  for (unsigned i = 0; i < slotCount_ && i < kMaxSlots; ++i) slotPtr(i)[0] = 0;
+  slotPtr(slot)[0] = 0x80;
+}
+
+void BiosBootRecord::deactivate(unsigned slot) {
+  if (addressable(slot)) slotPtr(slot)[0] = 0;
+}
+
+uint32_t BiosBootRecord::getStartBlock(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + 8) : 0; }
+uint32_t BiosBootRecord::getBlockCount(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + 12) : 0; }
+
+Chs BiosBootRecord::getSlotChs(unsigned slot, bool end) const {
+  if (!addressable(slot)) return {};
+  const uint8_t* p = slotPtr(slot) + (end ? 5 : 1);
+  Chs c;
+  c.head = p[0];
+  c.sector = p[1] & 0x3F;
+  c.cylinder = static_cast<uint32_t>(p[2]) | (static_cast<uint32_t>(p[1] & 0xC0) << 2);
+  return c;
+}
+
+void BiosBootRecord::clearSlot(unsigned slot) {
+  if (addressable(slot)) std::memset(slotPtr(slot), 0, kSlotSize);
+}
+
+uint32_t BiosBootRecord::maxoutCylinder(uint8_t type) {
+  int64_t def = isCylinderLimitedType(type) ? 1022 : 1023;
+  int64_t v = Core::Config::getInt("BiosBootRecord::MaxoutCylinder", def);
+  return static_cast<uint32_t>(std::clamp<int64_t>(v, 0, 1023));
+}
+
+Chs BiosBootRecord::blockToChs(uint64_t block, uint8_t type, uint32_t heads, uint32_t sectorsPerTrack, bool* overflow) {
+  const uint64_t perCylinder = uint64_t{heads} * sectorsPerTrack;
+  if (perCylinder == 0) throw Error(ErrorId::Internal, "Disk geometry has no sectors per cylinder");
+  if (overflow) *overflow = false;
+  const uint64_t cylinder = block / perCylinder;
+  const uint64_t rest = block % perCylinder;
+  if (cylinder >= 1024) {
+    if (overflow) *overflow = true;
+    return Chs{maxoutCylinder(type), heads - 1, sectorsPerTrack};
+  }
+  return Chs{static_cast<uint32_t>(cylinder), static_cast<uint32_t>(rest / sectorsPerTrack),
+             static_cast<uint32_t>(rest % sectorsPerTrack + 1)};
+}
+
+namespace {
+void packChs(uint8_t* p, const Chs& c) {
+  p[0] = static_cast<uint8_t>(c.head);
+  p[1] = static_cast<uint8_t>((c.sector & 0x3F) | ((c.cylinder >> 2) & 0xC0));
+  p[2] = static_cast<uint8_t>(c.cylinder);
+}
+}  // namespace
+
+void BiosBootRecord::setSlot(unsigned slot, uint64_t startBlock, uint64_t blockCount, uint8_t type, uint32_t heads,
+                             uint32_t sectorsPerTrack, uint64_t chsBase) {
+  if (!addressable(slot)) return;
+  if (startBlock > 0xFFFFFFFFull || blockCount > 0xFFFFFFFFull || blockCount == 0)
+    throw Error(ErrorId::InvalidArgument, "A partition table entry cannot describe this range")
+        .with("start", std::to_string(startBlock))
+        .with("count", std::to_string(blockCount));
+  bool overflow = false;
+  Chs start = blockToChs(chsBase + startBlock, type, heads, sectorsPerTrack, &overflow);
+  if (overflow && isCylinderLimitedType(type)) {
+    type = lbaFormOfType(type);
+    start = blockToChs(chsBase + startBlock, type, heads, sectorsPerTrack);
+  }
+  Chs end = blockToChs(chsBase + startBlock + blockCount - 1, type, heads, sectorsPerTrack);
+  uint8_t* p = slotPtr(slot);
+  p[0] = 0;
+  packChs(p + 1, start);
+  p[4] = type;
+  packChs(p + 5, end);
+  Core::put32(p + 8, static_cast<uint32_t>(startBlock));
+  Core::put32(p + 12, static_cast<uint32_t>(blockCount));
+}
+
+bool BiosBootRecord::isBootCodeRecognised() const {
+  static const char* const k169 = "5b4de9c1567ba294000a6f8cf791b1af";
+  static const char* const k218a = "6dde166a00ed7ffb13541ecd09d4d737";
+  static const char* const k218b = "be5a64baa2734460c93f32b4289dfa3f";
+  if (Md5::hex(Md5::of(bytes_.data(), 169)) == k169) return true;
+  std::string d = Md5::hex(Md5::of(bytes_.data(), 218));
+  return d == k218a || d == k218b;
+}
+
+bool BiosBootRecord::is9xIdAvailable() const {
+  return bytes_[218] == 0 && bytes_[219] == 0 && isBootCodeRecognised();
+}
+uint32_t BiosBootRecord::getWindows9xId() const { return Core::get32(bytes_.data() + 220); }
+void BiosBootRecord::setWindows9xId(uint32_t id) {
+  if (is9xIdAvailable()) Core::put32(bytes_.data() + 220, id);
+}
+void BiosBootRecord::regenerateWindows9xId() { setWindows9xId(newDiskIdentifier()); }
+
+uint32_t BiosBootRecord::getWindowsNtId() const { return Core::get32(bytes_.data() + 440); }
+void BiosBootRecord::setWindowsNtId(uint32_t id) { Core::put32(bytes_.data() + 440, id); }
+
+std::vector<uint8_t> BiosBootRecord::getBootCode() const {
+  return std::vector<uint8_t>(bytes_.begin(), bytes_.begin() + static_cast<long>(bootCodeSize()));
+}
+
+void BiosBootRecord::setBootCode(const uint8_t* code, size_t length) {
+  size_t n = bootCodeSize();
+  if (n == 0) return;
+  std::memset(bytes_.data(), 0, n);
+  if (code) std::memcpy(bytes_.data(), code, std::min(length, n));
+}
+
+uint32_t newDiskIdentifier() {
+  static std::mt19937 gen(static_cast<uint32_t>(std::random_device{}()) ^
+                          static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  uint32_t v;
+  do v = static_cast<uint32_t>(gen());
+  while (v == 0);
+  return v;
+}
+
+void DiskFormatPropertiesBios::read(BlockDevice& disk) {
+  uint8_t buf[512];
+  disk.read(0, 1, buf);
+  BiosBootRecord mbr(true, 4, buf);
+  has9xId_ = mbr.hasSignature() && mbr.is9xIdAvailable();
+  id9x_ = has9xId_ ? mbr.getWindows9xId() : 0;
+  hasNtId_ = mbr.hasSignature();
+  idNt_ = hasNtId_ ? mbr.getWindowsNtId() : 0;
+  bootCode_ = mbr.hasSignature() ? mbr.getBootCode() : std::vector<uint8_t>{};
+  extra_.clear();
+  // Boot sectors between the master boot record and the first partition (at most the rest
+  // of the first track), up to the last non-zero one.
+  uint64_t limit = 63;
+  if (mbr.hasSignature())
+    for (unsigned s = 0; s < 4; ++s)
+      if (mbr.getType(s) != 0 && mbr.getStartBlock(s) > 0) limit = std::min<uint64_t>(limit, mbr.getStartBlock(s));
+  limit = std::min(limit, disk.blockCount());
+  std::vector<std::array<uint8_t, 512>> sectors;
+  size_t lastUsed = 0;
+  for (uint64_t b = 1; b < limit; ++b) {
+    std::array<uint8_t, 512> s;
+    disk.read(b, 1, s.data());
+    sectors.push_back(s);
+    if (std::any_of(s.begin(), s.end(), [](uint8_t x) { return x != 0; })) lastUsed = sectors.size();
+  }
+  sectors.resize(lastUsed);
+  extra_ = std::move(sectors);
+}
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,136 @@
+// The 512-byte BIOS boot record (master or extended): boot code, Windows disk identifiers,
+// four 16-byte slots and the 0xAA55 signature; and the disk-level properties read from the
+// master boot record.
+#pragma once
+#include "disk/DiskFormatProperties.h"
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "disk/BlockDevice.h"
+
+namespace Corvo::Disk {
+
+struct Chs {
+  uint32_t cylinder = 0;
+  uint32_t head = 0;
+  uint32_t sector = 0;
+  bool operator==(const Chs&) const = default;
+};
+
+class BiosBootRecord {
+ public:
+  static constexpr size_t kSize = 512;
+  static constexpr size_t kBootCodeSize = 446;
+  static constexpr size_t kSlotTableOffset = 446;
+  static constexpr size_t kSlotSize = 16;
+  static constexpr unsigned kMaxSlots = 4;
+  static constexpr uint16_t kSignature = 0xAA55;
+
+  // Empty record: zeroed, with the signature written.
+  explicit BiosBootRecord(bool hasTable = true, uint64_t slotCount = 4);
+  // From a 512-byte image (null: all zero, no signature).
+  BiosBootRecord(bool hasTable, uint64_t slotCount, const uint8_t* image);
+
+  uint64_t getSlotCount() const { return slotCount_; }
+  bool hasTable() const { return hasTable_; }
+  static size_t size() { return kSize; }
+  const uint8_t* data() const { return bytes_.data(); }
+  uint8_t* data() { return bytes_.data(); }
+  bool hasSignature() const;
+  bool isAllZero() const;
+
+  // Slot access; an index of 4 or more selects no slot (reads give zero, writes do nothing).
+  bool isSlotEmpty(unsigned slot) const;
+  uint8_t getType(unsigned slot) const;
+  void setType(unsigned slot, uint8_t type);
+  uint8_t getStatus(unsigned slot) const;
+  bool isActive(unsigned slot) const;
+  void setActive(unsigned slot);
+  void deactivate(unsigned slot);
+  uint32_t getStartBlock(unsigned slot) const;
+  uint32_t getBlockCount(unsigned slot) const;
+  Chs getSlotChs(unsigned slot, bool end) const;
+  void clearSlot(unsigned slot);
+  // Writes a slot: status 0, both CHS triples, the type (switched to its LBA form when the
+  // start lies beyond the CHS limit and the type is cylinder-limited), start and count.
+  // chsBase is added to startBlock for the CHS triples only (extended boot records store
+  // starts relative to a base, CHS absolute). Start and count must fit in 32 bits.
+  void setSlot(unsigned slot, uint64_t startBlock, uint64_t blockCount, uint8_t type, uint32_t heads,
+               uint32_t sectorsPerTrack, uint64_t chsBase = 0);
+
+  // Block address to CHS for a slot of the given type; overflow (when given) is set when the
+  // address lies at cylinder 1024 or beyond and the triple was clamped.
+  static Chs blockToChs(uint64_t block, uint8_t type, uint32_t heads, uint32_t sectorsPerTrack,
+                        bool* overflow = nullptr);
+  // "BiosBootRecord::MaxoutCylinder", default 1022 for the cylinder-limited family, else 1023.
+  static uint32_t maxoutCylinder(uint8_t type);
+
+  // Windows 9x identifier at 220: present only under recognised boot code with bytes 218
+  // and 219 zero. The setters leave the record untouched when it is not present.
+  bool isBootCodeRecognised() const;
+  bool is9xIdAvailable() const;
+  uint32_t getWindows9xId() const;
+  void setWindows9xId(uint32_t id);
+  void regenerateWindows9xId();
+  // Windows NT disk signature at 440.
+  uint32_t getWindowsNtId() const;
+  void setWindowsNtId(uint32_t id);
+  void clearWindowsNtId() { setWindowsNtId(0); }
+  // Boot code: 446 bytes when the record has a slot table, none otherwise.
+  size_t bootCodeSize() const { return hasTable_ ? kBootCodeSize : 0; }
+  std::vector<uint8_t> getBootCode() const;
+  // Copies up to bootCodeSize() bytes; the rest of the area is zeroed.
+  void setBootCode(const uint8_t* code, size_t length);
+
+ private:
+  bool addressable(unsigned slot) const { return slot < kMaxSlots && slot < slotCount_; }
+  uint8_t* slotPtr(unsigned slot) { return bytes_.data() + kSlotTableOffset + slot * kSlotSize; }
+  const uint8_t* slotPtr(unsigned slot) const { return bytes_.data() + kSlotTableOffset + slot * kSlotSize; }
+
+  std::array<uint8_t, kSize> bytes_{};
+  uint64_t slotCount_;
+  bool hasTable_;
+};
+
+// A fresh non-zero value for a disk identifier.
+uint32_t newDiskIdentifier();
+
+// Disk-level values of an MBR disk.
+class DiskFormatPropertiesBios : public DiskFormatProperties {
+ public:
+  // Reads the master boot record and the boot sectors that follow it (up to the first
+  // partition or the end of the first track, whichever comes first).
+  void read(BlockDevice& disk) override;
+
+  bool is9xIdAvailable() const { return has9xId_; }
+  uint32_t getWindows9xId() const { return id9x_; }
+  void setWindows9xId(uint32_t id) { id9x_ = id; }
+  bool is9xIdPreserved() const { return preserve9x_; }
+  void preserve9xId(bool on) { preserve9x_ = on; }
+
+  bool isNtIdAvailable() const { return hasNtId_; }
+  uint32_t getWindowsNtId() const { return idNt_; }
+  void setWindowsNtId(uint32_t id) {
+    idNt_ = id;
+    hasNtId_ = true;
+  }
+  bool isNtIdPreserved() const { return preserveNt_; }
+  void preserveNtId(bool on) { preserveNt_ = on; }
+
+  bool isBootCodeAvailable() const { return !bootCode_.empty(); }
+  const std::vector<uint8_t>& getBootCode() const { return bootCode_; }
+  void setBootCode(std::vector<uint8_t> code) { bootCode_ = std::move(code); }
+
+  size_t numberOfAdditionalBootSectors() const { return extra_.size(); }
+  const std::array<uint8_t, 512>& getAdditionalBootSector(size_t index) const { return extra_.at(index); }
+
+ private:
+  bool has9xId_ = false, hasNtId_ = false;
+  bool preserve9x_ = true, preserveNt_ = true;
+  uint32_t id9x_ = 0, idNt_ = 0;
+  std::vector<uint8_t> bootCode_;
+  std::vector<std::array<uint8_t, 512>> extra_;
+};
+
+}  // namespace Corvo::Disk

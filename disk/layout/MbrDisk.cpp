@@ -1,0 +1,762 @@
+#include "disk/layout/MbrDisk.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "core/Error.h"
+#include "core/Trace.h"
+#include "disk/layout/PartitionTypes.h"
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+uint64_t PartitionNodeBiosPartitionContainerEbr::usedEnd() const {
+  uint64_t end = block_ + 1;
+  if (logical) end = std::max(end, logical->firstBlock + logical->blockCount);
+  return end;
+}
+
+namespace {
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
+  char buf[512];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  return buf;
+}
+
+constexpr uint64_t kMbrAddressLimit = 0xFFFFFFFFull;  // slots hold 32-bit starts and counts
+constexpr uint8_t kLinkType = 0x05;
+
+// Extended types with their hidden forms.
+bool anyExtendedType(uint8_t type) { return isExtendedClassType(visibleFormOfType(type)); }
+
+struct Range {
+  uint64_t first, end;  // [first, end)
+};
+
+uint64_t roundUp(uint64_t v, uint64_t unit) { return (v + unit - 1) / unit * unit; }
+uint64_t roundDown(uint64_t v, uint64_t unit) { return v / unit * unit; }
+
+// One chain of extended boot records.
+struct Chain {
+  PartitionNode* extended = nullptr;
+  std::vector<std::unique_ptr<PartitionNodeBiosPartitionContainerEbr>> records;  // chain order
+};
+
+// Where a new partition goes: its boot record (logical drives) and its data.
+struct Placement {
+  uint64_t record = 0;
+  uint64_t first = 0;
+  uint64_t count = 0;
+};
+
+class MbrDisk : public PartitionedDisk {
+ public:
+  explicit MbrDisk(DiskDrive& drive) : PartitionedDisk(drive) { readTables(); }
+
+  PartitionScheme scheme() const override { return PartitionScheme::Mbr; }
+  const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
+  const TableFacts& facts() const override { return facts_; }
+  std::vector<RawBootRecord> rawTables() const override;
+  void reload() override { readTables(); }
+
+  unsigned slotCount() const override { return 4; }
+  unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
+  PartitionNode* createPrimary(CreationRequest& request) override { return createInMaster(request, false); }
+  PartitionNode* createExtended(CreationRequest& request) override { return createInMaster(request, true); }
+  PartitionNode* createLogical(CreationRequest& request) override;
+  void remove(PartitionNode& node) override;
+  void removeAll() override;
+  void setActive(PartitionNode& node) override;
+  void clearActive(PartitionNode& node) override;
+  void setType(PartitionNode& node, uint8_t type) override;
+
+ private:
+  void readTables();
+  void readChain(PartitionNode& extended);
+  void problem(std::string text) { facts_.problems.push_back(std::move(text)); }
+
+  // Editing helpers.
+  void beginChange();
+  void finishChange();
+  void writeRecord(uint64_t block, const BiosBootRecord& record);
+  void clearRecord(uint64_t block, const PartitionNode* removed);
+  BiosBootRecord masterForWriting() const;
+  std::vector<Range> occupied(const PartitionNode* except, bool keepFirstRecord) const;
+  std::vector<Range> freeIntervals(std::vector<Range> used, uint64_t lo, uint64_t hi) const;
+  std::optional<Placement> place(const CreationRequest& request, const std::vector<Range>& freeList, bool logical,
+                                 uint64_t extendedStart, uint64_t& largest) const;
+  void checkNoOverlap(const Range& range, const std::vector<Range>& used) const;
+  uint8_t chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const;
+  bool beyondChs(uint64_t block) const {
+    const Geometry& g = drive().geometry();
+    return block / (uint64_t{g.heads} * g.sectorsPerTrack) >= 1024;
+  }
+  PartitionNode* createInMaster(CreationRequest& request, bool extended);
+  Chain* chainOf(const PartitionNode* extended);
+  void locate(const PartitionNode& node, Chain*& chain, size_t& index) const;
+  uint64_t linkCount(const PartitionNodeBiosPartitionContainerEbr& target) const { return target.usedEnd() - target.block(); }
+  void publishLayout();
+
+  std::unique_ptr<PartitionNodeBiosPartitionContainerMaster> master_;
+  bool masterValid_ = false;
+  std::vector<std::unique_ptr<PartitionNode>> roots_;
+  std::vector<Chain> chains_;
+  TableFacts facts_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Reading
+
+void MbrDisk::readTables() {
+  Core::TraceScope scope("loadPartitions");
+  roots_.clear();
+  chains_.clear();
+  facts_ = TableFacts{};
+  uint8_t buf[512];
+  drive().read(0, 1, buf);
+  master_ = std::make_unique<PartitionNodeBiosPartitionContainerMaster>(BiosBootRecord(true, 4, buf));
+  const BiosBootRecord& mbr = master_->record();
+  masterValid_ = mbr.hasSignature();
+  if (!masterValid_) {
+    // A disk that was never partitioned reads as all zeros; anything else is damage.
+    if (!mbr.isAllZero())
+      problem("The master boot record has no 0xAA55 signature; the disk is treated as having no partitions");
+    return;
+  }
+  const uint64_t diskBlocks = drive().blockCount();
+  for (unsigned slot = 0; slot < 4; ++slot) {
+    if (mbr.isSlotEmpty(slot)) continue;
+    const uint8_t type = mbr.getType(slot);
+    if (type == 0) {
+      facts_.nonZeroUnusedEntry = true;
+      continue;
+    }
+    auto [first, count] = master_->getSlotBlockRange(slot);
+    if (count == 0) {
+      facts_.nonZeroUnusedEntry = true;
+      problem(format("Partition table entry %u (type 0x%02X) has no sectors and is ignored", slot + 1, type));
+      continue;
+    }
+    auto node = std::make_unique<PartitionNode>();
+    node->firstBlock = first;
+    node->blockCount = count;
+    node->type = type;
+    node->active = mbr.isActive(slot);
+    node->tableBlock = 0;
+    node->slot = static_cast<int>(slot);
+    node->role = node->isExtendedType() ? PartitionRole::Extended : PartitionRole::Primary;
+    if (node->isDosExtended()) ++facts_.extendedDosCount;
+    if (first == 0) problem(format("Partition table entry %u starts inside the master boot record", slot + 1));
+    if (first >= diskBlocks)
+      problem(format("Partition table entry %u starts at sector %" PRIu64 ", beyond the end of the disk", slot + 1, first));
+    roots_.push_back(std::move(node));
+  }
+  for (auto& root : roots_)
+    if (isExtendedClassType(root->type)) readChain(*root);
+}
+
+void MbrDisk::readChain(PartitionNode& extended) {
+  const uint64_t start = extended.firstBlock;
+  const uint64_t end = start + extended.blockCount;
+  const uint64_t diskBlocks = drive().blockCount();
+  Chain chain;
+  chain.extended = &extended;
+  std::set<uint64_t> seen;
+  PartitionNode* holder = &extended;
+  uint64_t block = start;
+  for (size_t n = 0;; ++n) {
+    if (n >= kMaxChainRecords) {
+      problem(format("The chain of extended boot records is longer than %zu records; the rest is ignored",
+                     kMaxChainRecords));
+      break;
+    }
+    if (block >= diskBlocks) {
+      problem(format("The extended boot record at sector %" PRIu64 " lies beyond the end of the disk", block));
+      break;
+    }
+    if (!seen.insert(block).second) {
+      problem(format("The chain of extended boot records loops back to sector %" PRIu64, block));
+      break;
+    }
+    uint8_t buf[512];
+    try {
+      drive().read(block, 1, buf);
+    } catch (const Error& e) {
+      problem(format("The extended boot record at sector %" PRIu64 " cannot be read -- %s", block, e.what()));
+      break;
+    }
+    BiosBootRecord rec(true, 4, buf);
+    if (!rec.hasSignature()) {
+      // An extended partition whose first record was never written is simply empty.
+      if (n > 0 || !rec.isAllZero())
+        problem(format("The extended boot record at sector %" PRIu64 " has no 0xAA55 signature", block));
+      break;
+    }
+    std::unique_ptr<PartitionNodeBiosPartitionContainerEbr> container;
+    if (n == 0)
+      container = std::make_unique<PartitionNodeBiosPartitionContainerExtended>(block, rec, start);
+    else
+      container = std::make_unique<PartitionNodeBiosPartitionContainerAuxiliary>(block, rec, start);
+    container->holder = holder;
+
+    if (!rec.isSlotEmpty(0)) {
+      const uint8_t type = rec.getType(0);
+      auto [first, count] = container->getSlotBlockRange(0);
+      if (type == 0) {
+        facts_.nonZeroUnusedEntry = true;
+      } else if (count == 0) {
+        facts_.nonZeroUnusedEntry = true;
+        problem(format("The logical drive entry at sector %" PRIu64 " has no sectors and is ignored", block));
+      } else if (anyExtendedType(type)) {
+        problem(format("The extended boot record at sector %" PRIu64 " holds an extended type in its first entry",
+                       block));
+      } else {
+        auto node = std::make_unique<PartitionNode>();
+        node->role = PartitionRole::Logical;
+        node->firstBlock = first;
+        node->blockCount = count;
+        node->type = type;
+        node->active = rec.isActive(0);
+        node->tableBlock = block;
+        node->slot = 0;
+        node->parent = holder;
+        if (first == block)
+          problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
+        container->logical = node.get();
+        holder->children.push_back(std::move(node));
+      }
+    }
+    if (!rec.isSlotEmpty(2) || !rec.isSlotEmpty(3)) facts_.nonZeroUnusedEntry = true;
+
+    const bool hasLink = !rec.isSlotEmpty(1);
+    const uint8_t linkType = rec.getType(1);
+    auto [next, linkBlocks] = container->getSlotBlockRange(1);
+    PartitionNodeBiosPartitionContainerEbr* current = container.get();
+    chain.records.push_back(std::move(container));
+    if (!hasLink) break;
+    if (linkType == 0) {
+      facts_.nonZeroUnusedEntry = true;
+      break;
+    }
+    if (!isExtendedClassType(linkType)) {
+      problem(format("The extended boot record at sector %" PRIu64
+                     " holds a partition of type 0x%02X where the link to the next record belongs",
+                     block, linkType));
+      break;
+    }
+    if (next < start || next >= end) {
+      problem(format("The extended boot record at sector %" PRIu64 " links to sector %" PRIu64
+                     ", outside the extended partition",
+                     block, next));
+      break;
+    }
+    if (linkBlocks == 0) {
+      problem(format("The link in the extended boot record at sector %" PRIu64 " has no sectors", block));
+      break;
+    }
+    auto aux = std::make_unique<PartitionNode>();
+    aux->role = PartitionRole::Auxiliary;
+    aux->firstBlock = next;
+    aux->blockCount = linkBlocks;
+    aux->type = linkType;
+    aux->active = rec.isActive(1);
+    aux->tableBlock = block;
+    aux->slot = 1;
+    aux->parent = holder;
+    current->link = aux.get();
+    PartitionNode* auxPtr = aux.get();
+    holder->children.push_back(std::move(aux));
+    holder = auxPtr;
+    block = next;
+  }
+  chains_.push_back(std::move(chain));
+}
+
+std::vector<RawBootRecord> MbrDisk::rawTables() const {
+  std::vector<RawBootRecord> out;
+  RawBootRecord mbr;
+  mbr.block = 0;
+  std::copy_n(master_->record().data(), 512, mbr.bytes.begin());
+  out.push_back(mbr);
+  for (const Chain& c : chains_)
+    for (const auto& r : c.records) {
+      RawBootRecord raw;
+      raw.block = r->block();
+      std::copy_n(r->record().data(), 512, raw.bytes.begin());
+      out.push_back(raw);
+    }
+  return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Editing helpers
+
+void MbrDisk::beginChange() {
+  lastWarning_.clear();
+  if (!drive().isWritable())
+    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(drive().geometry().bytesPerSector));
+}
+
+void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
+  Core::TraceScope scope("writeBootRecord");
+  drive().write(block, 1, record.data());
+}
+
+// Zeroes a boot record that left the chain, unless its sector belongs to a partition that
+// stays (possible only on tables that already overlapped).
+void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed) {
+  if (block == 0 || block >= drive().blockCount()) return;
+  for (PartitionNode* n : displayList()) {
+    if (n == removed || n->isExtendedType()) continue;
+    if (removed && n->parent && removed->isExtendedType()) {
+      const PartitionNode* ext = n->extendedContainer();
+      if (ext == removed) continue;
+    }
+    if (block >= n->firstBlock && block < n->firstBlock + n->blockCount) return;
+  }
+  uint8_t zero[512] = {};
+  drive().write(block, 1, zero);
+}
+
+BiosBootRecord MbrDisk::masterForWriting() const {
+  if (masterValid_) return master_->record();
+  // A blank disk gets a fresh record: no boot code, a new disk signature.
+  BiosBootRecord fresh(true, 4);
+  fresh.setWindowsNtId(newDiskIdentifier());
+  return fresh;
+}
+
+// Every area in use: the master boot record, every partition, every extended boot record with
+// the gap up to its drive. `except` (an extended partition) is left out with its own chain's
+// first record when that record holds no drive and keepFirstRecord is false.
+std::vector<Range> MbrDisk::occupied(const PartitionNode* except, bool keepFirstRecord) const {
+  std::vector<Range> used{{0, 1}};
+  for (const auto& root : roots_)
+    if (root.get() != except) used.push_back({root->firstBlock, root->firstBlock + root->blockCount});
+  for (const Chain& c : chains_) {
+    for (size_t i = 0; i < c.records.size(); ++i) {
+      const auto& r = *c.records[i];
+      if (c.extended == except && i == 0 && !r.logical && !keepFirstRecord) continue;
+      if (r.logical && r.logical->firstBlock >= r.block()) {
+        used.push_back({r.block(), r.usedEnd()});
+      } else {
+        used.push_back({r.block(), r.block() + 1});
+        if (r.logical) used.push_back({r.logical->firstBlock, r.logical->firstBlock + r.logical->blockCount});
+      }
+    }
+  }
+  return used;
+}
+
+std::vector<Range> MbrDisk::freeIntervals(std::vector<Range> used, uint64_t lo, uint64_t hi) const {
+  std::sort(used.begin(), used.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
+  std::vector<Range> out;
+  uint64_t pos = lo;
+  for (const Range& u : used) {
+    if (u.end <= pos) continue;
+    if (u.first >= hi) break;
+    if (u.first > pos) out.push_back({pos, u.first});
+    pos = std::max(pos, u.end);
+    if (pos >= hi) break;
+  }
+  if (pos < hi) out.push_back({pos, hi});
+  return out;
+}
+
+std::optional<Placement> MbrDisk::place(const CreationRequest& request, const std::vector<Range>& freeList,
+                                        bool logical, uint64_t extendedStart, uint64_t& largest) const {
+  const Geometry& g = drive().geometry();
+  const bool chs = request.alignment < 0 || request.alignment == 0;
+  if (request.alignment < -1)
+    throw Error(ErrorId::InvalidArgument, "Invalid partition alignment").with("alignment", std::to_string(request.alignment));
+  const uint64_t track = g.sectorsPerTrack;
+  const uint64_t cylinder = uint64_t{g.heads} * g.sectorsPerTrack;
+  const uint64_t unit = chs ? cylinder : static_cast<uint64_t>(request.alignment);
+  const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record
+  const uint64_t firstStart = chs ? track : unit;                 // the first primary
+  const bool largestWanted = request.sizeBlocks == CreationRequest::kLargest;
+  if (!largestWanted && request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be empty");
+
+  largest = 0;
+  std::optional<Placement> best;
+  uint64_t bestSize = 0;
+  for (const Range& f : freeList) {
+    uint64_t record;
+    if (logical)
+      record = f.first == extendedStart ? extendedStart : roundUp(f.first, unit);
+    else
+      record = f.first <= firstStart ? firstStart : roundUp(f.first, unit);
+    const uint64_t dataMin = record + lead;
+    if (dataMin >= f.end) continue;
+    const uint64_t maxEnd = chs ? roundDown(f.end, cylinder) : dataMin + roundDown(f.end - dataMin, unit);
+    if (maxEnd <= dataMin) continue;
+    const uint64_t available = maxEnd - dataMin;
+    largest = std::max(largest, available);
+    if (largestWanted) {
+      if (available > bestSize) {
+        bestSize = available;
+        best = Placement{record, dataMin, available};
+      }
+      continue;
+    }
+    if (best) continue;  // a sized request takes the first free space that holds it
+    const uint64_t n = request.sizeBlocks;
+    const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
+    if (needEnd > maxEnd || needEnd < dataMin) {
+      // A request that fits the free space but not its aligned part gets the aligned part.
+      if (n <= f.end - f.first) best = Placement{record, dataMin, available};
+      continue;
+    }
+    if (!request.placeAtEnd) {
+      best = Placement{record, dataMin, needEnd - dataMin};
+    } else if (chs) {
+      uint64_t rec = maxEnd - n - lead;
+      rec = std::max(record, roundDown(rec, cylinder));
+      best = Placement{rec, rec + lead, maxEnd - rec - lead};
+    } else {
+      const uint64_t size = needEnd - dataMin;
+      best = Placement{maxEnd - size - lead, maxEnd - size, size};
+    }
+  }
+  return best;
+}
+
+void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used) const {
+  if (range.end > drive().blockCount() || range.end <= range.first)
+    throw Error(ErrorId::OutOfRange, "The new partition would extend past the end of the disk");
+  for (const Range& u : used)
+    if (range.first < u.end && u.first < range.end)
+      throw Error(ErrorId::Overlap, "The new partition would overlap an existing partition")
+          .with("first", std::to_string(range.first))
+          .with("count", std::to_string(range.end - range.first));
+}
+
+uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const {
+  if (request.formatKind == 3) return 0x07;
+  if (request.formatKind == 4) return 0x83;
+  const uint64_t n = count;
+  const bool fat32Allowed = fat32Support && !ntFat16;
+  if (lbaAllowed && beyondChs(first + count - 1)) {
+    if (n < 32774)
+      throw Error(ErrorId::InvalidArgument,
+                  "A FAT12 partition cannot be placed beyond the cylinder limit of the disk");
+    if (n < 8387873 && !(fat32Allowed && n >= 1048577)) return 0x0E;
+    return 0x0C;
+  }
+  if (n < 32774) return 0x01;
+  if (n <= 65535) return 0x04;
+  if (n >= 1048577 && (n > 8387872 || fat32Allowed)) return 0x0B;
+  return 0x06;
+}
+
+void MbrDisk::publishLayout() {
+  OsLayout layout;
+  layout.style = OsLayout::Mbr;
+  layout.signature = masterValid_ ? master_->record().getWindowsNtId() : 0;
+  for (const auto& root : roots_) {
+    OsLayoutEntry e;
+    e.number = static_cast<uint32_t>(root->slot + 1);
+    e.firstBlock = root->firstBlock;
+    e.blockCount = root->blockCount;
+    e.type = root->type;
+    e.active = root->active;
+    e.container = root->isExtendedType();
+    layout.entries.push_back(e);
+  }
+  uint32_t number = 5;
+  for (const Chain& c : chains_)
+    for (const auto& r : c.records)
+      if (r->logical) {
+        OsLayoutEntry e;
+        e.number = number++;
+        e.firstBlock = r->logical->firstBlock;
+        e.blockCount = r->logical->blockCount;
+        e.type = r->logical->type;
+        e.active = r->logical->active;
+        layout.entries.push_back(e);
+      }
+  try {
+    drive().setNativePartitionLayout(layout);
+  } catch (const Error& e) {
+    lastWarning_ = e.text();
+  }
+}
+
+void MbrDisk::finishChange() {
+  drive().flush();
+  readTables();
+  publishLayout();
+}
+
+Chain* MbrDisk::chainOf(const PartitionNode* extended) {
+  for (Chain& c : chains_)
+    if (c.extended == extended) return &c;
+  return nullptr;
+}
+
+// Finds the chain record a logical drive or link node belongs to: for a drive the record
+// holding it, for a link the record it points to.
+void MbrDisk::locate(const PartitionNode& node, Chain*& chain, size_t& index) const {
+  for (const Chain& c : chains_)
+    for (size_t i = 0; i < c.records.size(); ++i) {
+      const auto& r = *c.records[i];
+      if (r.logical == &node || (i > 0 && c.records[i - 1]->link == &node)) {
+        chain = const_cast<Chain*>(&c);
+        index = i;
+        return;
+      }
+    }
+  throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk's tables");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Creating
+
+PartitionNode* MbrDisk::createInMaster(CreationRequest& request, bool extended) {
+  Core::TraceScope scope("createPartitionInSlot");
+  beginChange();
+  request.largestAvailable = 0;
+  if (extended)
+    for (const auto& r : roots_)
+      if (r->isDosExtended()) throw Error(ErrorId::InvalidArgument, "An extended DOS partition already exists");
+  int slot = -1;
+  for (unsigned s = 0; s < 4 && slot < 0; ++s) {
+    bool used = std::any_of(roots_.begin(), roots_.end(), [&](const auto& r) { return r->slot == static_cast<int>(s); });
+    if (!used) slot = static_cast<int>(s);
+  }
+  if (slot < 0) throw Error(ErrorId::NoSpace, "All four partition table entries are in use");
+
+  const uint64_t hi = std::min(drive().blockCount(), kMbrAddressLimit);
+  const std::vector<Range> used = occupied(nullptr, true);
+  uint64_t largest = 0;
+  auto placement = place(request, freeIntervals(used, 1, hi), false, 0, largest);
+  if (!placement) {
+    request.largestAvailable = largest;
+    return nullptr;
+  }
+  checkNoOverlap({placement->first, placement->first + placement->count}, used);
+  const Geometry& g = drive().geometry();
+  uint8_t type;
+  if (extended)
+    type = beyondChs(placement->first + placement->count - 1) ? 0x0F : 0x05;
+  else
+    type = chooseType(request, placement->first, placement->count, true);
+
+  BiosBootRecord mbr = masterForWriting();
+  mbr.setSlot(static_cast<unsigned>(slot), placement->first, placement->count, type, g.heads, g.sectorsPerTrack);
+  if (extended) {
+    // The chain's first record goes down before the entry that makes it reachable.
+    writeRecord(placement->first, BiosBootRecord(true, 4));
+  }
+  writeRecord(0, mbr);
+  finishChange();
+  for (const auto& r : roots_)
+    if (r->firstBlock == placement->first) return r.get();
+  throw Error(ErrorId::InvalidTable, "The new partition is missing from the table read back");
+}
+
+PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
+  Core::TraceScope scope("createPartitionInSlot");
+  beginChange();
+  request.largestAvailable = 0;
+  PartitionNode* ext = nullptr;
+  for (const auto& r : roots_)
+    if (r->isDosExtended()) {
+      ext = r.get();
+      break;
+    }
+  if (!ext) throw Error(ErrorId::InvalidArgument, "No extended DOS partition exists");
+  Chain* chain = chainOf(ext);
+  if (!chain) throw Error(ErrorId::InvalidTable, "The extended DOS partition's chain could not be read");
+  if (chain->records.size() >= kMaxChainRecords)
+    throw Error(ErrorId::NoSpace, "The extended DOS partition holds the largest number of logical drives");
+
+  const uint64_t S = ext->firstBlock;
+  const uint64_t hi = std::min(drive().blockCount(), S + ext->blockCount);
+  const std::vector<Range> used = occupied(ext, false);
+  uint64_t largest = 0;
+  auto placement = S < hi ? place(request, freeIntervals(used, S, hi), true, S, largest) : std::nullopt;
+  if (!placement) {
+    request.largestAvailable = largest;
+    return nullptr;
+  }
+  if (placement->record < S || placement->record - S > kMbrAddressLimit)
+    throw Error(ErrorId::InvalidArgument, "The logical drive cannot be addressed from its extended partition");
+  checkNoOverlap({placement->record, placement->first + placement->count}, used);
+  const uint8_t type = chooseType(request, placement->first, placement->count, false);
+  const Geometry& g = drive().geometry();
+
+  PartitionNodeBiosPartitionContainerEbr* firstRecord = chain->records.empty() ? nullptr : chain->records[0].get();
+  if (placement->record == S) {
+    // The free space begins at the extended partition: its first record takes the drive.
+    BiosBootRecord rec = firstRecord ? firstRecord->record() : BiosBootRecord(true, 4);
+    rec.setSlot(0, placement->first - S, placement->count, type, g.heads, g.sectorsPerTrack, S);
+    writeRecord(S, rec);
+  } else {
+    // Link the new record after the one that precedes the free space.
+    size_t prevIndex = 0;
+    for (size_t i = 0; i < chain->records.size(); ++i)
+      if (chain->records[i]->block() < placement->record &&
+          chain->records[i]->block() >= chain->records[prevIndex]->block())
+        prevIndex = i;
+    const PartitionNodeBiosPartitionContainerEbr* next =
+        firstRecord && prevIndex + 1 < chain->records.size() ? chain->records[prevIndex + 1].get() : nullptr;
+    BiosBootRecord fresh(true, 4);
+    fresh.setSlot(0, placement->first - placement->record, placement->count, type, g.heads, g.sectorsPerTrack,
+                  placement->record);
+    if (next) fresh.setSlot(1, next->block() - S, linkCount(*next), kLinkType, g.heads, g.sectorsPerTrack, S);
+    BiosBootRecord prev = firstRecord ? chain->records[prevIndex]->record() : BiosBootRecord(true, 4);
+    prev.setSlot(1, placement->record - S, placement->first + placement->count - placement->record, kLinkType, g.heads,
+                 g.sectorsPerTrack, S);
+    writeRecord(placement->record, fresh);
+    writeRecord(firstRecord ? chain->records[prevIndex]->block() : S, prev);
+  }
+  finishChange();
+  for (PartitionNode* n : displayList())
+    if (n->isLogical() && n->firstBlock == placement->first) return n;
+  throw Error(ErrorId::InvalidTable, "The new logical drive is missing from the table read back");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Removing and changing
+
+void MbrDisk::remove(PartitionNode& node) {
+  Core::TraceScope scope("doDeleteChild");
+  beginChange();
+  const Geometry& g = drive().geometry();
+  if (node.role == PartitionRole::Primary || node.role == PartitionRole::Extended) {
+    if (std::none_of(roots_.begin(), roots_.end(), [&](const auto& r) { return r.get() == &node; }))
+      throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk's tables");
+    drive().prepareForChange(node.firstBlock, node.blockCount);
+    BiosBootRecord mbr = master_->record();
+    mbr.clearSlot(static_cast<unsigned>(node.slot));
+    writeRecord(0, mbr);
+    // The chain is unreachable now; clear its records so that no later extended partition
+    // finds stale drives.
+    if (Chain* chain = chainOf(&node))
+      for (const auto& r : chain->records) clearRecord(r->block(), &node);
+    finishChange();
+    return;
+  }
+  Chain* chain = nullptr;
+  size_t index = 0;
+  locate(node, chain, index);
+  const auto& rec = *chain->records[index];
+  const uint64_t S = chain->extended->firstBlock;
+  if (rec.logical) drive().prepareForChange(rec.logical->firstBlock, rec.logical->blockCount);
+  if (index == 0) {
+    if (node.role != PartitionRole::Logical) throw Error(ErrorId::InvalidArgument, "The partition cannot be removed");
+    // The first record stays where the extended partition begins; only its drive goes.
+    BiosBootRecord first = rec.record();
+    first.clearSlot(0);
+    writeRecord(rec.block(), first);
+  } else {
+    const auto& prevRec = *chain->records[index - 1];
+    BiosBootRecord prev = prevRec.record();
+    if (index + 1 < chain->records.size()) {
+      const auto& next = *chain->records[index + 1];
+      prev.setSlot(1, next.block() - S, linkCount(next), kLinkType, g.heads, g.sectorsPerTrack, S);
+    } else {
+      prev.clearSlot(1);
+    }
+    writeRecord(prevRec.block(), prev);  // unlink first
+    clearRecord(rec.block(), rec.logical);
+  }
+  finishChange();
+}
+
+void MbrDisk::removeAll() {
+  Core::TraceScope scope("doDeleteChild");
+  beginChange();
+  if (!masterValid_ || roots_.empty()) return;
+  for (const auto& r : roots_) drive().prepareForChange(r->firstBlock, r->blockCount);
+  BiosBootRecord mbr = master_->record();
+  for (unsigned s = 0; s < 4; ++s) mbr.clearSlot(s);
+  writeRecord(0, mbr);
+  std::vector<uint64_t> stale;
+  for (const Chain& c : chains_)
+    for (const auto& r : c.records) stale.push_back(r->block());
+  // Nothing remains that a record could lie inside.
+  roots_.clear();
+  chains_.clear();
+  uint8_t zero[512] = {};
+  for (uint64_t b : stale)
+    if (b > 0 && b < drive().blockCount()) drive().write(b, 1, zero);
+  finishChange();
+}
+
+void MbrDisk::setActive(PartitionNode& node) {
+  Core::TraceScope scope("setActive");
+  beginChange();
+  if (node.role != PartitionRole::Primary || node.tableBlock != 0)
+    throw Error(ErrorId::InvalidArgument, "Only primary partitions can be set active");
+  BiosBootRecord mbr = master_->record();
+  mbr.setActive(static_cast<unsigned>(node.slot));
+  writeRecord(0, mbr);
+  finishChange();
+}
+
+void MbrDisk::clearActive(PartitionNode& node) {
+  Core::TraceScope scope("clearActive");
+  beginChange();
+  if (node.tableBlock == 0) {
+    BiosBootRecord mbr = master_->record();
+    mbr.deactivate(static_cast<unsigned>(node.slot));
+    writeRecord(0, mbr);
+  } else {
+    Chain* chain = nullptr;
+    size_t index = 0;
+    locate(node, chain, index);
+    const auto& holder = node.role == PartitionRole::Logical ? *chain->records[index] : *chain->records[index - 1];
+    BiosBootRecord rec = holder.record();
+    rec.deactivate(static_cast<unsigned>(node.slot));
+    writeRecord(holder.block(), rec);
+  }
+  finishChange();
+}
+
+void MbrDisk::setType(PartitionNode& node, uint8_t type) {
+  Core::TraceScope scope("setType");
+  beginChange();
+  if (type == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be given type 0");
+  if (node.role == PartitionRole::Auxiliary)
+    throw Error(ErrorId::InvalidArgument, "The type of a link entry cannot be changed");
+  if (node.role == PartitionRole::Logical && anyExtendedType(type))
+    throw Error(ErrorId::InvalidArgument, "A logical DOS drive cannot have an extended partition type");
+  if (node.tableBlock == 0) {
+    if (std::none_of(roots_.begin(), roots_.end(), [&](const auto& r) { return r.get() == &node; }))
+      throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk's tables");
+    drive().prepareForChange(node.firstBlock, node.blockCount);
+    BiosBootRecord mbr = master_->record();
+    mbr.setType(static_cast<unsigned>(node.slot), type);
+    writeRecord(0, mbr);
+  } else {
+    Chain* chain = nullptr;
+    size_t index = 0;
+    locate(node, chain, index);
+    drive().prepareForChange(node.firstBlock, node.blockCount);
+    BiosBootRecord rec = chain->records[index]->record();
+    rec.setType(0, type);
+    writeRecord(chain->records[index]->block(), rec);
+  }
+  finishChange();
+}
+
+}  // namespace
+
+std::unique_ptr<PartitionedDisk> loadMbrDisk(DiskDrive& drive) { return std::make_unique<MbrDisk>(drive); }
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+
+#include "app/Commands.h"
+#include "app/FakeDisks.h"
+#include "support/TestSupport.h"
+
+using namespace Kdisk;
+using namespace KdiskTest;
+
+namespace {
+
+// Display numbers: 1 NTFS active, 2 hidden FAT16, 3 extended (LBA), 4 hidden logical FAT16,
+// 5 logical FAT32, 6 Linux.
+FakeLayout& standardDisk(FakeDiskTable& t) {
+  FakeLayout& d = t.add(100000);
+  d.addPrimary(63, 1000, 0x07, true);
+  d.addPrimary(2000, 1000, 0x16);
+  d.addExtended(4000, 40000, 0x0F);
+  d.addLogical(4063, 1000, 0x16);
+  d.addLogical(6063, 1000, 0x0B);
+  d.addPrimary(50000, 1000, 0x83);
+  return d;
+}
+
+}  // namespace
+
+TEST(ActivateHide, RulesInOrder) {
+  using Corvo::Core::setPromptMode;
+  struct Case {
+    CommandCode code;
+    std::string p;
+    int rc;
+    std::string error, warning;
+    int writes;
+    unsigned number;   // partition to look at afterwards
+    uint8_t type;      // its type afterwards
+    bool active;       // its active flag afterwards
+    std::string marker;
+  } cases[] = {
+      {ccActivate, "/P:1", 0, "", "The specified partition is already active\n", 0, 1, 0x07, true, ""},
+      {ccActivate, "/P:4", 1, "Logical DOS drives may not be set active\n", "", 0, 4, 0x16, false, ""},
+      {ccActivate, "/P:2", 1, "Hidden partitions may not be set active\n", "", 0, 2, 0x16, false, ""},
+      {ccActivate, "/P:3", 1, "The extended DOS partition may not be set active\n", "", 0, 3, 0x0F, false, ""},
+      {ccActivate, "/P:6", 0, "", "", 1, 6, 0x83, true, "*ACTIVATED*"},
+      {ccActivate, "/P:7", 1, "Invalid partition number -- 7\n", "", 0, 1, 0x07, true, ""},
+      {ccActivate, "/P:0", 2, "Invalid partition number -- 0\n", "", 0, 1, 0x07, true, ""},
+      {ccActivate, "/P:2x", 2, "Invalid partition number -- 2x\n", "", 0, 1, 0x07, true, ""},
+      {ccDeactivate, "/P:6", 0, "", "The specified partition is not active\n", 0, 6, 0x83, false, ""},
+      {ccDeactivate, "/P:1", 0, "", "", 1, 1, 0x07, false, "*DEACTIVATED*"},
+      {ccHide, "/P:2", 0, "", "The specified partition is already hidden\n", 0, 2, 0x16, false, ""},
+      {ccHide, "/P:6", 1, "Cannot hide partitions of this type\n", "", 0, 6, 0x83, false, ""},
+      {ccHide, "/P:1", 0, "", "", 1, 1, 0x17, true, "*HIDDEN*"},
+      {ccHide, "/P:3", 0, "", "", 1, 3, 0x1F, false, "*HIDDEN*"},
+      {ccHide, "/P:5", 0, "", "", 1, 5, 0x1B, false, "*HIDDEN*"},
+      {ccUnhide, "/P:2", 0, "", "", 1, 2, 0x06, false, "*UNHIDDEN*"},
+      {ccUnhide, "/P:6", 0, "", "The specified partition is not currently hidden\n", 0, 6, 0x83, false, ""},
+  };
+  for (const Case& c : cases) {
+    FakeDiskTable t;
+    FakeLayout& d = standardDisk(t);
+    setPromptMode(0);  // /Y
+    ScopedCapture cap;
+    const char* sw = c.code == ccActivate ? "/ACT" : c.code == ccDeactivate ? "/-ACT" : c.code == ccHide ? "/HIDE" : "/-HIDE";
+    SwitchSet set({"kdisk", "1", sw, c.p});
+    int rc = c.code <= ccDeactivate ? commandActivate(c.code, set) : commandHide(c.code, set);
+    std::string what = std::string(sw) + " " + c.p;
+    EXPECT_EQ(rc, c.rc) << what;
+    EXPECT_EQ(cap.sink().errors, c.error) << what;
+    EXPECT_EQ(cap.sink().warnings, c.warning) << what;
+    EXPECT_EQ(d.writes, c.writes) << what;
+    EXPECT_EQ(d.reloads, c.writes) << what;
+    auto* n = d.byDisplayNumber(c.number);
+    EXPECT_EQ(n->type, c.type) << what;
+    EXPECT_EQ(n->active, c.active) << what;
+    if (!c.marker.empty()) {
+      EXPECT_NE(cap.sink().out.find(c.marker), std::string::npos) << what;
+    }
+    if (!c.warning.empty()) {  // warnings still show the disk
+      EXPECT_NE(cap.sink().out.find("Partitions on fixed disk 1"), std::string::npos) << what;
+    }
+    setPromptMode(2);
+  }
+}
+
+TEST(ActivateHide, DeactivatingTheOnlyActivePartitionAsksFirst) {
+  FakeDiskTable t;
+  FakeLayout& d = standardDisk(t);
+  ScopedCapture cap;  // no answers queued: the question is answered No
+  SwitchSet set({"kdisk", "1", "/-ACT", "/P:1"});
+  EXPECT_EQ(commandActivate(ccDeactivate, set), 1);
+  EXPECT_EQ(cap.sink().questions,
+            "You are deactivating the active partition. Fixed disk 1 will not be bootable until a partition is set "
+            "active. Continue?\n");
+  EXPECT_EQ(d.writes, 0);
+  EXPECT_TRUE(d.byDisplayNumber(1)->active);
+}
+
+TEST(ActivateHide, HidingTheOnlyActivePartitionOfTheBootDiskWarns) {
+  for (bool boot : {true, false}) {
+    FakeDiskTable t;
+    standardDisk(t);
+    t.lastAccess->bootDisk = boot;
+    ScopedCapture cap;
+    SwitchSet set({"kdisk", "1", "/HIDE", "/P:1"});
+    EXPECT_EQ(commandHide(ccHide, set), 0);
+    EXPECT_EQ(cap.sink().infos.find("No partitions are set active. Fixed disk 1 will not be bootable until a partition "
+                                    "is set active") != std::string::npos,
+              boot);
+  }
+}
+
+TEST(ActivateHide, OtherRefusals) {
+  using Corvo::Disk::PartitionScheme;
+  {  // unhiding an extended partition while a visible one exists
+    FakeDiskTable t;
+    FakeLayout& d = t.add(100000);
+    d.addExtended(100, 1000, 0x1F);
+    d.addExtended(2000, 1000, 0x05);
+    d.addPrimary(5000, 100, 0xFE);
+    d.addPrimary(6000, 100, 0x85);
+    ScopedCapture cap;
+    SwitchSet unhideExt({"kdisk", "1", "/-HIDE", "/P:1"});
+    EXPECT_EQ(commandHide(ccUnhide, unhideExt), 1);
+    SwitchSet unhideDiag({"kdisk", "1", "/-HIDE", "/P:3"});
+    EXPECT_EQ(commandHide(ccUnhide, unhideDiag), 1);
+    SwitchSet activateLinuxExt({"kdisk", "1", "/ACT", "/P:4"});
+    EXPECT_EQ(commandActivate(ccActivate, activateLinuxExt), 1);
+    EXPECT_EQ(cap.sink().errors,
+              "Unhiding this partition would result in there being more than one extended DOS partition\n"
+              "Cannot unhide partitions of this type\n"
+              "The extended partitions may not be set active\n");
+    EXPECT_EQ(d.writes, 0);
+  }
+  {  // a failing table write is reported with the step's name
+    FakeDiskTable t;
+    FakeLayout& d = standardDisk(t);
+    d.failWrites = true;
+    ScopedCapture cap;
+    SwitchSet set({"kdisk", "1", "/HIDE", "/P:1"});
+    EXPECT_EQ(commandHide(ccHide, set), 1);
+    EXPECT_EQ(cap.sink().errors, "Cannot hide partition -- injected write failure\n");
+  }
+  {  // GPT disks have neither an active flag nor hidden types
+    FakeDiskTable t;
+    t.add(100000, PartitionScheme::Gpt).addPrimary(2048, 1000, 0);
+    ScopedCapture cap;
+    SwitchSet set({"kdisk", "1", "/ACT", "/P:1"});
+    EXPECT_EQ(commandActivate(ccActivate, set), 1);
+    EXPECT_NE(cap.sink().errors.find("GPT disk"), std::string::npos);
+  }
+}

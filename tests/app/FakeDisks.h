@@ -1,0 +1,161 @@
+// In-memory disks for the front-end tests: a drive backend over a byte vector and a partition
+// table model that records what the commands ask it to change.
+#pragma once
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "app/FixedDisks.h"
+#include "core/Error.h"
+#include "disk/DiskDrive.h"
+#include "disk/PartitionedDisk.h"
+
+namespace KdiskTest {
+
+class MemoryAccess : public Corvo::Disk::DiskDriveAccess {
+ public:
+  explicit MemoryAccess(uint64_t blocks) : data(blocks * 512, 0) {}
+  std::string path() const override { return "memory"; }
+  Corvo::Disk::Geometry getGeometry() const override { return geometry; }
+  uint64_t totalBlocks() const override { return data.size() / 512; }
+  std::string model() const override { return "Memory disk"; }
+  std::string serialNumber() const override { return "SN-0001"; }
+  void read(uint64_t first, uint64_t count, void* buffer) override {
+    ++reads;
+    for (uint64_t s : badSectors)
+      if (s >= first && s < first + count) throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "bad sector");
+    std::memcpy(buffer, data.data() + first * 512, count * 512);
+  }
+  void write(uint64_t first, uint64_t count, const void* buffer) override {
+    std::memcpy(data.data() + first * 512, buffer, count * 512);
+  }
+  bool isBootDisk() const override { return bootDisk; }
+
+  std::vector<uint8_t> data;
+  Corvo::Disk::Geometry geometry{};
+  std::set<uint64_t> badSectors;
+  bool bootDisk = false;
+  mutable uint64_t reads = 0;
+};
+
+// A partition table held as nodes; changes are applied to the nodes and counted.
+class FakeLayout : public Corvo::Disk::PartitionedDisk {
+ public:
+  using Node = Corvo::Disk::PartitionNode;
+  using Role = Corvo::Disk::PartitionRole;
+
+  explicit FakeLayout(Corvo::Disk::DiskDrive& drive, Corvo::Disk::PartitionScheme scheme = Corvo::Disk::PartitionScheme::Mbr)
+      : PartitionedDisk(drive), scheme_(scheme) {}
+
+  Node* addPrimary(uint64_t first, uint64_t count, uint8_t type, bool active = false) {
+    roots_.push_back(makeNode(Role::Primary, first, count, type, active));
+    return roots_.back().get();
+  }
+  Node* addExtended(uint64_t first, uint64_t count, uint8_t type = 0x0F) {
+    roots_.push_back(makeNode(Role::Extended, first, count, type, false));
+    tail_ = roots_.back().get();
+    return tail_;
+  }
+  // Appends a logical drive to the chain of the last extended partition, with its link entry.
+  Node* addLogical(uint64_t first, uint64_t count, uint8_t type, bool active = false) {
+    if (tail_->role == Role::Auxiliary || !tail_->children.empty()) {
+      auto link = makeNode(Role::Auxiliary, first - 1, count + 1, 0x05, false);
+      link->parent = tail_;
+      tail_->children.push_back(std::move(link));
+      tail_ = tail_->children.back().get();
+    }
+    auto n = makeNode(Role::Logical, first, count, type, active);
+    n->parent = tail_;
+    tail_->children.push_back(std::move(n));
+    return tail_->children.back().get();
+  }
+
+  Corvo::Disk::PartitionScheme scheme() const override { return scheme_; }
+  const std::vector<std::unique_ptr<Node>>& roots() const override { return roots_; }
+  const Corvo::Disk::TableFacts& facts() const override { return facts_; }
+  std::vector<Corvo::Disk::RawBootRecord> rawTables() const override { return raw; }
+  void reload() override { ++reloads; }
+  unsigned slotCount() const override { return 4; }
+  unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
+  Node* createPrimary(Corvo::Disk::CreationRequest&) override { return nullptr; }
+  Node* createExtended(Corvo::Disk::CreationRequest&) override { return nullptr; }
+  Node* createLogical(Corvo::Disk::CreationRequest&) override { return nullptr; }
+  void remove(Node&) override { ++writes; }
+  void removeAll() override { ++writes; }
+  void setActive(Node& node) override {
+    failIfAsked();
+    for (auto& r : roots_) r->active = false;
+    node.active = true;
+    ++writes;
+  }
+  void clearActive(Node& node) override {
+    failIfAsked();
+    node.active = false;
+    ++writes;
+  }
+  void setType(Node& node, uint8_t type) override {
+    failIfAsked();
+    node.type = type;
+    ++writes;
+  }
+
+  Corvo::Disk::TableFacts facts_;
+  std::vector<Corvo::Disk::RawBootRecord> raw;
+  int writes = 0, reloads = 0;
+  bool failWrites = false;
+
+ private:
+  void failIfAsked() {
+    if (failWrites) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "injected write failure");
+  }
+  static std::unique_ptr<Node> makeNode(Role role, uint64_t first, uint64_t count, uint8_t type, bool active) {
+    auto n = std::make_unique<Node>();
+    n->role = role;
+    n->firstBlock = first;
+    n->blockCount = count;
+    n->type = type;
+    n->active = active;
+    return n;
+  }
+  Corvo::Disk::PartitionScheme scheme_;
+  std::vector<std::unique_ptr<Node>> roots_;
+  Node* tail_ = nullptr;
+};
+
+// Owns the drives behind the fixed disk table for one test; releases the table first.
+class FakeDiskTable {
+ public:
+  FakeDiskTable() { Kdisk::releaseFixedDiskTable(); }
+  ~FakeDiskTable() { Kdisk::releaseFixedDiskTable(); }
+
+  // Adds an accessible disk and returns its layout (its backend is in lastAccess).
+  FakeLayout& add(uint64_t blocks, Corvo::Disk::PartitionScheme scheme = Corvo::Disk::PartitionScheme::Mbr) {
+    auto access = std::make_unique<MemoryAccess>(blocks);
+    lastAccess = access.get();
+    drives_.push_back(std::make_unique<Corvo::Disk::DiskDrive>(static_cast<uint32_t>(drives_.size()), std::move(access)));
+    auto rec = std::make_unique<Kdisk::FixedDisk>();
+    rec->index = static_cast<uint32_t>(drives_.size() - 1);
+    rec->drive = drives_.back().get();
+    auto layout = std::make_unique<FakeLayout>(*rec->drive, scheme);
+    FakeLayout& ref = *layout;
+    rec->layout = std::move(layout);
+    Kdisk::adoptFixedDisk(std::move(rec));
+    return ref;
+  }
+  // Adds a disk that could not be opened.
+  void addBroken(const std::string& why) {
+    drives_.push_back(nullptr);
+    auto rec = std::make_unique<Kdisk::FixedDisk>();
+    rec->index = static_cast<uint32_t>(drives_.size() - 1);
+    rec->status = Corvo::Core::Error(Corvo::Core::ErrorId::OpenFailed, why);
+    Kdisk::adoptFixedDisk(std::move(rec));
+  }
+  MemoryAccess* lastAccess = nullptr;
+
+ private:
+  std::vector<std::unique_ptr<Corvo::Disk::DiskDrive>> drives_;
+};
+
+}  // namespace KdiskTest

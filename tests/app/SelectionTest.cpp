@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include "app/Help.h"
+#include "app/Selection.h"
+#include "core/Config.h"
+#include "support/TestSupport.h"
+
+using namespace Kdisk;
+using namespace Corvo::Core;
+
+namespace {
+SwitchSet line(std::vector<std::string> words) {
+  words.insert(words.begin(), "kdisk");
+  return SwitchSet(words);
+}
+// -1: no exception; otherwise the raised exit code.
+int selectRaised(SwitchSet& set, CommandCode& code) {
+  try {
+    code = selectCommand(set);
+    return -1;
+  } catch (int raised) {
+    return raised;
+  }
+}
+}  // namespace
+
+TEST(Selection, PicksOneCommandOrRaisesTwo) {
+  struct Case {
+    std::vector<std::string> words;
+    int code;           // expected code when nothing is raised
+    int raised;         // -1 when selection succeeds
+    const char* error;  // expected error text (substring), or ""
+  } cases[] = {
+      {{}, ccDefault, -1, ""},
+      {{"1"}, ccDefault, -1, ""},
+      {{"/CRE"}, ccCreate, -1, ""},
+      {{"/del"}, ccDelete, -1, ""},
+      {{"/STATUS"}, ccStatus, -1, ""},
+      {{"/ACT"}, ccActivate, -1, ""},
+      {{"/-ACT"}, ccDeactivate, -1, ""},
+      {{"/HIDE"}, ccHide, -1, ""},
+      {{"/-HIDE"}, ccUnhide, -1, ""},
+      {{"/MBR"}, ccMbr, -1, ""},
+      {{"/GPT"}, ccGpt, -1, ""},
+      {{"/REVERT"}, ccRevert, -1, ""},
+      {{"/ATASECURITY"}, ccAtaSecurity, -1, ""},
+      {{"/DISKWIPE"}, ccDiskWipe, -1, ""},
+      {{"/BOOTINI"}, ccBootIni, -1, ""},
+      {{"/VIEW:0"}, ccView, -1, ""},
+      {{"/VIEW"}, ccView, -1, ""},  // the body reports the missing value
+      {{"/CRE", "/DEL"}, 0, 2, "Specify one of /CRE, /DEL, /STATUS, /ACT, /HIDE, /MBR, /DISKWIPE or /BOOTINI"},
+      {{"/GPT", "/VIEW:1"}, 0, 2, "Specify one of /CRE"},
+      {{"/ACT", "/-ACT", "/CRE"}, 0, 2, "Conflicting switches. Specify either /ACT or /-ACT"},
+      {{"/HIDE", "/-HIDE"}, 0, 2, "Conflicting switches. Specify either /HIDE or /-HIDE"},
+      {{"/CRE", "/Y", "/SURE"}, 0, 2, "Conflicting switches. Specify either /Y or /SURE"},
+      {{"/?", "/CRE", "/DEL"}, 0, 2, "Specify one of"},  // the conflict comes before the help
+      {{"/?"}, ccHelpShown, -1, ""},
+      {{"/H", "/CRE"}, ccHelpShown, -1, ""},
+      {{"/help", "/Y", "/SURE"}, ccHelpShown, -1, ""},  // help returns before the prompt switches
+  };
+  for (const auto& c : cases) {
+    KdiskTest::ScopedCapture capture;
+    SwitchSet set = line(c.words);
+    CommandCode code = ccDefault;
+    int raised = selectRaised(set, code);
+    std::string what = c.words.empty() ? "(none)" : c.words[0];
+    EXPECT_EQ(raised, c.raised) << what;
+    if (c.raised < 0) {
+      EXPECT_EQ(static_cast<int>(code), c.code) << what;
+    }
+    EXPECT_NE(capture.sink().errors.find(c.error), std::string::npos) << what << ": " << capture.sink().errors;
+    if (!*c.error) {
+      EXPECT_EQ(capture.sink().errors, "") << what;
+    }
+  }
+}
+
+TEST(Selection, HelpPrintsTheSelectedCommandsText) {
+  struct Case {
+    std::vector<std::string> words;
+    const char* text;
+  } cases[] = {
+      {{"/?"}, "Fixed Disk Partitioning Utility"},
+      {{"/?", "/CRE"}, "Creates fixed disk partitions and logical drives.\n\nkdisk disk /CRE {/PRI|/EXT|/LOG} "
+                       "[/SZ:{mbytes|pcent{P|%}}] [/END]\n"},
+      {{"/?", "/-ACT"}, "Sets or removes the active partition."},
+      {{"/?", "/GPT"}, "/GPT switch is only supported in the DOS & Vista version of kdisk\n\n"},
+      {{"/?", "/VIEW:1"}, "kdisk disk /VIEW:n [/NUM:num-sectors] [/PAGE]\n"},
+      {{"/?", "/DISKWIPE"}, "Preserve Corvo partition which was used to boot."},
+      {{"/?", "/MBR"}, "Recommended option."},
+      {{"/?", "/STATUS"}, "Default is to list all fixed disks."},
+  };
+  for (const auto& c : cases) {
+    KdiskTest::ScopedCapture capture;
+    SwitchSet set = line(c.words);
+    EXPECT_EQ(selectCommand(set), ccHelpShown);
+    EXPECT_NE(capture.sink().out.find(c.text), std::string::npos) << c.words.back() << ":\n" << capture.sink().out;
+  }
+}
+
+TEST(Selection, GlobalOptionsSetKeysAndPromptMode) {
+  KdiskTest::ScopedCapture capture;
+  Config::clear();
+  setPromptMode(2);
+  SwitchSet set = line({"/STATUS", "/x", "/U", "/SURE"});
+  EXPECT_EQ(selectCommand(set), ccStatus);
+  EXPECT_TRUE(Config::getBool("DiskDriveAccessExInt13::disable", false));
+  EXPECT_TRUE(Config::getBool("DiskDriveAccessIdeUdma::disable", false));
+  EXPECT_FALSE(Config::getBool("IdeControllerManager::disable", false));
+  EXPECT_FALSE(Config::getBool("DiskDriveAccessAspi::disable", false));
+  EXPECT_EQ(getPromptMode(), 0u);
+  EXPECT_EQ(message(mkQuestionPrompted, "Really?"), 1);
+  EXPECT_EQ(capture.sink().questions, "");
+  setPromptMode(2);
+  Config::clear();
+}
+
+TEST(Selection, AtaSecurityIsRefusedWithTwo) {
+  KdiskTest::ScopedCapture capture;
+  SwitchSet set = line({"/ATASECURITY"});
+  EXPECT_EQ(runCommandBody(ccAtaSecurity, set), 2);
+  EXPECT_EQ(capture.sink().errors, "/ATASECURITY switch is only supported in the DOS version of kdisk\n");
+}

@@ -1,0 +1,114 @@
+#!/usr/bin/env bash
+# /ACT, /-ACT, /HIDE and /-HIDE on images partitioned by sfdisk: every change is confirmed by
+# sfdisk's own reading of the table, and every refusal leaves the image byte-identical.
+set -euo pipefail
+KDISK=${1:?usage: activate_hide.sh path/to/kdisk}
+. "$(dirname "$0")/lib/disk_commands.bash"
+need_tools sfdisk sha256sum
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+img=$work/disk.img
+
+# Display numbers: 1 NTFS (active), 2 FAT16, 3 Linux, 4 extended, 5 logical FAT16.
+truncate -s 64M "$img"
+sfdisk -q "$img" <<'T'
+label: dos
+start=2048, size=8192, type=7, bootable
+start=10240, size=8192, type=6
+start=18432, size=8192, type=83
+start=26624, type=f
+size=8192, type=6
+T
+
+# refused CODE MESSAGE ARGS...: the command fails with CODE and MESSAGE and writes nothing.
+refused() {
+  local code=$1 msg=$2 s; shift 2
+  s=$(sum "$img")
+  kd "$img" -- "$@"
+  expect_rc "$code" "$*"
+  expect_out "$msg" "$*"
+  [ "$(sum "$img")" = "$s" ] || fail "$*: the image changed"
+}
+# unchanged WARNING ARGS...: exit 0 with the warning and the status table, nothing written.
+unchanged() {
+  local msg=$1 s; shift
+  s=$(sum "$img")
+  kd "$img" -- "$@"
+  expect_rc 0 "$*"
+  expect_out "$msg" "$*"
+  expect_out "Partitions on fixed disk 1" "$*"
+  [ "$(sum "$img")" = "$s" ] || fail "$*: the image changed"
+}
+# changed MARKER WANT ARGS...: exit 0, the partition marked, sfdisk's table is then WANT
+# (one "start size type bootable" line per partition).
+changed() {
+  local marker=$1 want=$2; shift 2
+  kd "$img" -- "$@"
+  expect_rc 0 "$*"
+  expect_out "$marker" "$*"
+  local got; got=$(table_of "$img")
+  [ "$got" = "$want" ] || fail "$*: table is"$'\n'"$got"$'\n'"expected"$'\n'"$want"
+}
+# Expected table with given types for slots 1-4 and the logical drive, and the bootable one.
+tbl() {  # tbl T1 T2 T3 T4 T5 BOOTSLOT [no-logicals]
+  local b=$6 i t=("$1" "$2" "$3" "$4")
+  local starts=(2048 10240 18432 26624) sizes=(8192 8192 8192 104448)
+  for i in 0 1 2 3; do echo "${starts[$i]} ${sizes[$i]} ${t[$i]} $([ "$b" = $((i + 1)) ] && echo 1 || echo 0)"; done
+  [ -z "${7:-}" ] && echo "28672 8192 $5 0"
+  return 0
+}
+
+changed_checked=$(table_of "$img")
+[ "$changed_checked" = "$(tbl 7 6 83 f 6 1)" ] || { echo "sfdisk produced an unexpected table"; exit 1; }
+
+# Command line and partition number checks.
+refused 2 "Invalid partition number -- 0" 1 /ACT /P:0
+refused 2 "Invalid partition number -- 2x" 1 /ACT /P:2x
+refused 2 "Required switch missing -- /P" 1 /ACT
+refused 1 "Invalid partition number -- 9" 1 /HIDE /P:9
+refused 2 "Required parameter missing -- fixed disk number" /ACT /P:1
+refused 1 "No such fixed disk -- 2" 2 /ACT /P:1
+
+# /ACT rules, in order.
+unchanged "The specified partition is already active" 1 /ACT /P:1
+refused 1 "Logical DOS drives may not be set active" 1 /ACT /P:5
+refused 1 "The extended DOS partition may not be set active" 1 /ACT /P:4
+changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 2)" 1 /ACT /P:2
+
+# /-ACT: a partition that is not active; the only active one needs a Yes.
+unchanged "The specified partition is not active" 1 /-ACT /P:1
+refused 1 "will not be bootable until a partition is set active. Continue?" 1 /-ACT /P:2
+changed "*DEACTIVATED*" "$(tbl 7 6 83 f 6 0)" 1 /-ACT /P:2 /Y
+changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 1)" 1 /ACT /P:1
+
+# /HIDE and /-HIDE.
+changed "*HIDDEN*" "$(tbl 17 6 83 f 6 1)" 1 /HIDE /P:1
+expect_no_out "No partitions are set active" "an image is not the boot disk"
+unchanged "The specified partition is already hidden" 1 /HIDE /P:1
+refused 1 "Hidden partitions may not be set active" 1 /ACT /P:1
+refused 1 "Cannot hide partitions of this type" 1 /HIDE /P:3
+unchanged "The specified partition is not currently hidden" 1 /-HIDE /P:3
+changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:1
+changed "*HIDDEN*" "$(tbl 7 6 83 f 16 1)" 1 /HIDE /P:5
+changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:5
+# A hidden extended partition holds no chain that sfdisk follows; unhiding brings it back.
+changed "*HIDDEN*" "$(tbl 7 6 83 1f 6 1 no-logicals)" 1 /HIDE /P:4
+changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:4
+
+# Unhiding an extended partition while the disk has one already.
+truncate -s 32M "$work/two.img"
+sfdisk -q "$work/two.img" <<'T'
+label: dos
+start=2048, size=8192, type=1f
+start=10240, type=5
+T
+img=$work/two.img
+refused 1 "Unhiding this partition would result in there being more than one extended DOS partition" 1 /-HIDE /P:1
+
+# GPT disks have neither active flags nor hidden types.
+truncate -s 32M "$work/gpt.img"
+printf 'label: gpt\nstart=2048, size=8192\n' | sfdisk -q "$work/gpt.img"
+img=$work/gpt.img
+refused 1 "GPT disk" 1 /ACT /P:1
+refused 1 "GPT disk" 1 /HIDE /P:1
+finish

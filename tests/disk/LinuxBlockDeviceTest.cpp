@@ -1,0 +1,155 @@
+// The block-device backend on loop devices this test makes itself, checked against the
+// kernel's own view in sysfs and against mount.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "core/Error.h"
+#include "disk/DiskDriveAccess.h"
+#include "disk/access/LinuxDisks.h"
+#include "support/TestSupport.h"
+
+using namespace Corvo::Disk;
+using Corvo::Core::Error;
+using Corvo::Core::ErrorId;
+using KdiskTest::runCommand;
+
+namespace {
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path);
+  std::string s;
+  std::getline(in, s);
+  return s;
+}
+
+OsLayoutEntry part(uint32_t number, uint64_t first, uint64_t count, uint8_t type, bool container = false) {
+  OsLayoutEntry e;
+  e.number = number;
+  e.firstBlock = first;
+  e.blockCount = count;
+  e.type = type;
+  e.container = container;
+  return e;
+}
+
+class LoopDevice : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "loop devices need root";
+    if (!KdiskTest::haveTool("losetup")) GTEST_SKIP() << "losetup is not installed";
+    std::string out;
+    ASSERT_EQ(runCommand("truncate -s 64M " + dir_.file("disk.img"), &out), 0) << out;
+    if (runCommand("losetup -f --show -P " + dir_.file("disk.img"), &out) != 0)
+      GTEST_SKIP() << "losetup cannot attach an image here: " << out;
+    loop_ = out.substr(0, out.find('\n'));
+    name_ = loop_.substr(loop_.rfind('/') + 1);
+  }
+  void TearDown() override {
+    if (!mountPoint_.empty()) runCommand("umount " + mountPoint_);
+    if (!loop_.empty()) runCommand("losetup -d " + loop_);
+  }
+  std::string sys(const std::string& part, const std::string& attr) {
+    return slurp("/sys/block/" + name_ + "/" + part + "/" + attr);
+  }
+  bool partitionShown(int n) {
+    return access(("/sys/block/" + name_ + "/" + name_ + "p" + std::to_string(n)).c_str(), F_OK) == 0;
+  }
+  static OsLayout twoPartitions() {
+    OsLayout l;
+    l.entries.push_back(part(1, 2048, 40960, 0x83));
+    l.entries.push_back(part(2, 43008, 20480, 0x83));
+    return l;
+  }
+
+  KdiskTest::TempDir dir_;
+  std::string loop_, name_, mountPoint_;
+};
+
+TEST_F(LoopDevice, OpensWithSizeAndTransfers) {
+  auto disk = openImageDisk(loop_);
+  EXPECT_EQ(disk->totalBlocks(), 64u * 2048);
+  EXPECT_EQ(disk->getGeometry().bytesPerSector, 512u);
+  EXPECT_FALSE(disk->isBootDisk());
+  EXPECT_TRUE(disk->supportsOsLayout());
+  std::vector<uint8_t> data(3 * 512), back(3 * 512);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+  disk->write(100, 3, data.data());
+  disk->flush();
+  disk->read(100, 3, back.data());
+  EXPECT_EQ(data, back);
+}
+
+TEST_F(LoopDevice, LayoutUpdateAddsResizesAndRemovesKernelPartitions) {
+  auto disk = openImageDisk(loop_);
+  disk->setNativePartitionLayout(twoPartitions());
+  ASSERT_TRUE(partitionShown(1));
+  ASSERT_TRUE(partitionShown(2));
+  EXPECT_EQ(sys(name_ + "p1", "start"), "2048");
+  EXPECT_EQ(sys(name_ + "p1", "size"), "40960");
+  EXPECT_EQ(sys(name_ + "p2", "start"), "43008");
+  EXPECT_EQ(sys(name_ + "p2", "size"), "20480");
+
+  // Partition 2 grows, partition 1 moves, an extended partition with one logical drive.
+  OsLayout next;
+  next.entries.push_back(part(1, 4096, 8192, 0x83));
+  next.entries.push_back(part(2, 43008, 40960, 0x83));
+  next.entries.push_back(part(3, 90112, 20480, 0x05, true));
+  next.entries.push_back(part(5, 92160, 18432, 0x83));
+  disk->setNativePartitionLayout(next);
+  EXPECT_EQ(sys(name_ + "p1", "start"), "4096");
+  EXPECT_EQ(sys(name_ + "p1", "size"), "8192");
+  EXPECT_EQ(sys(name_ + "p2", "size"), "40960");
+  EXPECT_EQ(sys(name_ + "p3", "size"), "2");
+  EXPECT_EQ(sys(name_ + "p5", "start"), "92160");
+
+  disk->setNativePartitionLayout(OsLayout{});
+  for (int n : {1, 2, 3, 5}) EXPECT_FALSE(partitionShown(n)) << n;
+}
+
+TEST_F(LoopDevice, PrepareForChangeRefusesMountedPartition) {
+  if (!KdiskTest::haveTool("mke2fs")) GTEST_SKIP() << "mke2fs is not installed";
+  auto disk = openImageDisk(loop_);
+  disk->setNativePartitionLayout(twoPartitions());
+  std::string out;
+  ASSERT_EQ(runCommand("mke2fs -q -F -t ext2 " + loop_ + "p1", &out), 0) << out;
+  std::string mp = dir_.file("mnt");
+  ASSERT_EQ(runCommand("mkdir " + mp), 0);
+  if (runCommand("mount -t ext2 " + loop_ + "p1 " + mp, &out) != 0) GTEST_SKIP() << "cannot mount ext2: " << out;
+  mountPoint_ = mp;
+
+  std::vector<uint8_t> before(512), after(512);
+  disk->read(2048, 1, before.data());
+  try {
+    disk->prepareForChange(2048, 40960);
+    FAIL() << "a mounted partition was accepted";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.id(), ErrorId::InUse);
+    EXPECT_NE(e.text().find(loop_ + "p1"), std::string::npos) << e.text();
+    EXPECT_NE(e.text().find("mounted"), std::string::npos) << e.text();
+  }
+  // Any overlap counts; the unmounted neighbour and free space are fine.
+  EXPECT_THROW(disk->prepareForChange(40000, 4000), Error);
+  EXPECT_NO_THROW(disk->prepareForChange(43008, 20480));
+  EXPECT_NO_THROW(disk->prepareForChange(70000, 1000));
+  disk->read(2048, 1, after.data());
+  EXPECT_EQ(before, after);
+
+  // A layout update that would drop the mounted partition fails and says so.
+  EXPECT_THROW(
+      {
+        try {
+          disk->setNativePartitionLayout(OsLayout{});
+        } catch (const Error& e) {
+          EXPECT_EQ(e.id(), ErrorId::OsLayoutFailed);
+          throw;
+        }
+      },
+      Error);
+  ASSERT_EQ(runCommand("umount " + mp, &out), 0) << out;
+  mountPoint_.clear();
+  EXPECT_NO_THROW(disk->prepareForChange(2048, 40960));
+}
+
+}  // namespace

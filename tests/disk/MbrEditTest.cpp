@@ -1,0 +1,411 @@
+// Changing MBR disks: placement, alignment, type bytes, linking and unlinking of extended boot
+// records, each result checked with sfdisk.
+#include <gtest/gtest.h>
+
+#include "core/Config.h"
+#include "core/Endian.h"
+#include "disk/MbrTestSupport.h"
+
+using namespace Corvo::Disk;
+using namespace KdiskTest;
+using Corvo::Core::Error;
+using Corvo::Core::ErrorId;
+
+namespace {
+
+constexpr uint64_t kCyl = 255 * 63;
+constexpr uint64_t kMB = 2048;
+enum Kind { Pri, Ext, Log };
+
+struct Step {
+  Kind kind;
+  uint64_t size;  // sectors; CreationRequest::kLargest for the largest
+  bool atEnd;
+  uint64_t expectFirst, expectCount;  // 0: only the alignment rules are checked
+  unsigned expectType;
+};
+
+class MbrEditTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!haveTool("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
+  }
+  // The model, re-read from scratch, agrees with sfdisk; sfdisk finds nothing wrong.
+  void expectConsistent(const PartitionedDisk& disk) {
+    auto fresh = openDrive(img);
+    auto reread = PartitionedDisk::load(*fresh);
+    EXPECT_EQ(describe(modelView(*reread)), describe(sfdiskView(img)));
+    EXPECT_EQ(describe(modelView(disk)), describe(modelView(*reread)));
+    std::string report;
+    EXPECT_TRUE(sfdiskClean(img, &report)) << report;
+    EXPECT_EQ(overlapReport(*reread), "");
+    EXPECT_TRUE(reread->facts().problems.empty());
+  }
+  PartitionNode* create(PartitionedDisk& disk, Kind kind, CreationRequest& r) {
+    return kind == Pri ? disk.createPrimary(r) : kind == Ext ? disk.createExtended(r) : disk.createLogical(r);
+  }
+  TempDir dir;
+  std::string img = dir.file("disk.img");
+};
+
+void checkAlignment(const PartitionNode& n, int64_t alignment, uint64_t requested) {
+  const uint64_t end = n.firstBlock + n.blockCount;
+  if (alignment < 0) {
+    if (n.isLogical()) {
+      const PartitionNode* ext = n.extendedContainer();
+      EXPECT_TRUE(n.tableBlock % kCyl == 0 || n.tableBlock == ext->firstBlock) << n.tableBlock;
+      EXPECT_EQ(n.firstBlock, n.tableBlock + 63);
+    } else {
+      EXPECT_TRUE(n.firstBlock % kCyl == 0 || n.firstBlock == 63) << n.firstBlock;
+    }
+    EXPECT_EQ(end % kCyl, 0u) << end;
+    if (requested != CreationRequest::kLargest) {
+      EXPECT_LT(n.blockCount, requested + kCyl);
+    }
+  } else {
+    EXPECT_EQ(n.firstBlock % 2048, 0u);
+    EXPECT_EQ(n.blockCount % 2048, 0u);
+    if (n.isLogical()) {
+      EXPECT_EQ(n.firstBlock, n.tableBlock + 2048);
+    }
+    if (requested != CreationRequest::kLargest) {
+      EXPECT_EQ(n.blockCount, (requested + 2047) / 2048 * 2048);
+    }
+  }
+  if (requested != CreationRequest::kLargest) {
+    EXPECT_GE(n.blockCount, requested);
+  }
+}
+
+}  // namespace
+
+TEST_F(MbrEditTest, PlacementAndAlignment) {
+  const uint64_t L = CreationRequest::kLargest;
+  struct Case {
+    const char* name;
+    int64_t alignment;
+    std::vector<Step> steps;
+  } cases[] = {
+      {"chs primaries", -1,
+       {{Pri, 20 * kMB, false, 63, 3 * kCyl - 63, 0x04},
+        {Pri, 20 * kMB, true, 22 * kCyl, 3 * kCyl, 0x04},
+        {Pri, 20 * kMB, false, 3 * kCyl, 3 * kCyl, 0x04},
+        {Pri, L, false, 6 * kCyl, 16 * kCyl, 0x06}}},
+      {"chs largest", -1, {{Pri, L, false, 63, 25 * kCyl - 63, 0x06}}},
+      {"chs logicals", -1,
+       {{Ext, L, false, 63, 25 * kCyl - 63, 0x05},
+        {Log, 20 * kMB, false, 126, 3 * kCyl - 126, 0x04},
+        {Log, 20 * kMB, true, 0, 0, 0x04},
+        {Log, 10 * kMB, false, 3 * kCyl + 63, 2 * kCyl - 63, 0x01},
+        {Log, L, false, 0, 0, 0x06}}},
+      {"1mb primaries", 2048,
+       {{Pri, 100 * kMB, false, 2048, 204800, 0x06},
+        {Pri, 50 * kMB, true, 307200, 102400, 0x06},
+        {Pri, 10 * kMB + 5, false, 206848, 22528, 0x01}}},
+      {"1mb logicals", 2048,
+       {{Pri, 10 * kMB, false, 2048, 20480, 0x01},
+        {Ext, L, false, 22528, 387072, 0x05},
+        {Log, 20 * kMB, true, 368640, 40960, 0x04},
+        {Log, 20 * kMB, false, 24576, 40960, 0x04},
+        {Log, 20 * kMB, false, 67584, 40960, 0x04},
+        {Log, L, false, 110592, 256000, 0x06}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(makeImage(img, 200, ""));
+    auto drive = openDrive(img);
+    auto disk = PartitionedDisk::load(*drive);
+    for (size_t i = 0; i < c.steps.size(); ++i) {
+      SCOPED_TRACE("step " + std::to_string(i));
+      const Step& s = c.steps[i];
+      CreationRequest r;
+      r.sizeBlocks = s.size;
+      r.placeAtEnd = s.atEnd;
+      r.alignment = c.alignment;
+      PartitionNode* n = create(*disk, s.kind, r);
+      ASSERT_NE(n, nullptr);
+      if (s.expectFirst) {
+        EXPECT_EQ(n->firstBlock, s.expectFirst);
+        EXPECT_EQ(n->blockCount, s.expectCount);
+      }
+      EXPECT_EQ(n->type, s.expectType);
+      if (s.kind != Ext) checkAlignment(*n, c.alignment, s.size);
+      expectConsistent(*disk);
+    }
+  }
+  // A blank disk got a fresh master boot record with a disk signature.
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  EXPECT_NE(disk->rawTables()[0].bytes[440] | disk->rawTables()[0].bytes[441], 0);
+}
+
+TEST_F(MbrEditTest, RequestsThatDoNotFit) {
+  ASSERT_TRUE(makeImage(img, 200, ""));
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  CreationRequest big;
+  big.sizeBlocks = 300 * kMB;
+  big.alignment = 2048;
+  EXPECT_EQ(disk->createPrimary(big), nullptr);
+  EXPECT_EQ(big.largestAvailable, 409600u - 2048);
+  CreationRequest ext;
+  ext.sizeBlocks = 50 * kMB;
+  ext.alignment = 2048;
+  ASSERT_NE(disk->createExtended(ext), nullptr);
+  CreationRequest again = ext;
+  EXPECT_THROW(disk->createExtended(again), Error);  // only one extended DOS partition
+  CreationRequest log;
+  log.sizeBlocks = 60 * kMB;
+  log.alignment = 2048;
+  EXPECT_EQ(disk->createLogical(log), nullptr);
+  EXPECT_EQ(log.largestAvailable, 50 * kMB - 2048);  // the record takes one unit
+  log.sizeBlocks = CreationRequest::kLargest;
+  ASSERT_NE(disk->createLogical(log), nullptr);
+  log.largestAvailable = 77;
+  EXPECT_EQ(disk->createLogical(log), nullptr);
+  EXPECT_EQ(log.largestAvailable, 0u);
+  // A request covering the whole free space gets its aligned part.
+  CreationRequest whole;
+  whole.sizeBlocks = 409600 - 2048 - 50 * kMB;
+  whole.alignment = 2048;
+  PartitionNode* n = disk->createPrimary(whole);
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->firstBlock + n->blockCount, 409600u);
+  for (int i = 0; i < 1; ++i) {
+    CreationRequest small;
+    small.sizeBlocks = 1;
+    EXPECT_EQ(disk->createPrimary(small), nullptr);  // no room left at all
+    EXPECT_EQ(small.largestAvailable, 0u);
+  }
+  expectConsistent(*disk);
+  // Four entries in use: the table is full.
+  ASSERT_TRUE(makeImage(img, 200,
+                        "label: dos\nstart=2048,size=2048\nstart=4096,size=2048\nstart=6144,size=2048\nstart=8192,size=2048\n"));
+  auto drive2 = openDrive(img);
+  auto full = PartitionedDisk::load(*drive2);
+  EXPECT_EQ(full->primarySlotsInUse(), 4u);
+  CreationRequest r;
+  try {
+    full->createPrimary(r);
+    ADD_FAILURE() << "a fifth primary was created";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.id(), ErrorId::NoSpace);
+  }
+}
+
+TEST_F(MbrEditTest, RemovalKeepsTheChainReadable) {
+  const char* script =
+      "label: dos\nstart=2048, size=20480, type=83\nstart=22528, size=300000, type=5\n"
+      "start=24576, size=10000, type=7\nstart=36864, size=20000, type=b\n"
+      "start=60000, size=5000, type=82\nstart=70000, size=100000, type=c\n";
+  struct Case {
+    const char* name;
+    uint64_t removeStart;
+    std::vector<uint64_t> remainingLogicals;
+  } cases[] = {
+      {"middle logical", 36864, {24576, 60000, 70000}},
+      {"first logical", 24576, {36864, 60000, 70000}},
+      {"last logical", 70000, {24576, 36864, 60000}},
+      {"extended", 22528, {}},
+      {"primary", 2048, {24576, 36864, 60000, 70000}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(makeImage(img, 200, script));
+    auto drive = openDrive(img);
+    auto disk = PartitionedDisk::load(*drive);
+    PartitionNode* n = disk->findByFirstBlock(c.removeStart);
+    ASSERT_NE(n, nullptr);
+    disk->remove(*n);
+    std::vector<uint64_t> logicals;
+    for (PartitionNode* p : disk->displayList())
+      if (p->isLogical()) logicals.push_back(p->firstBlock);
+    EXPECT_EQ(logicals, c.remainingLogicals);
+    EXPECT_EQ(disk->findByFirstBlock(c.removeStart), nullptr);
+    expectConsistent(*disk);
+    // The freed space can be used again.
+    if (c.removeStart != 22528) {
+      CreationRequest r;
+      r.sizeBlocks = 2 * kMB;
+      r.alignment = 2048;
+      ASSERT_NE(c.removeStart == 2048 ? disk->createPrimary(r) : disk->createLogical(r), nullptr);
+      expectConsistent(*disk);
+    }
+  }
+  ASSERT_TRUE(makeImage(img, 200, script));
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  disk->removeAll();
+  EXPECT_TRUE(disk->displayList().empty());
+  EXPECT_TRUE(sfdiskView(img).empty());
+  // The old chain does not come back with a new extended partition at the same place.
+  CreationRequest r;
+  r.alignment = 2048;
+  r.sizeBlocks = 10 * kMB;
+  ASSERT_NE(disk->createPrimary(r), nullptr);
+  r.sizeBlocks = 300000;
+  ASSERT_NE(disk->createExtended(r), nullptr);
+  for (PartitionNode* p : disk->displayList()) EXPECT_FALSE(p->isLogical());
+}
+
+TEST_F(MbrEditTest, ActiveFlagAndType) {
+  ASSERT_TRUE(makeImage(img, 200,
+                        "label: dos\nstart=2048, size=20480, type=7, bootable\nstart=22528, size=20480, type=6\n"
+                        "start=43008, size=100000, type=5\nstart=45056, size=10000, type=b\n"));
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  disk->setActive(*disk->findByFirstBlock(22528));
+  EXPECT_FALSE(disk->findByFirstBlock(2048)->active);
+  EXPECT_TRUE(disk->findByFirstBlock(22528)->active);
+  EXPECT_THROW(disk->setActive(*disk->findByFirstBlock(45056)), Error);
+  disk->setType(*disk->findByFirstBlock(2048), 0x17);
+  disk->setType(*disk->findByFirstBlock(45056), 0x1B);
+  disk->setType(*disk->findByFirstBlock(43008), 0x15);  // hiding the extended partition
+  EXPECT_TRUE(disk->findByFirstBlock(2048)->isHiddenType());
+  EXPECT_EQ(disk->findByFirstBlock(43008)->role, PartitionRole::Extended);
+  EXPECT_EQ(disk->findByFirstBlock(45056), nullptr);  // a hidden chain is not followed
+  expectConsistent(*disk);
+  disk->setType(*disk->findByFirstBlock(43008), 0x05);
+  EXPECT_EQ(disk->findByFirstBlock(45056)->type, 0x1B);
+  EXPECT_THROW(disk->setType(*disk->findByFirstBlock(45056), 0x05), Error);
+  disk->clearActive(*disk->findByFirstBlock(22528));
+  for (PartitionNode* p : disk->displayList()) EXPECT_FALSE(p->active);
+  expectConsistent(*disk);
+}
+
+TEST_F(MbrEditTest, TypesBeyondTheCylinderLimit) {
+  ASSERT_TRUE(makeImage(img, 10240, ""));  // 10 GiB, sparse
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  disk->ntFat16 = true;
+  struct {
+    Kind kind;
+    uint64_t size;
+    unsigned type;
+  } steps[] = {
+      {Pri, 7800 * kMB, 0x0B},   // ends below cylinder 1024; above 8387872 sectors
+      {Pri, 500 * kMB, 0x0E},    // crosses cylinder 1024: LBA form; FAT16 with NT FAT16
+      {Ext, CreationRequest::kLargest, 0x0F},
+      {Log, 600 * kMB, 0x0E},    // plain 0x06 chosen, switched by its start beyond the limit
+      {Log, 10 * kMB, 0x01},     // FAT12 keeps its type, CHS clamped
+  };
+  for (const auto& s : steps) {
+    CreationRequest r;
+    r.sizeBlocks = s.size;
+    PartitionNode* n = create(*disk, s.kind, r);
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->type, s.type) << n->firstBlock;
+  }
+  expectConsistent(*disk);
+}
+
+TEST_F(MbrEditTest, InconsistentTablesGetNoNewOverlap) {
+  // A logical drive reaching past its extended partition into free space.
+  ASSERT_TRUE(makeImage(img, 200, "label: dos\nstart=2048, size=100000, type=5\nstart=4096, size=20000, type=83\n"));
+  patchSector(img, 2048, 446 + 12, {0x40, 0x9C, 0x01, 0});  // count 105536: up to 109632
+  auto drive = openDrive(img);
+  auto disk = PartitionedDisk::load(*drive);
+  CreationRequest r;
+  r.alignment = 2048;
+  r.sizeBlocks = 10 * kMB;
+  PartitionNode* n = disk->createPrimary(r);
+  ASSERT_NE(n, nullptr);
+  EXPECT_GE(n->firstBlock, 109632u);
+  r.sizeBlocks = CreationRequest::kLargest;
+  EXPECT_EQ(disk->createLogical(r), nullptr);  // the extended partition is taken up
+}
+
+// ---------------------------------------------------------------------------------------------
+// In-memory disks: faults, OS layout, sector size.
+
+namespace {
+class LayoutRecordingAccess : public MemoryDiskAccess {
+ public:
+  using MemoryDiskAccess::MemoryDiskAccess;
+  bool supportsOsLayout() const override { return true; }
+  void setNativePartitionLayout(const OsLayout& l) override {
+    if (fail) throw Error(ErrorId::OsLayoutFailed, "The system refused the layout");
+    layout = l;
+  }
+  OsLayout layout;
+  bool fail = false;
+};
+}  // namespace
+
+TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
+  auto access = std::make_unique<MemoryDiskAccess>(409600);
+  MemoryDiskAccess* mem = access.get();
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  CreationRequest r;
+  r.alignment = 2048;
+  r.sizeBlocks = 100 * kMB;
+  ASSERT_NE(disk->createExtended(r), nullptr);  // 2048 .. 206848
+  r.sizeBlocks = 10 * kMB;
+  ASSERT_NE(disk->createLogical(r), nullptr);  // record 2048
+  r.placeAtEnd = true;
+  ASSERT_NE(disk->createLogical(r), nullptr);  // record 2048 + 100MB - 20MB ... at the end
+  const auto before = modelView(*disk);
+  // Inserting between them: the new record is written, the link to it fails.
+  mem->failWrites = {2048};
+  r.placeAtEnd = false;
+  EXPECT_THROW(disk->createLogical(r), Error);
+  disk->reload();
+  EXPECT_EQ(describe(modelView(*disk)), describe(before));
+  EXPECT_TRUE(disk->facts().problems.empty());
+  // Removing the last drive: unlinking fails, nothing changes.
+  PartitionNode* last = disk->displayList().back();
+  EXPECT_THROW(disk->remove(*last), Error);
+  disk->reload();
+  EXPECT_EQ(describe(modelView(*disk)), describe(before));
+  // Removing it with the clearing of its record failing: already unlinked, still readable.
+  mem->failWrites = {disk->displayList().back()->tableBlock};
+  EXPECT_THROW(disk->remove(*disk->displayList().back()), Error);
+  disk->reload();
+  EXPECT_EQ(disk->displayList().size(), 2u);
+  EXPECT_TRUE(disk->facts().problems.empty());
+  EXPECT_FALSE(mem->prepared.empty());
+}
+
+TEST(MbrMemoryTest, OsLayoutAndWarnings) {
+  auto access = std::make_unique<LayoutRecordingAccess>(409600);
+  LayoutRecordingAccess* mem = access.get();
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  CreationRequest r;
+  r.alignment = 2048;
+  r.sizeBlocks = 10 * kMB;
+  ASSERT_NE(disk->createPrimary(r), nullptr);
+  r.sizeBlocks = 100 * kMB;
+  ASSERT_NE(disk->createExtended(r), nullptr);
+  r.sizeBlocks = 10 * kMB;
+  ASSERT_NE(disk->createLogical(r), nullptr);
+  ASSERT_NE(disk->createLogical(r), nullptr);
+  ASSERT_EQ(mem->layout.entries.size(), 4u);
+  EXPECT_EQ(mem->layout.entries[0].number, 1u);
+  EXPECT_EQ(mem->layout.entries[1].number, 2u);
+  EXPECT_TRUE(mem->layout.entries[1].container);
+  EXPECT_EQ(mem->layout.entries[2].number, 5u);
+  EXPECT_EQ(mem->layout.entries[3].number, 6u);
+  EXPECT_NE(mem->layout.signature, 0u);
+  EXPECT_EQ(disk->lastWarning(), "");
+  mem->fail = true;
+  disk->remove(*disk->displayList().back());
+  EXPECT_EQ(disk->lastWarning(), "The system refused the layout");
+  EXPECT_EQ(disk->displayList().size(), 3u);
+}
+
+TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
+  auto access = std::make_unique<MemoryDiskAccess>(409600, 4096);
+  MemoryDiskAccess* mem = access.get();
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  CreationRequest r;
+  try {
+    disk->createPrimary(r);
+    ADD_FAILURE() << "created";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.id(), ErrorId::UnsupportedSectorSize);
+  }
+  EXPECT_EQ(mem->writeCount, 0u);
+}

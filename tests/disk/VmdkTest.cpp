@@ -1,0 +1,208 @@
+// VMDK backend against images made and checked by qemu-img.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "core/Error.h"
+#include "disk/DiskDriveAccess.h"
+#include "support/TestSupport.h"
+
+using namespace Corvo::Disk;
+using Corvo::Core::Error;
+using Corvo::Core::ErrorId;
+using KdiskTest::runCommand;
+
+namespace {
+
+std::vector<uint8_t> readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void run(const std::string& cmd) {
+  std::string out;
+  ASSERT_EQ(runCommand(cmd, &out), 0) << cmd << "\n" << out;
+}
+
+std::vector<uint8_t> readAll(DiskDriveAccess& d) {
+  std::vector<uint8_t> all(d.totalBlocks() * 512);
+  // Odd-sized transfers so reads cross grain boundaries at different offsets.
+  for (uint64_t at = 0; at < d.totalBlocks();) {
+    uint64_t n = std::min<uint64_t>(77, d.totalBlocks() - at);
+    d.read(at, n, all.data() + at * 512);
+    at += n;
+  }
+  return all;
+}
+
+class Vmdk : public ::testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    if (!KdiskTest::haveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
+  }
+  // A raw image with scattered data, turned into a VMDK of the subformat under test.
+  std::string makeVmdk(const std::string& name) {
+    std::string raw = dir_.file("seed.raw");
+    run("truncate -s 8M " + raw);
+    std::ofstream f(raw, std::ios::binary | std::ios::in | std::ios::out);
+    for (uint64_t sector : {0ull, 1ull, 130ull, 5000ull, 16383ull}) {
+      std::string s(512, static_cast<char>('A' + sector % 26));
+      f.seekp(static_cast<std::streamoff>(sector * 512));
+      f.write(s.data(), 512);
+    }
+    f.close();
+    std::string vmdk = dir_.file(name);
+    run("qemu-img convert -f raw -O vmdk -o subformat=" + std::string(GetParam()) + " " + raw + " " + vmdk);
+    return vmdk;
+  }
+  std::vector<uint8_t> expectedRaw(const std::string& vmdk) {
+    std::string raw = dir_.file("expected.raw");
+    run("qemu-img convert -O raw " + vmdk + " " + raw);
+    return readFile(raw);
+  }
+  KdiskTest::TempDir dir_;
+};
+
+TEST_P(Vmdk, ReadsLikeQemuRawConversion) {
+  std::string empty = dir_.file("empty.vmdk");
+  run("qemu-img create -q -f vmdk -o subformat=" + std::string(GetParam()) + " " + empty + " 3M");
+  for (const std::string& path : {empty, makeVmdk("data.vmdk")}) {
+    auto d = openImageDisk(path);
+    EXPECT_FALSE(d->supportsOsLayout());
+    EXPECT_FALSE(d->isBootDisk());
+    EXPECT_EQ(readAll(*d), expectedRaw(path)) << path;
+  }
+  // qemu-img writes an IDE geometry into the descriptor.
+  auto d = openImageDisk(empty);
+  EXPECT_EQ(d->getGeometry().heads, 16u);
+  EXPECT_EQ(d->getGeometry().sectorsPerTrack, 63u);
+  EXPECT_EQ(d->totalBlocks(), 6144u);
+}
+
+TEST_P(Vmdk, WritesAreSeenByQemu) {
+  std::string vmdk = makeVmdk("w.vmdk");
+  std::vector<uint8_t> expected = expectedRaw(vmdk);
+  struct Write {
+    uint64_t first, count;
+  } writes[] = {
+      {0, 1},       // inside an allocated grain
+      {127, 3},     // across a grain boundary
+      {1000, 300},  // several fresh grains
+      {16380, 4},   // the last sectors
+      {1000, 1},    // again into a grain allocated above
+  };
+  {
+    auto d = openImageDisk(vmdk);
+    uint8_t fill = 1;
+    for (const Write& w : writes) {
+      std::vector<uint8_t> data(w.count * 512, fill++);
+      d->write(w.first, w.count, data.data());
+      std::copy(data.begin(), data.end(), expected.begin() + static_cast<std::ptrdiff_t>(w.first * 512));
+    }
+    d->flush();
+    EXPECT_EQ(readAll(*d), expected);
+  }
+  std::string raw = dir_.file("after.raw");
+  std::ofstream(raw, std::ios::binary).write(reinterpret_cast<const char*>(expected.data()),
+                                             static_cast<std::streamsize>(expected.size()));
+  run("qemu-img check -q " + vmdk);
+  run("qemu-img compare -q -f vmdk -F raw " + vmdk + " " + raw);
+  EXPECT_EQ(readAll(*openImageDisk(vmdk)), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Subformats, Vmdk, ::testing::Values("monolithicFlat", "monolithicSparse"));
+
+// Every broken or unsupported image is refused with the file and the reason in the text.
+TEST(VmdkErrors, NameFileAndReason) {
+  if (!KdiskTest::haveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
+  KdiskTest::TempDir dir;
+  auto flat = [&](const std::string& name) {
+    run("qemu-img create -q -f vmdk -o subformat=monolithicFlat " + dir.file(name) + " 1M");
+    return dir.file(name);
+  };
+  auto sparse = [&](const std::string& name) {
+    run("qemu-img create -q -f vmdk " + dir.file(name) + " 1M");
+    return dir.file(name);
+  };
+  auto patch = [](const std::string& path, long offset, const std::string& bytes) {
+    std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+    f.seekp(offset);
+    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  };
+  struct Case {
+    std::string path, reason;
+  } cases[] = {
+      {[&] {
+         auto p = flat("type.vmdk");
+         run("sed -i s/monolithicFlat/twoGbMaxExtentFlat/ " + p);
+         return p;
+       }(),
+       "createType \"twoGbMaxExtentFlat\" is not supported"},
+      {[&] {
+         auto p = flat("gone.vmdk");
+         run("rm " + dir.file("gone-flat.vmdk"));
+         return p;
+       }(),
+       "gone-flat.vmdk is missing"},
+      {[&] {
+         auto p = flat("short.vmdk");
+         run("truncate -s 4096 " + dir.file("short-flat.vmdk"));
+         return p;
+       }(),
+       "shorter than the descriptor says"},
+      {[&] {
+         auto p = sparse("magic.vmdk");
+         patch(p, 0, "XDMV");
+         return p;
+       }(),
+       "bad magic number"},
+      {[&] {
+         auto p = sparse("zip.vmdk");
+         patch(p, 10, std::string("\x01", 1));  // flags bit 16: compressed grains
+         return p;
+       }(),
+       "compressed grains are not supported"},
+      {[&] {
+         run("qemu-img create -q -f vmdk -o subformat=streamOptimized " + dir.file("stream.vmdk") + " 1M");
+         return dir.file("stream.vmdk");
+       }(),
+       "not supported"},
+      {[&] {
+         auto p = sparse("gd.vmdk");
+         patch(p, 56, std::string("\xff\xff\x00\x00", 4));  // grain directory far beyond the end
+         return p;
+       }(),
+       "grain directory lies outside the file"},
+  };
+  for (const Case& c : cases) {
+    try {
+      openImageDisk(c.path);
+      ADD_FAILURE() << c.path << " was accepted";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.id(), ErrorId::InvalidImage) << e.text();
+      EXPECT_NE(e.text().find(c.path), std::string::npos) << e.text();
+      EXPECT_NE(e.text().find(c.reason), std::string::npos) << e.text();
+    }
+  }
+}
+
+TEST(VmdkFlat, RelativeExtentAndDefaultGeometry) {
+  KdiskTest::TempDir dir;
+  run("mkdir " + dir.file("sub") + " && truncate -s 1M " + dir.file("sub/data.bin"));
+  std::ofstream(dir.file("sub/disk.vmdk")) << "# Disk DescriptorFile\nversion=1\nparentCID=ffffffff\n"
+                                              "createType=\"monolithicFlat\"\nRW 1024 FLAT \"data.bin\" 512\n"
+                                              "RDONLY 100 ZERO\n";
+  auto d = openImageDisk(dir.file("sub/disk.vmdk"));
+  EXPECT_EQ(d->totalBlocks(), 1124u);
+  EXPECT_EQ(d->getGeometry().heads, 255u);
+  EXPECT_EQ(d->getGeometry().sectorsPerTrack, 63u);
+  std::vector<uint8_t> s(512, 0x5A);
+  d->write(0, 1, s.data());  // lands at sector 512 of data.bin
+  EXPECT_EQ(readFile(dir.file("sub/data.bin"))[512 * 512], 0x5A);
+  EXPECT_THROW(d->write(1024, 1, s.data()), Error);  // the read-only zero extent
+  d->read(1100, 1, s.data());
+  EXPECT_EQ(s, std::vector<uint8_t>(512, 0));
+}
+
+}  // namespace

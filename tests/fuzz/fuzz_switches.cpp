@@ -1,0 +1,70 @@
+// Fuzzes the switch parser, command selection and batch line splitting. Command bodies never
+// run: selection is called on its own, with every message captured.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/Batch.h"
+#include "app/Selection.h"
+#include "app/Switches.h"
+#include "core/Config.h"
+#include "core/Message.h"
+
+namespace {
+
+class NullSink : public Corvo::Core::MessageSink {
+ public:
+  void error(const std::string& t) override { bytes += t.size(); }
+  void warning(const std::string& t) override { bytes += t.size(); }
+  void information(const std::string& t) override { bytes += t.size(); }
+  bool question(const std::string&) override { return false; }
+  void output(const std::string& t) override { bytes += t.size(); }
+  void progress(const std::string&, uint64_t, uint64_t) override {}
+  int readKey() override { return -1; }
+  bool readLine(std::string&) override { return false; }
+  size_t bytes = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static bool installed = [] {
+    Corvo::Core::setMessageSink(std::make_unique<NullSink>());
+    return true;
+  }();
+  (void)installed;
+  if (size < 1) return 0;
+  // First byte picks the accepted switch list; the rest is one command line.
+  uint8_t pick = data[0];
+  std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+
+  std::vector<std::string> words = Kdisk::splitBatchLine(text);
+  std::vector<std::string> args{"kdisk"};
+  args.insert(args.end(), words.begin(), words.end());
+  Kdisk::SwitchSet set(args);
+
+  const auto& all = Kdisk::allSwitches();
+  for (const Kdisk::Switch* sw : all) {
+    std::string value;
+    bool hasValue = false;
+    if (set.isPresent(*sw, &value, &hasValue) && !hasValue && !value.empty()) __builtin_trap();
+  }
+  // A few accepted lists of different shapes, including required markers.
+  const Kdisk::Switch* a = all[pick % all.size()];
+  const Kdisk::Switch* b = all[(pick / 3) % all.size()];
+  bool ok = set.validate({a, b, &Kdisk::swActP, &Kdisk::swSZ, &Kdisk::swNTFS}, pick & 1, (pick >> 1) & 3);
+  if (!ok && set.errorText().empty()) __builtin_trap();
+  set.countParameters();
+
+  Corvo::Core::Config::clear();
+  try {
+    Kdisk::CommandCode code = Kdisk::selectCommand(set);
+    if (code > Kdisk::ccAtaSecurity) __builtin_trap();
+  } catch (int raised) {
+    if (raised != 2) __builtin_trap();
+  }
+  Corvo::Core::setPromptMode(2);
+  return 0;
+}
