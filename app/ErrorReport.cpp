@@ -1,5 +1,6 @@
 #include "app/ErrorReport.h"
 
+#include <cstdio>
 #include <filesystem>
 
 #include "app/Version.h"
@@ -29,6 +30,15 @@ std::string executableFolder() {
 #else
   return {};
 #endif
+}
+
+int AbortServerReporterKdisk::handle(const Error& error) {
+  if (error.id() == ErrorId::AccessDenied) {
+    std::fflush(stdout);
+    message(mkError, "Disk access has been denied in the current context.\n");
+    return 1;
+  }
+  return AbortServerReporter::handle(error);
 }
 
 std::string AbortServerReporterKdisk::title() const {

@@ -13,6 +13,9 @@ class AbortServerReporterKdisk : public Corvo::Core::AbortServerReporter {
   // programPath: the program as started (first argument); its folder is tried first.
   explicit AbortServerReporterKdisk(std::string programPath) : programPath_(std::move(programPath)) {}
 
+  // Denied disk access is reported on the console only; every other error gets the file.
+  int handle(const Corvo::Core::Error& error) override;
+
  protected:
   std::string title() const override;
   std::string notice() const override;

@@ -27,8 +27,12 @@ struct FixedDiskTableScope {
 // Lets the command-line tests reach the fatal-error path without a broken disk.
 void injectTestFault() {
   const char* fault = std::getenv("KDISK_TEST_FAULT");
-  if (fault && std::string(fault) == "library-error")
+  if (!fault) return;
+  std::string kind = fault;
+  if (kind == "library-error")
     throw Error(ErrorId::Internal, "Fault injected by KDISK_TEST_FAULT").with("trigger", "KDISK_TEST_FAULT");
+  if (kind == "access-denied")
+    throw Error(ErrorId::AccessDenied, "Access denied (injected by KDISK_TEST_FAULT)");
 }
 
 }  // namespace

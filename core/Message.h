@@ -5,6 +5,12 @@
 #include <memory>
 #include <string>
 
+#if defined(_WIN32)
+#define KDISK_PRINTF_FORMAT gnu_printf
+#else
+#define KDISK_PRINTF_FORMAT printf
+#endif
+
 namespace Corvo::Core {
 
 enum MessageKind : unsigned { mkError = 0, mkWarning = 1, mkInformation = 2, mkQuestion = 3, mkQuestionPrompted = 4 };
@@ -44,18 +50,18 @@ MessageSink& messageSink();
 // printf-style message. Questions return 1 (yes) or 2 (no); other kinds return 0.
 int message(MessageKind kind, const char* format, ...)
 #if defined(__GNUC__)
-    __attribute__((format(printf, 2, 3)))
+    __attribute__((format(KDISK_PRINTF_FORMAT, 2, 3)))
 #endif
     ;
 // printf-style plain output to the sink's output channel.
 void print(const char* format, ...)
 #if defined(__GNUC__)
-    __attribute__((format(printf, 1, 2)))
+    __attribute__((format(KDISK_PRINTF_FORMAT, 1, 2)))
 #endif
     ;
 std::string format(const char* format, ...)
 #if defined(__GNUC__)
-    __attribute__((format(printf, 1, 2)))
+    __attribute__((format(KDISK_PRINTF_FORMAT, 1, 2)))
 #endif
     ;
 

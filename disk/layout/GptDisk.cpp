@@ -35,6 +35,66 @@ std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive) {
   return std::make_unique<PartitionedDiskGpt>(drive);
 }
 
+std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
+  Core::TraceScope scope("initializeGptDisk");
+  if (!drive.isWritable())
+    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(drive.geometry().bytesPerSector));
+  GptHeader primary, backup;
+  const uint64_t blocks = drive.blockCount();
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(primary.entryCount(), primary.entrySize(), 1);
+  const uint64_t firstUsable = 2 + arrayBlocks, lastUsable = blocks - 2 - arrayBlocks;
+  if (blocks < 2 * (2 + arrayBlocks) + kAlignment)
+    throw Error(ErrorId::NoSpace, "The disk is too small for a GPT partition table")
+        .with("blocks", std::to_string(blocks));
+
+  // Everything is built before the first write.
+  std::array<uint8_t, 512> mbr{};
+  drive.read(0, 1, mbr.data());
+  std::memset(mbr.data() + kSlotTable, 0, 64);
+  uint8_t* e = mbr.data() + kSlotTable;
+  const uint8_t entry[8] = {0x00, 0x00, 0x02, 0x00, kProtectiveType, 0xFF, 0xFF, 0xFF};
+  std::memcpy(e, entry, sizeof entry);
+  Core::put32(e + 8, 1);
+  Core::put32(e + 12, static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull)));
+  mbr[510] = 0x55;
+  mbr[511] = 0xAA;
+
+  primary.linkAlternate(&backup);
+  for (GptHeader* h : {&primary, &backup}) {
+    h->setFirstUsableBlock(firstUsable);
+    h->setLastUsableBlock(lastUsable);
+  }
+  primary.setMyBlock(1);
+  primary.setAlternateBlock(blocks - 1);
+  primary.setEntriesBlock(2);
+  backup.setMyBlock(blocks - 1);
+  backup.setAlternateBlock(1);
+  backup.setEntriesBlock(blocks - 1 - arrayBlocks);
+  primary.setGptUuid(randomGuid());  // both headers carry the zero GUID, so both take it
+  std::vector<uint8_t> array(arrayBlocks * kSectorSize, 0);
+  const uint32_t crc = Core::crc32(array.data(), size_t{primary.entryCount()} * primary.entrySize());
+  std::vector<uint8_t> primarySector(kSectorSize, 0), backupSector(kSectorSize, 0);
+  for (auto [h, sector] : {std::pair{&primary, &primarySector}, std::pair{&backup, &backupSector}}) {
+    h->setEntriesCrc(crc);
+    h->updateHeaderCrc();
+    h->copyTo(sector->data());
+  }
+
+  // Backup copy first, the protective MBR last: until it is written the disk still reads as
+  // the old MBR disk.
+  drive.write(backup.entriesBlock(), arrayBlocks, array.data());
+  drive.write(backup.myBlock(), 1, backupSector.data());
+  drive.write(primary.entriesBlock(), arrayBlocks, array.data());
+  drive.write(primary.myBlock(), 1, primarySector.data());
+  drive.write(0, 1, mbr.data());
+  drive.flush();
+
+  auto disk = std::make_unique<PartitionedDiskGpt>(drive);
+  disk->reportLayout();
+  return disk;
+}
+
 PartitionedDiskGpt::PartitionedDiskGpt(DiskDrive& drive) : PartitionedDisk(drive) {
   primary_.linkAlternate(&backup_);
   backup_.linkAlternate(&primary_);
@@ -102,9 +162,10 @@ void PartitionedDiskGpt::load() {
   // each copy keeps its own entry array position when it was valid where it belongs.
   const uint64_t lastBlock = blocks - 1;
   if (backupFault.empty() && backupAt != lastBlock)
-    facts_.problems.push_back(format("The backup GPT header lies at block %llu instead of the disk's last block %llu; "
-                                     "it is moved there when the table is next written",
-                                     (unsigned long long)backupAt, (unsigned long long)lastBlock));
+    facts_.problems.push_back(
+        format("The backup GPT header lies at block %llu instead of the disk's last block %llu; "
+               "it is moved there when the table is next written",
+               (unsigned long long)backupAt, (unsigned long long)lastBlock));
   const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
   primary_ = table_.header;
   primary_.setHeaderSize(GptHeader::kSize);
@@ -176,7 +237,8 @@ void PartitionedDiskGpt::requireWritable(const char* what) const {
   const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
   const uint64_t first = primary_.firstUsableBlock(), last = primary_.lastUsableBlock();
   const uint64_t p = primary_.entriesBlock(), b = backup_.entriesBlock(), at = backup_.myBlock();
-  bool sane = p >= 2 && p + arrayBlocks <= first && b > last && b + arrayBlocks <= at && at > last && at < blocks;
+  bool sane = p >= 2 && p < first && first - p >= arrayBlocks && b > last && b < at && at - b >= arrayBlocks &&
+              at > last && at < blocks;
   if (!sane)
     throw Error(ErrorId::InvalidTable,
                 format("Cannot %s: the GPT partition table of this disk has an unusual layout that cannot be "

@@ -14,6 +14,13 @@ namespace Corvo::Disk {
 // leaves no usable header copy is reported in facts().problems with no partitions.
 std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive);
 
+// Writes a new, empty GPT over the whole disk: a protective MBR (the boot code area and the
+// disk signature of the old boot record stay), both headers built from the defaults with a
+// new random disk GUID, usable blocks 34 to (last block - 33), and zeroed entry arrays. The
+// caller has already prepared (locked or checked) every existing partition. Returns the disk
+// as read back.
+std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive);
+
 class PartitionedDiskGpt : public PartitionedDisk {
  public:
   explicit PartitionedDiskGpt(DiskDrive& drive);
@@ -43,6 +50,7 @@ class PartitionedDiskGpt : public PartitionedDisk {
   GptRecord record(uint32_t index) const { return table_.record(index); }
 
  private:
+  friend std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive);
   void load();
   std::unique_ptr<PartitionNode> makeNode(uint32_t index) const;
   void requireWritable(const char* what) const;

@@ -187,9 +187,13 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
     return format("has an invalid usable area (blocks %llu to %llu)", (unsigned long long)first,
                   (unsigned long long)lastUsable);
   auto insideUsable = [&](uint64_t a, uint64_t b) { return first <= lastUsable && a <= lastUsable && b >= first; };
-  if (insideUsable(at, at) || insideUsable(entries, entries + arrayBlocks - 1) || h.alternateBlock() == 0 ||
-      insideUsable(h.alternateBlock(), h.alternateBlock()) || (entries <= at && at < entries + arrayBlocks))
-    return "places its header or entry array inside the usable area";
+  const uint64_t other = h.alternateBlock();
+  const bool arrayOverHeader =
+      (entries <= at && at < entries + arrayBlocks) || (entries <= other && other < entries + arrayBlocks);
+  if (insideUsable(at, at) || insideUsable(entries, entries + arrayBlocks - 1) || insideUsable(other, other) ||
+      entries == 0 || other == 0 || other == at || arrayOverHeader)
+    return "places its header, its entry array or its other copy inside the usable area, over the master boot "
+           "record or over each other";
 
   std::vector<uint8_t> array(arrayBlocks * blockBytes);
   try {

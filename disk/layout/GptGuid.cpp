@@ -109,7 +109,10 @@ const std::array<GuidBytes, 10>& gptReservedTypeGuids() {
 std::string gptTypeName(const GuidBytes& typeGuid) {
   for (const auto& row : gptTypeTable())
     if (row.guid == typeGuid) return row.name;
-  return "{" + guidToText(typeGuid) + "}";
+  std::string braced(1, '{');
+  braced += guidToText(typeGuid);
+  braced += '}';
+  return braced;
 }
 
 const GuidBytes& gptTypeMicrosoftBasicData() { return gptTypeTable()[4].guid; }

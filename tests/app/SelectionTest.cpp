@@ -121,3 +121,10 @@ TEST(Selection, AtaSecurityIsRefusedWithTwo) {
   EXPECT_EQ(runCommandBody(ccAtaSecurity, set), 2);
   EXPECT_EQ(capture.sink().errors, "/ATASECURITY switch is only supported in the DOS version of kdisk\n");
 }
+
+TEST(Selection, RebootIsRefusedWhenTestsForbidIt) {
+  KdiskTest::ScopedCapture capture;
+  setenv("KDISK_NO_REBOOT", "1", 1);
+  EXPECT_FALSE(attemptReboot());
+  EXPECT_NE(capture.sink().infos.find("Reboot requested -- not done"), std::string::npos);
+}

@@ -186,4 +186,12 @@ else
   fail "no error file in $d"
 fi
 
+KDISK="$d/kdisk"
+rm -f "$d/kdiskerr.txt"
+KDISK_TEST_FAULT=access-denied run /STATUS
+KDISK=$KDISK_BIN
+expect_rc 1 "access denied"
+[ "$err" = "Disk access has been denied in the current context." ] || fail "access denied message"
+[ ! -e "$d/kdiskerr.txt" ] || fail "access denied wrote an error file"
+
 fe_finish

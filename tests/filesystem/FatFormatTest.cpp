@@ -9,6 +9,7 @@
 
 #include "FatTestSupport.h"
 #include "core/Endian.h"
+#include "disk/DiskDrive.h"
 #include "filesystem/Recognition.h"
 #include "filesystem/fat/Fat.h"
 #include "support/TestSupport.h"
@@ -466,17 +467,56 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     EXPECT_TRUE(std::all_of(boot.begin(), boot.end(), [](uint8_t v) { return v == 0; }))
         << "the boot sector is written last";
   }
-  // A partition too small for any layout: nothing is written.
-  for (int type : {0, 1, 2}) {
-    KdiskTest::MemoryBlockDevice mem(type == 2 ? 30 : 34);
+  // A partition too small for any layout, or with sectors of another size: nothing is written.
+  struct SectorSized : KdiskTest::MemoryBlockDevice {
+    SectorSized(uint64_t blocks, uint32_t size) : MemoryBlockDevice(blocks), size(size) {}
+    uint32_t bytesPerBlock() const override { return size; }
+    uint32_t size;
+  };
+  for (int type : {0, 1, 2, 3}) {
+    SectorSized mem(type == 3 ? 100000 : type == 2 ? 30 : 34, type == 3 ? 4096 : 512);
     ScopedCapture capture;
     try {
-      Filesystem::formatFat(mem, type, {});
+      Filesystem::formatFat(mem, type % 3, {});
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
-      EXPECT_EQ(e.id(), Core::ErrorId::BpbFailed);
+      EXPECT_EQ(e.id(), type == 3 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);
       EXPECT_EQ(capture.sink().errors, "Cannot create BPB for new filesystem -- " + e.text() + "\n");
     }
     EXPECT_EQ(mem.writes, 0u);
   }
+}
+
+// A partition inside a disk image, through the disk layer: the formatter stays inside its
+// range and mtools finds the volume at the partition's offset.
+TEST(FatFormat, PartitionInsideADiskImage) {
+  if (!haveFatTools()) GTEST_SKIP() << "needs fsck.fat and mtools (dosfstools, mtools)";
+  TempDir dir;
+  const std::string image = dir.file("disk.img");
+  ASSERT_EQ(runCommand("truncate -s 64M " + image), 0);
+  {
+    Disk::DiskDrive drive(1, Disk::openImageDisk(image));
+    std::vector<uint8_t> pattern(512, 0xA5), check(512);
+    drive.write(2047, 1, pattern.data());
+    drive.write(2048 + 100000, 1, pattern.data());
+    Disk::RangeBlockDevice partition(drive, 2048, 100000);
+    ScopedCapture capture;
+    Filesystem::FatFormatOptions options;
+    options.hiddenSectors = 2048;
+    options.label = "PART ONE";
+    Filesystem::formatFat(partition, 1, options);
+    for (uint64_t s : {2047ull, 102048ull}) {
+      drive.read(s, 1, check.data());
+      EXPECT_EQ(check, pattern) << "sector " << s << " outside the partition changed";
+    }
+  }
+  const std::string vol = image + "@@1048576";
+  std::string out;
+  ASSERT_EQ(runCommand("echo payload > " + dir.file("p.txt") + " && " + mtoolsEnv() + "mcopy -i " + vol + " " +
+                           dir.file("p.txt") + " ::/P.TXT && " + mtoolsEnv() + "mdir -i " + vol + " ::/",
+                       &out),
+            0)
+      << out;
+  EXPECT_NE(out.find("Volume in drive : is PART ONE"), std::string::npos) << out;
+  EXPECT_NE(out.find("P        TXT"), std::string::npos) << out;
 }

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Assembles the FAT boot loaders and regenerates filesystem/fat/BootCode.cpp from them.
+# Assembles the FAT boot loaders and regenerates filesystem/fat/BootCode.cpp from them
+# (or writes the generated file to the path given as the first argument).
 # Needs binutils (as, objcopy) and xxd; the normal build uses the committed C++ arrays and
 # needs neither.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
-out="$here/../../filesystem/fat/BootCode.cpp"
+out="${1:-$here/../../filesystem/fat/BootCode.cpp}"
 tmp="$(mktemp -d)"
 trap 'rm -rf "$tmp"' EXIT
 
