@@ -134,6 +134,10 @@ run /BATCH:"$b/missing.txt"
 expect_rc 2 "missing batch file"
 expect_in "Cannot open batch file $b/missing.txt -- " err "missing batch file"
 
+run /BATCH:"$b"
+expect_rc 2 "batch file that is a folder"
+expect_in "batch file $b -- " err "batch file that is a folder"
+
 # 255 characters plus newline is accepted; 256 characters is too long (with or without newline)
 l255="/?$(printf '%253s' '')"
 printf '%s\n' "$l255" >"$b/l255.txt"
