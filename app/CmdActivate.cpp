@@ -1,6 +1,9 @@
 // /ACT, /-ACT, /HIDE and /-HIDE: change the active flag or the hidden form of the type byte of
 // one partition. Every rule is checked before the disk layer is asked to write anything.
-#include <cstdio>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <string>
 
 #include "app/Commands.h"
@@ -8,6 +11,7 @@
 #include "app/Status.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/PartitionTypes.h"
 
 namespace Kdisk {
 
@@ -24,21 +28,8 @@ using Corvo::Disk::PartitionScheme;
 
 namespace {
 
-// Visible type bytes with a hidden form (the hidden form is the type plus 0x10).
-bool hasHiddenForm(uint8_t type) {
-  switch (type) {
-    case 0x01: case 0x04: case 0x05: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0E: case 0x0F:
-      return true;
-    default:
-      return false;
-  }
-}
-
-// The hidden-type mapping and its inverse; an unchanged result means "no such form".
-uint8_t hiddenType(uint8_t type) { return hasHiddenForm(type) ? static_cast<uint8_t>(type + 0x10) : type; }
-uint8_t visibleType(uint8_t type) {
-  return type >= 0x10 && hasHiddenForm(static_cast<uint8_t>(type - 0x10)) ? static_cast<uint8_t>(type - 0x10) : type;
-}
+uint8_t hiddenType(uint8_t type) { return Corvo::Disk::hiddenFormOfType(type); }
+uint8_t visibleType(uint8_t type) { return Corvo::Disk::visibleFormOfType(type); }
 
 // True when node is active and no other primary, non-extended partition is.
 bool isOnlyActivePrimary(const PartitionedDisk& layout, const PartitionNode& node) {
@@ -63,9 +54,14 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
   }
   std::string pText;
   set.isPresent(swActP, &pText);
-  int number = 0;
-  char extra = 0;
-  if (std::sscanf(pText.c_str(), "%d%c", &number, &extra) != 1 || number < 1) {
+  // A whole decimal number (as "%d%c" reads exactly one item), at least 1.
+  char* end = nullptr;
+  errno = 0;
+  long parsed = std::strtol(pText.c_str(), &end, 10);
+  const bool whole = !pText.empty() && std::isdigit(static_cast<unsigned char>(pText.back())) && *end == '\0' &&
+                     errno != ERANGE && parsed <= INT_MAX;
+  const int number = whole ? static_cast<int>(parsed) : 0;
+  if (number < 1) {
     message(mkError, "Invalid partition number -- %s", pText.c_str());
     return 2;
   }

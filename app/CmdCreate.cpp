@@ -1,8 +1,7 @@
 // /CRE: creates a primary partition, the extended partition or a logical drive, optionally
 // formats it, and prints the disk with the new partition marked.
+#include <algorithm>
 #include <cctype>
-#include <climits>
-#include <cmath>
 
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
@@ -298,6 +297,12 @@ int commandCreate(SwitchSet& set) {
       case SizeStatus::TooSmall: message(mkError, "Partition size to small -- %s", value.c_str()); return 2;
     }
     request.sizeBlocks = static_cast<uint64_t>(sizeMb) * 2048;
+    // 100 per cent of an empty disk is all of it that a partition can use: the sectors ahead
+    // of the first partition and past the last whole cylinder can never be part of one.
+    int percent = 0;
+    char c1 = 0, c2 = 0;
+    if (scanNumberChars(value, percent, c1, c2) == 2 && percent == 100 && layout.displayList().empty())
+      request.sizeBlocks = CreationRequest::kLargest;
   }
   const bool no32 = set.isPresent(swNo32), ntFat16 = set.isPresent(swNTFAT16);
   if (const char* limit = fatLimitMessage(pri || log, sizeMb, no32, ntFat16)) {

@@ -12,6 +12,8 @@
 #include "core/Endian.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/GptGuid.h"
+#include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
 
 namespace Kdisk {
@@ -32,76 +34,6 @@ using Corvo::Disk::PartitionScheme;
 namespace Fs = Corvo::Filesystem;
 
 namespace {
-
-// ---- Type names --------------------------------------------------------------------------
-
-struct TypeRow {
-  uint8_t type;
-  const char* name;
-  int category;
-};
-
-// Display names and categories of MBR type bytes (category 6 "other" for unknown types).
-const TypeRow& typeRow(uint8_t type) {
-  static const TypeRow rows[] = {
-      {0x00, "UNUSED", 6},     {0x01, "FAT12", 0},       {0x02, "XENIX", 6},       {0x03, "XENIX", 6},
-      {0x04, "FAT16", 1},      {0x05, "", 4},            {0x06, "FAT16", 1},       {0x07, "NTFS/HPFS", 3},
-      {0x0A, "OS/2 BOOT", 6},  {0x0B, "FAT32", 2},       {0x0C, "FAT32", 2},       {0x0E, "FAT16", 1},
-      {0x0F, "", 4},           {0x11, "FAT12", 0},       {0x12, "DIAGNOSTIC", 7},  {0x14, "FAT16", 1},
-      {0x15, "", 5},           {0x16, "FAT16", 1},       {0x17, "NTFS/HPFS", 3},   {0x1B, "FAT32", 2},
-      {0x1C, "FAT32", 2},      {0x1E, "FAT16", 1},       {0x1F, "", 5},            {0x27, "MSRecovery", 3},
-      {0x42, "DYNAMIC", 6},    {0x63, "UNIX SYS V", 6},  {0x70, "", 1},            {0x81, "MINIX", 6},
-      {0x82, "LINUX SWAP", 9}, {0x83, "LINUX", 8},       {0x84, "OS/2", 6},        {0x85, "LINUX EXT", 10},
-      {0x8E, "LVM STORAGE", 8}, {0xA0, "DIAGNOSTIC", 12}, {0xAF, "Apple HFS+", 6}, {0xDE, "DIAGNOSTIC", 11},
-      {0xEF, "EFI System", 2}, {0xFE, "DIAGNOSTIC", 13},
-  };
-  static thread_local TypeRow unknown{0, "UNKNOWN", 6};
-  for (const TypeRow& r : rows)
-    if (r.type == type) return r;
-  unknown.type = type;
-  return unknown;
-}
-
-const char* categoryName(int category) {
-  switch (category) {
-    case 0: return "FAT12";
-    case 1: return "FAT16";
-    case 2: return "FAT32";
-    case 3: return "NTFS/HPFS";
-    case 8: return "EXT2FS";
-    case 7: case 11: case 12: case 13: return "DIAGNOSTIC";
-    default: return "";
-  }
-}
-
-// GUID in its text form: the first three fields are stored little-endian.
-std::string guidText(const GuidBytes& g) {
-  return format("%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", g[3], g[2], g[1], g[0], g[5],
-                g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14], g[15]);
-}
-
-std::string gptTypeName(const GuidBytes& g) {
-  static const struct {
-    const char* guid;
-    const char* name;
-  } rows[] = {
-      {"00000000-0000-0000-0000-000000000000", "Unused"},
-      {"C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "EFI System"},
-      {"024DEE41-33E7-11D3-9D69-0008C781F39F", "Legcay MBR"},
-      {"E3C9E316-0B5C-4DB8-817D-F92DF00215AE", "Microsoft Reserved"},
-      {"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", "Microsoft Basic Data"},
-      {"AF9B60A0-1431-4F62-BC68-3311714A69AD", "Dynamic Disk Data"},
-      {"5808C8AA-7E8F-42E0-85D2-E1E90434CFB3", "Dynamic Disk Database"},
-      {"A19D880F-05FC-4D3B-A006-743F0F84911E", "Linux Raid"},
-      {"0657FD6D-A4AB-43C4-84E5-0933C84B4F4F", "Linux Swap"},
-      {"E6D6D379-F507-44C2-A23C-238F2A3DF928", "Linux LVM"},
-      {"48465300-0000-11AA-AA11-00306543ECAC", "Apple HFS+"},
-  };
-  std::string text = guidText(g);
-  for (const auto& r : rows)
-    if (text == r.guid) return r.name;
-  return "{" + text + "}";
-}
 
 std::string sizeText(uint64_t sectors) { return format("%.1fMB", static_cast<double>(sectors) * 512.0 / 1048576.0); }
 
@@ -357,12 +289,12 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
     std::string line;
     if (gpt) {
       std::string system = content.system;
-      std::string type = r.node ? gptTypeName(r.node->typeGuid) : "";
+      std::string type = r.node ? Corvo::Disk::gptTypeName(r.node->typeGuid) : "";
       line = format("%9s  %-12s  %11s  %-10s  %-9s  %s", r.number.c_str(), content.label.c_str(),
                     sizeText(r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
     } else {
-      const TypeRow& t = typeRow(r.type);
-      std::string system = content.system.empty() ? categoryName(t.category) : content.system;
+      const Corvo::Disk::PartitionTypeInfo t = Corvo::Disk::lookupPartitionType(r.type);
+      std::string system = content.system.empty() ? Corvo::Disk::categoryFilesystemName(t.category) : content.system;
       line = format("%9s  %02X  %-11s  %-12s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name,
                     content.label.c_str(), sizeText(r.blockCount).c_str(), system.c_str(),
                     Corvo::Disk::roleName(r.role), r.active ? "Yes" : "");

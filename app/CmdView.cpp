@@ -38,10 +38,14 @@ bool parseUnsigned(const std::string& text, uint64_t& out) {
 }
 
 // Appends one dump line: offset, 16 hex bytes in two groups of 8, and the printable characters.
+// Written byte by byte: a long dump formats millions of these lines.
 void appendLine(std::string& out, unsigned offset, const uint8_t* p) {
   static const char hex[] = "0123456789abcdef";
   char line[80];
-  int n = std::snprintf(line, sizeof line, "%08x  ", offset);
+  int n = 0;
+  for (int shift = 28; shift >= 0; shift -= 4) line[n++] = hex[(offset >> shift) & 15];
+  line[n++] = ' ';
+  line[n++] = ' ';
   for (int i = 0; i < 16; ++i) {
     line[n++] = hex[p[i] >> 4];
     line[n++] = hex[p[i] & 15];
@@ -74,9 +78,11 @@ class Dumper {
                 disk_.index + 1);
         return 1;
       }
+      out_.reserve(static_cast<size_t>(run) * 2700);
       for (uint64_t i = 0; i < run; ++i) {
         if (!showSector(sector + i, buffer.data() + i * 512)) return 0;
       }
+      flush();
       sector += run;
       remaining -= run;
     }
@@ -86,23 +92,25 @@ class Dumper {
  private:
   // False when the user chose to quit.
   bool showSector(uint64_t sector, const uint8_t* data) {
-    std::string out = "\nPhysical Disk " + std::to_string(disk_.index + 1) + ", Sector " + std::to_string(sector) +
-                      ":\n" + std::string(57, '-') + "\n";
+    out_ += "\nPhysical Disk " + std::to_string(disk_.index + 1) + ", Sector " + std::to_string(sector) + ":\n";
+    out_.append(57, '-');
+    out_ += '\n';
     lines_ += 2;
     for (unsigned off = 0; off < 512; off += 16) {
-      appendLine(out, off, data + off);
+      appendLine(out_, off, data + off);
       ++lines_;
-      if (page_ && lines_ >= kLinesPerPage) {
-        Corvo::Core::print("%s", out.c_str());
-        out.clear();
-        if (!pause()) return false;
-      }
+      if (page_ && lines_ >= kLinesPerPage && !pause()) return false;
     }
-    Corvo::Core::print("%s", out.c_str());
     return true;
   }
 
+  void flush() {
+    if (!out_.empty()) messageSink().output(out_);
+    out_.clear();
+  }
+
   bool pause() {
+    flush();
     Corvo::Core::print("Press any key to continue or 'q' to quit...");
     int key = messageSink().readKey();
     Corvo::Core::print("\r");
@@ -115,6 +123,7 @@ class Dumper {
   FixedDisk& disk_;
   bool page_;
   unsigned lines_ = 0;
+  std::string out_;  // text not yet written
 };
 
 }  // namespace

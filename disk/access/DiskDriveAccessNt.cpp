@@ -67,6 +67,15 @@ class DiskDriveAccessNt : public DiskDriveAccess {
   std::string serialNumber() const override { return serial_; }
   uint32_t busType() const { return busType_; }
   bool geometryValid() const { return geometryValid_; }
+  // True when the first sector can be read through this handle.
+  bool testReadAccess() {
+    try {
+      rawIo(0, std::max<uint32_t>(geometry_.bytesPerSector, 512), false);
+      return true;
+    } catch (const Error&) {
+      return false;
+    }
+  }
 
   void read(uint64_t first, uint64_t count, void* buffer) override {
     transfer(first, count, buffer, false);
@@ -197,6 +206,11 @@ class DiskDriveAccessNt : public DiskDriveAccess {
           .with("code", std::to_string(code));
     }
     bounce_ = static_cast<uint8_t*>(VirtualAlloc(nullptr, kBounceBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    if (!bounce_) {
+      CloseHandle(h_);
+      throw Error(ErrorId::OpenFailed, "Cannot open " + path_ + " -- out of memory for the transfer buffer")
+          .with("path", path_);
+    }
     loadGeometry();
     loadIdentity();
   }
@@ -351,9 +365,12 @@ std::vector<OsDiskCandidate> enumerateNtDisks() {
     if (!seen.insert(c.path).second) continue;
     if (noUsb && access->busType() == NtBuffers::kBusUsb) continue;
     if (no1394 && access->busType() == NtBuffers::kBusIeee1394) continue;
+    // No SCSI pass-through access object here: a disk the raw device handle cannot serve
+    // is listed with the reason.
     if (!access->geometryValid()) {
-      // No SCSI pass-through access object here: the disk is listed with the reason.
       c.openError = "Cannot get the geometry of " + c.path;
+    } else if (!access->testReadAccess()) {
+      c.openError = "Cannot read " + c.path;
     } else {
       c.access = std::move(access);
     }

@@ -20,6 +20,9 @@ class RawImageAccess : public DiskDriveAccess {
   explicit RawImageAccess(const std::string& path) {
     file_.open(path);
     blocks_ = file_.size() / 512;
+    if (blocks_ == 0)
+      throw Error(ErrorId::InvalidImage, "Cannot use disk image " + path + " -- it is smaller than one sector")
+          .with("path", path);
   }
   std::string path() const override { return file_.path(); }
   Geometry getGeometry() const override {

@@ -245,6 +245,8 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
       throw Error(ErrorId::OpenFailed, "Cannot open " + devPath + " -- not a block device").with("path", devPath);
     }
     dev_ = st.st_rdev;
+    int readOnly = 0;
+    if (writeError_.empty() && ::ioctl(fd_, BLKROGET, &readOnly) == 0 && readOnly) writeError_ = "the device is read-only";
     uint64_t bytes = 0;
     if (::ioctl(fd_, BLKGETSIZE64, &bytes) != 0) {
       std::string why = std::strerror(errno);
@@ -320,7 +322,9 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     return std::find(disks.begin(), disks.end(), sysfs_) != disks.end();
   }
 
-  bool supportsOsLayout() const override { return !sysfs_.empty(); }
+  // A device whose partitions the kernel does not show (a loop device attached without
+  // partition scanning) has no system view to update.
+  bool supportsOsLayout() const override { return !sysfs_.empty() && readSysfs(sysfs_ + "/partscan") != "0"; }
 
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
     Core::TraceScope scope("prepareForChange");

@@ -103,8 +103,12 @@ NtLayout toNtLayout(const OsLayout& layout) {
   nt.startingUsableOffset = layout.firstUsableBlock * 512;
   nt.usableLength = layout.usableBlocks * 512;
   if (layout.style == OsLayout::Gpt) {
+    // The system writes the entries in array order: each one goes to its own slot, with
+    // unused entries in between, so no entry moves.
     for (const OsLayoutEntry& e : layout.entries) {
-      NtPartition p;
+      if (e.number == 0) continue;
+      if (nt.partitions.size() < e.number) nt.partitions.resize(e.number);
+      NtPartition& p = nt.partitions[e.number - 1];
       p.startingOffset = e.firstBlock * 512;
       p.length = e.blockCount * 512;
       p.number = e.number;
@@ -112,7 +116,6 @@ NtLayout toNtLayout(const OsLayout& layout) {
       p.uniqueGuid = e.uniqueGuid;
       p.attributes = e.attributes;
       p.name = e.name.substr(0, kGptNameChars);
-      nt.partitions.push_back(p);
     }
     nt.maxPartitionCount = std::max<uint32_t>(128, static_cast<uint32_t>(nt.partitions.size()));
     return nt;

@@ -23,6 +23,20 @@ uint64_t PartitionNodeBiosPartitionContainerEbr::usedEnd() const {
   return end;
 }
 
+std::unique_ptr<PartitionNode> PartitionNodeBiosPartitionContainer::makePartitionFromSlot(unsigned slot,
+                                                                                          PartitionRole role) const {
+  auto node = std::make_unique<PartitionNode>();
+  auto [first, count] = getSlotBlockRange(slot);
+  node->role = role;
+  node->firstBlock = first;
+  node->blockCount = count;
+  node->type = record_.getType(slot);
+  node->active = record_.isActive(slot);
+  node->tableBlock = block_;
+  node->slot = static_cast<int>(slot);
+  return node;
+}
+
 namespace {
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -91,7 +105,7 @@ class MbrDisk : public PartitionedDisk {
   void beginChange();
   void finishChange();
   void writeRecord(uint64_t block, const BiosBootRecord& record);
-  void clearRecord(uint64_t block, const PartitionNode* removed);
+  void clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord);
   BiosBootRecord masterForWriting() const;
   std::vector<Range> occupied(const PartitionNode* except, bool keepFirstRecord) const;
   std::vector<Range> freeIntervals(std::vector<Range> used, uint64_t lo, uint64_t hi) const;
@@ -149,14 +163,8 @@ void MbrDisk::readTables() {
       problem(format("Partition table entry %u (type 0x%02X) has no sectors and is ignored", slot + 1, type));
       continue;
     }
-    auto node = std::make_unique<PartitionNode>();
-    node->firstBlock = first;
-    node->blockCount = count;
-    node->type = type;
-    node->active = mbr.isActive(slot);
-    node->tableBlock = 0;
-    node->slot = static_cast<int>(slot);
-    node->role = node->isExtendedType() ? PartitionRole::Extended : PartitionRole::Primary;
+    auto node = anyExtendedType(type) ? master_->createContainerInSlot(slot, PartitionRole::Extended)
+                                      : master_->makePartitionFromSlot(slot, PartitionRole::Primary);
     if (node->isDosExtended()) ++facts_.extendedDosCount;
     if (first == 0) problem(format("Partition table entry %u starts inside the master boot record", slot + 1));
     if (first >= diskBlocks)
@@ -178,8 +186,8 @@ void MbrDisk::readChain(PartitionNode& extended) {
   uint64_t block = start;
   for (size_t n = 0;; ++n) {
     if (n >= kMaxChainRecords) {
-      problem(format("The chain of extended boot records is longer than %zu records; the rest is ignored",
-                     kMaxChainRecords));
+      problem(format("The chain of extended boot records is longer than %u records; the rest is ignored",
+                     static_cast<unsigned>(kMaxChainRecords)));
       break;
     }
     if (block >= diskBlocks) {
@@ -219,18 +227,11 @@ void MbrDisk::readChain(PartitionNode& extended) {
       } else if (count == 0) {
         facts_.nonZeroUnusedEntry = true;
         problem(format("The logical drive entry at sector %" PRIu64 " has no sectors and is ignored", block));
-      } else if (anyExtendedType(type)) {
+      } else if (anyExtendedType(type) && !container->createContainerInSlot(0, PartitionRole::Auxiliary)) {
         problem(format("The extended boot record at sector %" PRIu64 " holds an extended type in its first entry",
                        block));
       } else {
-        auto node = std::make_unique<PartitionNode>();
-        node->role = PartitionRole::Logical;
-        node->firstBlock = first;
-        node->blockCount = count;
-        node->type = type;
-        node->active = rec.isActive(0);
-        node->tableBlock = block;
-        node->slot = 0;
+        auto node = container->makePartitionFromSlot(0, PartitionRole::Logical);
         node->parent = holder;
         if (first == block)
           problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
@@ -266,14 +267,7 @@ void MbrDisk::readChain(PartitionNode& extended) {
       problem(format("The link in the extended boot record at sector %" PRIu64 " has no sectors", block));
       break;
     }
-    auto aux = std::make_unique<PartitionNode>();
-    aux->role = PartitionRole::Auxiliary;
-    aux->firstBlock = next;
-    aux->blockCount = linkBlocks;
-    aux->type = linkType;
-    aux->active = rec.isActive(1);
-    aux->tableBlock = block;
-    aux->slot = 1;
+    auto aux = current->createContainerInSlot(1, PartitionRole::Auxiliary);
     aux->parent = holder;
     current->link = aux.get();
     PartitionNode* auxPtr = aux.get();
@@ -317,8 +311,13 @@ void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
 
 // Zeroes a boot record that left the chain, unless its sector belongs to a partition that
 // stays (possible only on tables that already overlapped).
-void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed) {
+void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord) {
   if (block == 0 || block >= drive().blockCount()) return;
+  for (const Chain& c : chains_) {
+    if (c.extended == removed) continue;
+    for (const auto& r : c.records)
+      if (r->block() == block && r.get() != removedRecord) return;  // still another chain's record
+  }
   for (PartitionNode* n : displayList()) {
     if (n == removed || n->isExtendedType()) continue;
     if (removed && n->parent && removed->isExtendedType()) {
@@ -385,13 +384,13 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
   const uint64_t track = g.sectorsPerTrack;
   const uint64_t cylinder = uint64_t{g.heads} * g.sectorsPerTrack;
   const uint64_t unit = chs ? cylinder : static_cast<uint64_t>(request.alignment);
-  const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record
+  const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record (<= unit)
   const uint64_t firstStart = chs ? track : unit;                 // the first primary
   const bool largestWanted = request.sizeBlocks == CreationRequest::kLargest;
   if (!largestWanted && request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be empty");
 
   largest = 0;
-  std::optional<Placement> best;
+  std::optional<Placement> best, fallback;
   uint64_t bestSize = 0;
   for (const Range& f : freeList) {
     uint64_t record;
@@ -414,12 +413,13 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
     }
     if (best) continue;  // a sized request takes the first free space that holds it
     const uint64_t n = request.sizeBlocks;
-    const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
-    if (needEnd > maxEnd || needEnd < dataMin) {
-      // A request that fits the free space but not its aligned part gets the aligned part.
-      if (n <= f.end - f.first) best = Placement{record, dataMin, available};
+    if (n > available) {
+      // A request that misses the free space by less than one alignment unit (rounding of a
+      // size given in MB or per cent) gets the aligned part, unless a later free space holds it.
+      if (!fallback && n <= f.end - f.first + (unit - lead)) fallback = Placement{record, dataMin, available};
       continue;
     }
+    const uint64_t needEnd = chs ? roundUp(dataMin + n, cylinder) : dataMin + roundUp(n, unit);
     if (!request.placeAtEnd) {
       best = Placement{record, dataMin, needEnd - dataMin};
     } else if (chs) {
@@ -431,7 +431,7 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
       best = Placement{maxEnd - size - lead, maxEnd - size, size};
     }
   }
-  return best;
+  return best ? best : fallback;
 }
 
 void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used) const {
@@ -647,7 +647,7 @@ void MbrDisk::remove(PartitionNode& node) {
     // The chain is unreachable now; clear its records so that no later extended partition
     // finds stale drives.
     if (Chain* chain = chainOf(&node))
-      for (const auto& r : chain->records) clearRecord(r->block(), &node);
+      for (const auto& r : chain->records) clearRecord(r->block(), &node, nullptr);
     finishChange();
     return;
   }
@@ -673,7 +673,7 @@ void MbrDisk::remove(PartitionNode& node) {
       prev.clearSlot(1);
     }
     writeRecord(prevRec.block(), prev);  // unlink first
-    clearRecord(rec.block(), rec.logical);
+    clearRecord(rec.block(), rec.logical, &rec);
   }
   finishChange();
 }

@@ -35,6 +35,12 @@ class PartitionNodeBiosPartitionContainer : public PartitionNodeBootRecord {
   std::pair<uint64_t, uint64_t> getSlotBlockRange(unsigned slot) const {
     return {slotBase(slot) + record_.getStartBlock(slot), record_.getBlockCount(slot)};
   }
+  // A node for a slot that holds a partition (range, type, active flag, where it is stored).
+  std::unique_ptr<PartitionNode> makePartitionFromSlot(unsigned slot, PartitionRole role) const;
+  // A node for a slot holding an extended type; null when this slot may not hold one.
+  std::unique_ptr<PartitionNode> createContainerInSlot(unsigned slot, PartitionRole role) const {
+    return mayHoldExtended(slot) ? makePartitionFromSlot(slot, role) : nullptr;
+  }
 };
 
 class PartitionNodeBiosPartitionContainerMaster : public PartitionNodeBiosPartitionContainer {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "app/Commands.h"
 #include "app/FakeDisks.h"
 #include "app/Status.h"
 #include "core/Endian.h"
@@ -44,38 +43,40 @@ TEST(Status, PartitionsInDisplayOrderWithRemovedOneInItsOldPlace) {
   EXPECT_EQ(cap.sink().warnings, "Fixed disk 1 -- The extended boot record at sector 110062 has no 55 AA signature\n");
 }
 
-TEST(Status, SwitchesAndRawTables) {
+TEST(Status, NtfsVolumeNameFromTheVolumeFileRecord) {
   FakeDiskTable t;
-  FakeLayout& d = t.add(204800);
-  Corvo::Disk::RawBootRecord mbr;
-  uint8_t* e = mbr.bytes.data() + 446;
-  e[0] = 0x80, e[1] = 32, e[2] = 33, e[3] = 0, e[4] = 0x0C, e[5] = 0xFE, e[6] = 0xFF, e[7] = 0xFF;
-  Corvo::Core::put32(e + 8, 2048);
-  Corvo::Core::put32(e + 12, 202752);
-  mbr.bytes[510] = 0x55, mbr.bytes[511] = 0xAA;
-  d.raw = {mbr};
-  struct Case {
-    std::vector<std::string> args;
-    int rc;
-    std::string error, outLine;
-  } cases[] = {
-      {{"/RAW", "/LBA"}, 2, "Conflicting switches. Specify either /RAW or /LBA\n", ""},
-      {{"/STAT"}, 2, "Unknown switch -- /STAT\n", ""},
-      {{"1", "2"}, 2, "Too many parameters -- 2\n", ""},
-      {{"2"}, 1, "No such fixed disk -- 2\n", ""},
-      {{"1", "/SER"}, 0, "", "   1         12    255       63      100.0MB  SN-0001"},
-      {{"/LBA"}, 0, "", "   1    80    0C          2048        202752"},
-      {{"1", "/RAW"}, 0, "", "   1    80    0C          0   32  33       1023  254  63"},
-  };
-  for (const Case& c : cases) {
-    ScopedCapture cap;
-    std::vector<std::string> args = {"kdisk"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    SwitchSet set(args);
-    EXPECT_EQ(commandStatus(set), c.rc) << c.args[0];
-    EXPECT_EQ(cap.sink().errors, c.error) << c.args[0];
-    if (!c.outLine.empty()) {
-      EXPECT_NE(cap.sink().out.find(c.outLine + "\n"), std::string::npos) << cap.sink().out;
-    }
-  }
+  FakeLayout& d = t.add(4096);
+  d.addPrimary(1000, 2000, 0x07);
+  uint8_t* bs = t.lastAccess->data.data() + 1000 * 512;
+  std::memcpy(bs + 3, "NTFS    ", 8);
+  Corvo::Core::put16(bs + 11, 512);
+  bs[13] = 8;                         // sectors per cluster
+  Corvo::Core::put64(bs + 48, 4);     // $MFT at cluster 4: sector 32
+  bs[64] = 0xF6;                      // 1 KB file records
+  bs[68] = 1;                         // 4 KB index buffers
+  uint8_t* rec = bs + (32 + 3 * 2) * 512;  // record 3, $Volume
+  std::memcpy(rec, "FILE", 4);
+  Corvo::Core::put16(rec + 4, 48);    // update sequence array: value 0x0007, then two saved tails
+  Corvo::Core::put16(rec + 6, 3);
+  Corvo::Core::put16(rec + 48, 7);
+  Corvo::Core::put16(rec + 50, 0);
+  Corvo::Core::put16(rec + 52, 0x4B4B);
+  Corvo::Core::put16(rec + 510, 7);
+  Corvo::Core::put16(rec + 1022, 7);
+  Corvo::Core::put16(rec + 20, 56);   // first attribute
+  uint8_t* a = rec + 56;
+  Corvo::Core::put32(a, 0x30);        // a $FILE_NAME attribute to step over
+  Corvo::Core::put32(a + 4, 32);
+  a += 32;
+  const char16_t name[] = u"KD\u00c9TE";
+  Corvo::Core::put32(a, 0x60);
+  Corvo::Core::put32(a + 4, 40);
+  Corvo::Core::put32(a + 16, 10);
+  Corvo::Core::put16(a + 20, 24);
+  for (int i = 0; i < 5; ++i) Corvo::Core::put16(a + 24 + 2 * i, name[i]);
+  Corvo::Core::put32(a + 40, 0xFFFFFFFF);
+  ScopedCapture cap;
+  printDiskStatus(*fixedDisks()[0]);
+  EXPECT_NE(cap.sink().out.find("  07  NTFS/HPFS    KD\xc3\x89TE "), std::string::npos) << cap.sink().out;
+  EXPECT_NE(cap.sink().out.find("  NTFS        PRIMARY"), std::string::npos) << cap.sink().out;
 }

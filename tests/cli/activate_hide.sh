@@ -10,14 +10,14 @@ trap 'rm -rf "$work"' EXIT
 img=$work/disk.img
 
 # Display numbers: 1 NTFS (active), 2 FAT16, 3 Linux, 4 extended, 5 logical FAT16.
-truncate -s 64M "$img"
+truncate -s 8M "$img"
 sfdisk -q "$img" <<'T'
 label: dos
-start=2048, size=8192, type=7, bootable
-start=10240, size=8192, type=6
-start=18432, size=8192, type=83
-start=26624, type=f
-size=8192, type=6
+start=2048, size=2048, type=7, bootable
+start=4096, size=2048, type=6
+start=6144, size=2048, type=83
+start=8192, type=f
+size=2048, type=6
 T
 
 # refused CODE MESSAGE ARGS...: the command fails with CODE and MESSAGE and writes nothing.
@@ -52,9 +52,9 @@ changed() {
 # Expected table with given types for slots 1-4 and the logical drive, and the bootable one.
 tbl() {  # tbl T1 T2 T3 T4 T5 BOOTSLOT [no-logicals]
   local b=$6 i t=("$1" "$2" "$3" "$4")
-  local starts=(2048 10240 18432 26624) sizes=(8192 8192 8192 104448)
+  local starts=(2048 4096 6144 8192) sizes=(2048 2048 2048 8192)
   for i in 0 1 2 3; do echo "${starts[$i]} ${sizes[$i]} ${t[$i]} $([ "$b" = $((i + 1)) ] && echo 1 || echo 0)"; done
-  [ -z "${7:-}" ] && echo "28672 8192 $5 0"
+  [ -z "${7:-}" ] && echo "10240 2048 $5 0"
   return 0
 }
 
@@ -85,10 +85,12 @@ changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 1)" 1 /ACT /P:1
 changed "*HIDDEN*" "$(tbl 17 6 83 f 6 1)" 1 /HIDE /P:1
 expect_no_out "No partitions are set active" "an image is not the boot disk"
 unchanged "The specified partition is already hidden" 1 /HIDE /P:1
-refused 1 "Hidden partitions may not be set active" 1 /ACT /P:1
 refused 1 "Cannot hide partitions of this type" 1 /HIDE /P:3
 unchanged "The specified partition is not currently hidden" 1 /-HIDE /P:3
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:1
+changed "*HIDDEN*" "$(tbl 7 16 83 f 6 1)" 1 /HIDE /P:2
+refused 1 "Hidden partitions may not be set active" 1 /ACT /P:2
+changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:2
 changed "*HIDDEN*" "$(tbl 7 6 83 f 16 1)" 1 /HIDE /P:5
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:5
 # A hidden extended partition holds no chain that sfdisk follows; unhiding brings it back.
@@ -96,18 +98,18 @@ changed "*HIDDEN*" "$(tbl 7 6 83 1f 6 1 no-logicals)" 1 /HIDE /P:4
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:4
 
 # Unhiding an extended partition while the disk has one already.
-truncate -s 32M "$work/two.img"
+truncate -s 8M "$work/two.img"
 sfdisk -q "$work/two.img" <<'T'
 label: dos
-start=2048, size=8192, type=1f
-start=10240, type=5
+start=2048, size=2048, type=1f
+start=4096, type=5
 T
 img=$work/two.img
 refused 1 "Unhiding this partition would result in there being more than one extended DOS partition" 1 /-HIDE /P:1
 
 # GPT disks have neither active flags nor hidden types.
-truncate -s 32M "$work/gpt.img"
-printf 'label: gpt\nstart=2048, size=8192\n' | sfdisk -q "$work/gpt.img"
+truncate -s 8M "$work/gpt.img"
+printf 'label: gpt\nstart=2048, size=2048\n' | sfdisk -q "$work/gpt.img"
 img=$work/gpt.img
 refused 1 "GPT disk" 1 /ACT /P:1
 refused 1 "GPT disk" 1 /HIDE /P:1

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The kernel's view after /CRE and /DEL on a loop device: new and removed partitions show in
-# /sys/block/loopN at once (no partprobe), and not at all with /NOOSLAYOUT.
+# /sys/block/loopN at once (no partprobe), and not at all with /NOOSLAYOUT; a mounted
+# partition is neither wiped nor deleted.
 set -u
 KDISK=$1
 . "$(dirname "$0")/lib/partition.bash"
@@ -20,6 +21,25 @@ expect_rc 0 "create on $dev"
 has 1 || fail "kernel does not show ${name}p1 after /CRE"
 [ "$(cat "/sys/block/$name/${name}p1/start" 2>/dev/null)" = "$(part "$img" 1 | cut -d' ' -f1)" ] ||
   fail "kernel start of ${name}p1 differs from the table"
+
+# A mounted partition is refused before anything is written (mounted read-only so that the
+# kernel itself writes nothing either).
+mnt=$WORK/mnt
+mkdir -p "$mnt"
+if mkfs.ext2 -q "${dev}p1" 2>/dev/null && mount -o ro "${dev}p1" "$mnt" 2>/dev/null; then
+  trap 'umount "$mnt"; losetup -d "$dev"; rm -rf "$WORK"' EXIT
+  before=$(sha "$img")
+  kd "$dev" 1 /DEL /P:1 /QWIPE
+  expect_rc 1 "wipe of a mounted partition"
+  expect_text "Cannot wipe primary DOS partition -- " "wipe of a mounted partition"
+  kd "$dev" 1 /DEL /ALL
+  expect_rc 1 "deletion of a mounted partition"
+  [ "$(sha "$img")" = "$before" ] || fail "refusals on a mounted partition changed the image"
+  umount "$mnt"
+  trap 'losetup -d "$dev"; rm -rf "$WORK"' EXIT
+else
+  echo "note: cannot mount ext2 here; mounted-partition refusal not checked"
+fi
 
 kd "$dev" 1 /CRE /PRI /Y /SZ:10 /NOOSLAYOUT
 expect_rc 0 "create with /NOOSLAYOUT"

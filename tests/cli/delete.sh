@@ -7,11 +7,11 @@ KDISK=$1
 . "$(dirname "$0")/lib/partition.bash"
 require_partitioning
 
-# 64 MB: 1 FAT16 (active), 2 Linux, 3 extended with logical drives 5 (FAT16) and 6 (NTFS),
+# 32 MB: 1 FAT16 (active), 2 Linux, 3 extended with logical drives 5 (FAT16) and 6 (NTFS),
 # 4 FAT16; display numbers 1 2 3, then 4 and 5 for the logical drives, 6 for slot 4.
 # Every partition's data is 0x77.
 base=$WORK/base.img
-truncate -s 64M "$base"
+truncate -s 32M "$base"
 sfdisk -q "$base" >/dev/null <<'T'
 label: dos
 start=2048, size=4096, type=6, bootable
@@ -117,5 +117,17 @@ expect_rc 0 "/ALL /QWIPE"
 for n in 1 2 3 4 5 6; do expect_line "Wiping Partition $n:" "/ALL /QWIPE"; done
 only_byte "$img" 2048 $((55296 - 2048)) 0 || fail "/ALL /QWIPE left data between the first and last partition"
 expect_layout "/ALL /QWIPE"
+
+# ---- GPT: the second entry wiped and removed, the first untouched.
+img=$WORK/gpt.img
+truncate -s 16M "$img"
+printf 'label: gpt\nstart=2048, size=4096\nstart=6144, size=4096, type=0FC63DAF-8483-4772-8E79-3D69D8477DE4\n' |
+  sfdisk -q "$img" >/dev/null
+fill "$img" 2048 8192 119
+kd "$img" 1 /DEL /P:2 /QWIPE
+expect_rc 0 "GPT /P:2"
+only_byte "$img" 6144 4096 0 || fail "GPT /QWIPE left data"
+intact 2048 4096 "GPT neighbour"
+[ "$(count_parts "$img")" -eq 1 ] && [ "$(part "$img" 1 | cut -d' ' -f1)" = 2048 ] || fail "GPT table: $(parts "$img")"
 
 finish

@@ -10,18 +10,20 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 img=$work/disk.img blank=$work/blank.img gpt=$work/gpt.img
 
-# 64 MB: FAT16 (active), NTFS-typed, and an extended partition with ext2 and FAT32 drives.
+# 64 MB: FAT16 (active), NTFS-typed, swap-typed, and an extended partition with ext2 and FAT32
+# drives.
 truncate -s 64M "$img"
 sfdisk -q "$img" <<'T'
 label: dos
 start=2048, size=20480, type=6, bootable
 start=22528, size=8192, type=7
+start=30720, size=2048, type=82
 start=32768, type=f
 size=8192, type=83
 type=c
 T
-mkfs.fat -F 16 --offset=2048 -n KDLABEL "$img" 10240 >/dev/null
-l5=$(sfdisk --json "$img" | jq '.partitiontable.partitions[3].start')
+mkfs.fat -F 16 --offset=2048 -n KDLABEL "$img" 10240 >/dev/null 2>&1
+l5=$(sfdisk --json "$img" | jq '.partitiontable.partitions[4].start')
 truncate -s 4M "$work/ext2.part"
 mkfs.ext2 -q -F -L KDEXT "$work/ext2.part"
 dd if="$work/ext2.part" of="$img" bs=512 seek="$l5" conv=notrunc status=none
@@ -47,15 +49,16 @@ kd "$img" -- 1
 expect_rc 0 "status of disk 1"
 rows=$(grep -E '^ +[0-9]+  [0-9A-F]{2}  ' <<<"$out" || true)
 want=$(sfdisk --json "$img" | jq -r '.partitiontable.partitions[] | "\(.size) \(.type)"' | while read -r z t; do
-  awk -v z="$z" -v t="$t" 'BEGIN { printf "%02X %.1fMB\n", strtonum("0x" t), z * 512 / 1048576 }'; done)
+  printf '%02X %s\n' "0x$t" "$(awk -v z="$z" 'BEGIN { printf "%.1fMB", z * 512 / 1048576 }')"; done)
 got=$(awk '{ for (i = 3; i <= NF; i++) if ($i ~ /MB$/) { print $2, $i; break } }' <<<"$rows")
 [ "$got" = "$want" ] || fail "status rows disagree with sfdisk:"$'\n'"$got"$'\n'"--- sfdisk:"$'\n'"$want"
-[ "$(awk '{ print $1 }' <<<"$rows" | tr '\n' ' ')" = "1 2 3 4 5 " ] || fail "display numbers: $rows"
+[ "$(awk '{ print $1 }' <<<"$rows" | tr '\n' ' ')" = "1 2 3 4 5 6 " ] || fail "display numbers: $rows"
 grep -E '^ +1  06  FAT16 +KDLABEL +10\.0MB  FAT16 +PRIMARY +Yes$' <<<"$rows" >/dev/null || fail "row 1: $rows"
 grep -E '^ +2  07  NTFS/HPFS +4\.0MB  NTFS/HPFS +PRIMARY$' <<<"$rows" >/dev/null || fail "row 2: $rows"
-grep -E '^ +3  0F  +[0-9.]+MB +EXTENDED$' <<<"$rows" >/dev/null || fail "row 3: $rows"
-grep -E '^ +4  83  LINUX +KDEXT +4\.0MB  EXT2FS +LOGICAL$' <<<"$rows" >/dev/null || fail "row 4: $rows"
-grep -E '^ +5  0C  FAT32 +[0-9.]+MB  FAT32 +LOGICAL$' <<<"$rows" >/dev/null || fail "row 5: $rows"
+grep -E '^ +3  82  LINUX SWAP +1\.0MB +PRIMARY$' <<<"$rows" >/dev/null || fail "row 3: $rows"
+grep -E '^ +4  0F  +[0-9.]+MB +EXTENDED$' <<<"$rows" >/dev/null || fail "row 4: $rows"
+grep -E '^ +5  83  LINUX +KDEXT +4\.0MB  EXT2FS +LOGICAL$' <<<"$rows" >/dev/null || fail "row 5: $rows"
+grep -E '^ +6  0C  FAT32 +[0-9.]+MB  FAT32 +LOGICAL$' <<<"$rows" >/dev/null || fail "row 6: $rows"
 expect_out "   1         " "disk table row"
 
 # /RAW: the CHS values as stored in the first slot.

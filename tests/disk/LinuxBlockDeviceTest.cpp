@@ -45,10 +45,11 @@ class LoopDevice : public ::testing::Test {
       GTEST_SKIP() << "losetup cannot attach an image here: " << out;
     loop_ = out.substr(0, out.find('\n'));
     name_ = loop_.substr(loop_.rfind('/') + 1);
+    attached_.push_back(loop_);
   }
   void TearDown() override {
     if (!mountPoint_.empty()) runCommand("umount " + mountPoint_);
-    if (!loop_.empty()) runCommand("losetup -d " + loop_);
+    for (const std::string& dev : attached_) runCommand("losetup -d " + dev);
   }
   std::string sys(const std::string& part, const std::string& attr) {
     return slurp("/sys/block/" + name_ + "/" + part + "/" + attr);
@@ -65,6 +66,7 @@ class LoopDevice : public ::testing::Test {
 
   KdiskTest::TempDir dir_;
   std::string loop_, name_, mountPoint_;
+  std::vector<std::string> attached_;  // every loop device this test made, by exact name
 };
 
 TEST_F(LoopDevice, OpensWithSizeAndTransfers) {
@@ -79,6 +81,23 @@ TEST_F(LoopDevice, OpensWithSizeAndTransfers) {
   disk->flush();
   disk->read(100, 3, back.data());
   EXPECT_EQ(data, back);
+
+  // A read-only device opens, reads, and refuses writes with a clear reason.
+  std::string out;
+  ASSERT_EQ(runCommand("losetup -f --show -r " + dir_.file("disk.img"), &out), 0) << out;  // no -P
+  std::string ro = out.substr(0, out.find('\n'));
+  attached_.push_back(ro);
+  auto roDisk = openImageDisk(ro);
+  EXPECT_FALSE(roDisk->supportsOsLayout());  // the kernel shows no partitions for it
+  roDisk->read(100, 3, back.data());
+  EXPECT_EQ(data, back);
+  try {
+    roDisk->write(100, 1, data.data());
+    FAIL() << "write to a read-only device succeeded";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.id(), ErrorId::WriteProtected);
+    EXPECT_NE(e.text().find("read-only"), std::string::npos) << e.text();
+  }
 }
 
 TEST_F(LoopDevice, LayoutUpdateAddsResizesAndRemovesKernelPartitions) {
@@ -135,6 +154,12 @@ TEST_F(LoopDevice, PrepareForChangeRefusesMountedPartition) {
   EXPECT_NO_THROW(disk->prepareForChange(70000, 1000));
   disk->read(2048, 1, after.data());
   EXPECT_EQ(before, after);
+
+  // Adding a partition in free space of a disk in use is fine.
+  OsLayout more = twoPartitions();
+  more.entries.push_back(part(3, 65536, 8192, 0x83));
+  EXPECT_NO_THROW(disk->setNativePartitionLayout(more));
+  EXPECT_TRUE(partitionShown(3));
 
   // A layout update that would drop the mounted partition fails and says so.
   EXPECT_THROW(

@@ -5,6 +5,7 @@
 #include "core/Config.h"
 #include "core/Endian.h"
 #include "disk/MbrTestSupport.h"
+#include "disk/layout/BiosBootRecord.h"
 
 using namespace Corvo::Disk;
 using namespace KdiskTest;
@@ -47,6 +48,14 @@ class MbrEditTest : public ::testing::Test {
   TempDir dir;
   std::string img = dir.file("disk.img");
 };
+
+CreationRequest req(uint64_t size, int64_t alignment = 2048, bool atEnd = false) {
+  CreationRequest r;
+  r.sizeBlocks = size;
+  r.alignment = alignment;
+  r.placeAtEnd = atEnd;
+  return r;
+}
 
 void checkAlignment(const PartitionNode& n, int64_t alignment, uint64_t requested) {
   const uint64_t end = n.firstBlock + n.blockCount;
@@ -118,10 +127,7 @@ TEST_F(MbrEditTest, PlacementAndAlignment) {
     for (size_t i = 0; i < c.steps.size(); ++i) {
       SCOPED_TRACE("step " + std::to_string(i));
       const Step& s = c.steps[i];
-      CreationRequest r;
-      r.sizeBlocks = s.size;
-      r.placeAtEnd = s.atEnd;
-      r.alignment = c.alignment;
+      CreationRequest r = req(s.size, c.alignment, s.atEnd);
       PartitionNode* n = create(*disk, s.kind, r);
       ASSERT_NE(n, nullptr);
       if (s.expectFirst) {
@@ -143,20 +149,14 @@ TEST_F(MbrEditTest, RequestsThatDoNotFit) {
   ASSERT_TRUE(makeImage(img, 200, ""));
   auto drive = openDrive(img);
   auto disk = PartitionedDisk::load(*drive);
-  CreationRequest big;
-  big.sizeBlocks = 300 * kMB;
-  big.alignment = 2048;
+  CreationRequest big = req(300 * kMB, 2048);
   EXPECT_EQ(disk->createPrimary(big), nullptr);
   EXPECT_EQ(big.largestAvailable, 409600u - 2048);
-  CreationRequest ext;
-  ext.sizeBlocks = 50 * kMB;
-  ext.alignment = 2048;
+  CreationRequest ext = req(50 * kMB, 2048);
   ASSERT_NE(disk->createExtended(ext), nullptr);
   CreationRequest again = ext;
   EXPECT_THROW(disk->createExtended(again), Error);  // only one extended DOS partition
-  CreationRequest log;
-  log.sizeBlocks = 60 * kMB;
-  log.alignment = 2048;
+  CreationRequest log = req(60 * kMB, 2048);
   EXPECT_EQ(disk->createLogical(log), nullptr);
   EXPECT_EQ(log.largestAvailable, 50 * kMB - 2048);  // the record takes one unit
   log.sizeBlocks = CreationRequest::kLargest;
@@ -165,19 +165,33 @@ TEST_F(MbrEditTest, RequestsThatDoNotFit) {
   EXPECT_EQ(disk->createLogical(log), nullptr);
   EXPECT_EQ(log.largestAvailable, 0u);
   // A request covering the whole free space gets its aligned part.
-  CreationRequest whole;
-  whole.sizeBlocks = 409600 - 2048 - 50 * kMB;
-  whole.alignment = 2048;
+  CreationRequest whole = req(409600 - 2048 - 50 * kMB, 2048);
   PartitionNode* n = disk->createPrimary(whole);
   ASSERT_NE(n, nullptr);
   EXPECT_EQ(n->firstBlock + n->blockCount, 409600u);
-  for (int i = 0; i < 1; ++i) {
-    CreationRequest small;
-    small.sizeBlocks = 1;
-    EXPECT_EQ(disk->createPrimary(small), nullptr);  // no room left at all
-    EXPECT_EQ(small.largestAvailable, 0u);
-  }
+  CreationRequest small = req(1);
+  EXPECT_EQ(disk->createPrimary(small), nullptr);  // no room left at all
+  EXPECT_EQ(small.largestAvailable, 0u);
   expectConsistent(*disk);
+  // The whole disk in MB (as a size of 100 per cent gives it) takes what alignment leaves.
+  ASSERT_TRUE(makeImage(img, 200, ""));
+  auto drive4 = openDrive(img);
+  auto blank = PartitionedDisk::load(*drive4);
+  CreationRequest all = req(200 * kMB, -1);
+  PartitionNode* whole4 = blank->createPrimary(all);
+  ASSERT_NE(whole4, nullptr);
+  EXPECT_EQ(whole4->blockCount, 25 * kCyl - 63);
+  // An exact request takes a later free space that holds it whole rather than an aligned part.
+  ASSERT_TRUE(makeImage(img, 200, "label: dos\nstart=2048, size=10240, type=83\nstart=100000, size=2048, type=83\n"));
+  auto drive3 = openDrive(img);
+  auto two = PartitionedDisk::load(*drive3);
+  CreationRequest exact;
+  exact.sizeBlocks = 100000 - 12288;  // the whole first gap, which only holds less once aligned
+  exact.alignment = 2048;
+  PartitionNode* e = two->createPrimary(exact);
+  ASSERT_NE(e, nullptr);
+  EXPECT_GE(e->firstBlock, 102048u);
+  EXPECT_EQ(e->blockCount, 88064u);
   // Four entries in use: the table is full.
   ASSERT_TRUE(makeImage(img, 200,
                         "label: dos\nstart=2048,size=2048\nstart=4096,size=2048\nstart=6144,size=2048\nstart=8192,size=2048\n"));
@@ -225,9 +239,7 @@ TEST_F(MbrEditTest, RemovalKeepsTheChainReadable) {
     expectConsistent(*disk);
     // The freed space can be used again.
     if (c.removeStart != 22528) {
-      CreationRequest r;
-      r.sizeBlocks = 2 * kMB;
-      r.alignment = 2048;
+      CreationRequest r = req(2 * kMB, 2048);
       ASSERT_NE(c.removeStart == 2048 ? disk->createPrimary(r) : disk->createLogical(r), nullptr);
       expectConsistent(*disk);
     }
@@ -239,9 +251,7 @@ TEST_F(MbrEditTest, RemovalKeepsTheChainReadable) {
   EXPECT_TRUE(disk->displayList().empty());
   EXPECT_TRUE(sfdiskView(img).empty());
   // The old chain does not come back with a new extended partition at the same place.
-  CreationRequest r;
-  r.alignment = 2048;
-  r.sizeBlocks = 10 * kMB;
+  CreationRequest r = req(10 * kMB, 2048);
   ASSERT_NE(disk->createPrimary(r), nullptr);
   r.sizeBlocks = 300000;
   ASSERT_NE(disk->createExtended(r), nullptr);
@@ -290,8 +300,7 @@ TEST_F(MbrEditTest, TypesBeyondTheCylinderLimit) {
       {Log, 10 * kMB, 0x01},     // FAT12 keeps its type, CHS clamped
   };
   for (const auto& s : steps) {
-    CreationRequest r;
-    r.sizeBlocks = s.size;
+    CreationRequest r = req(s.size, -1);
     PartitionNode* n = create(*disk, s.kind, r);
     ASSERT_NE(n, nullptr);
     EXPECT_EQ(n->type, s.type) << n->firstBlock;
@@ -305,9 +314,7 @@ TEST_F(MbrEditTest, InconsistentTablesGetNoNewOverlap) {
   patchSector(img, 2048, 446 + 12, {0x40, 0x9C, 0x01, 0});  // count 105536: up to 109632
   auto drive = openDrive(img);
   auto disk = PartitionedDisk::load(*drive);
-  CreationRequest r;
-  r.alignment = 2048;
-  r.sizeBlocks = 10 * kMB;
+  CreationRequest r = req(10 * kMB, 2048);
   PartitionNode* n = disk->createPrimary(r);
   ASSERT_NE(n, nullptr);
   EXPECT_GE(n->firstBlock, 109632u);
@@ -337,9 +344,7 @@ TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
   MemoryDiskAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
-  CreationRequest r;
-  r.alignment = 2048;
-  r.sizeBlocks = 100 * kMB;
+  CreationRequest r = req(100 * kMB, 2048);
   ASSERT_NE(disk->createExtended(r), nullptr);  // 2048 .. 206848
   r.sizeBlocks = 10 * kMB;
   ASSERT_NE(disk->createLogical(r), nullptr);  // record 2048
@@ -372,9 +377,7 @@ TEST(MbrMemoryTest, OsLayoutAndWarnings) {
   LayoutRecordingAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
-  CreationRequest r;
-  r.alignment = 2048;
-  r.sizeBlocks = 10 * kMB;
+  CreationRequest r = req(10 * kMB, 2048);
   ASSERT_NE(disk->createPrimary(r), nullptr);
   r.sizeBlocks = 100 * kMB;
   ASSERT_NE(disk->createExtended(r), nullptr);
@@ -408,4 +411,37 @@ TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
     EXPECT_EQ(e.id(), ErrorId::UnsupportedSectorSize);
   }
   EXPECT_EQ(mem->writeCount, 0u);
+}
+
+TEST(MbrMemoryTest, LongAndOverflowingChainsAreBounded) {
+  // 1100 records, each linking to the next: reading stops after 1024 with a problem noted.
+  const uint64_t S = 2048, n = 1100;
+  auto access = std::make_unique<MemoryDiskAccess>(S + 4 * n + 64);
+  MemoryDiskAccess* mem = access.get();
+  BiosBootRecord mbr;
+  mbr.setSlot(0, S, 4 * n + 8, 0x05, 255, 63);
+  std::copy_n(mbr.data(), 512, mem->data.data());
+  for (uint64_t i = 0; i < n; ++i) {
+    BiosBootRecord ebr;
+    ebr.setSlot(0, 1, 3, 0x83, 255, 63, S + 4 * i);
+    ebr.setSlot(1, 4 * (i + 1), 4, 0x05, 255, 63, S);
+    std::copy_n(ebr.data(), 512, mem->data.data() + (S + 4 * i) * 512);
+  }
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  EXPECT_EQ(disk->displayList().size(), 1 + 1024u);
+  ASSERT_FALSE(disk->facts().problems.empty());
+  EXPECT_NE(disk->facts().problems[0].find("1024"), std::string::npos);
+  // Entries whose start plus count passes 2^32 (and the disk) are kept as they are.
+  BiosBootRecord big;
+  big.setSlot(0, 0xFFFFFFF0u, 0xFFFFFFF0u, 0x83, 255, 63);
+  std::copy_n(big.data(), 512, mem->data.data());
+  disk->reload();
+  ASSERT_EQ(disk->displayList().size(), 1u);
+  EXPECT_EQ(disk->displayList()[0]->lastBlock(), 0xFFFFFFF0ull + 0xFFFFFFF0ull - 1);
+  CreationRequest r;
+  r.alignment = 2048;
+  PartitionNode* p = disk->createPrimary(r);  // fits below the broken entry
+  ASSERT_NE(p, nullptr);
+  EXPECT_LE(p->lastBlock(), drive.blockCount() - 1);
 }

@@ -112,6 +112,7 @@ TEST_F(MbrReadTest, DamagedTablesAreReadAsFarAsPossible) {
       {"record without signature", 57952, 510, {0, 0}, 2, "no 0xAA55 signature"},
       {"first record without signature", 22528, 510, {0x12, 0x34}, 0, "no 0xAA55 signature"},
       {"partition in the link slot", 34816, 446 + 16 + 4, {0x83}, 2, "where the link"},
+      {"extended type in a drive entry", 34816, 446 + 4, {0x05}, 3, "extended type in its first entry"},
       {"huge logical start", 34816, 446 + 8, {0xFF, 0xFF, 0xFF, 0xFF}, 4, ""},
   };
   for (const auto& c : cases) {

@@ -162,9 +162,14 @@ TEST(NtBuffers, GptLayout) {
   e.uniqueGuid[15] = 0x7E;
   e.attributes = uint64_t{1} << 63;
   e.name = u"Basic data partition";
-  l.entries = {e};
+  OsLayoutEntry third = entry(3, 8192, 2048, 0);
+  third.typeGuid[0] = 0x0F;
+  l.entries = {e, third};
   auto b = buildLayoutEx(toNtLayout(l));
-  ASSERT_EQ(b.size(), 48u + 144);
+  ASSERT_EQ(b.size(), 48u + 144 * 3);  // slot 2 stays empty so slot 3 keeps its place
+  EXPECT_EQ(get32(b.data() + 4), 3u);
+  EXPECT_EQ(get64(b.data() + 48 + 144 + 16), 0u);
+  EXPECT_EQ(b[48 + 144 * 2 + 32], 0x0F);
   EXPECT_EQ(get32(b.data()), 1u);
   EXPECT_EQ(b[8], 0x11);
   EXPECT_EQ(get64(b.data() + 24), 34u * 512);
@@ -177,7 +182,8 @@ TEST(NtBuffers, GptLayout) {
   EXPECT_EQ(p[72], 'B');
   EXPECT_EQ(p[74], 'a');
   OsLayout back = fromNtLayout(parseLayoutEx(b.data(), b.size()));
-  ASSERT_EQ(back.entries.size(), 1u);
+  ASSERT_EQ(back.entries.size(), 2u);
+  EXPECT_EQ(back.entries[1].number, 3u);
   EXPECT_EQ(back.entries[0].name, e.name);
   EXPECT_EQ(back.entries[0].typeGuid, e.typeGuid);
   EXPECT_EQ(back.usableBlocks, 1000000u);

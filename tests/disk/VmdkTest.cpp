@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "core/Endian.h"
 #include "core/Error.h"
 #include "disk/DiskDriveAccess.h"
 #include "support/TestSupport.h"
@@ -11,6 +12,8 @@
 using namespace Corvo::Disk;
 using Corvo::Core::Error;
 using Corvo::Core::ErrorId;
+using Corvo::Core::get32;
+using Corvo::Core::get64;
 using KdiskTest::runCommand;
 
 namespace {
@@ -203,6 +206,47 @@ TEST(VmdkFlat, RelativeExtentAndDefaultGeometry) {
   EXPECT_THROW(d->write(1024, 1, s.data()), Error);  // the read-only zero extent
   d->read(1100, 1, s.data());
   EXPECT_EQ(s, std::vector<uint8_t>(512, 0));
+}
+
+}  // namespace
+
+namespace {
+
+// A grain directory entry without a table: the first write there makes the table (both
+// copies) as well as the grain.
+TEST(VmdkSparse, WriteCreatesMissingGrainTable) {
+  if (!KdiskTest::haveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
+  KdiskTest::TempDir dir;
+  std::string vmdk = dir.file("t.vmdk");
+  run("qemu-img create -q -f vmdk " + vmdk + " 64M");  // two grain tables of 32 MiB each
+  std::vector<uint8_t> head = readFile(vmdk);
+  uint64_t rgd = get64(head.data() + 48), gd = get64(head.data() + 56);
+  {
+    std::fstream f(vmdk, std::ios::binary | std::ios::in | std::ios::out);
+    for (uint64_t dirSector : {gd, rgd}) {
+      f.seekp(static_cast<std::streamoff>(dirSector * 512 + 4));
+      f.write("\0\0\0\0", 4);
+    }
+  }
+  std::vector<uint8_t> data(2 * 512, 0xC3);
+  {
+    auto d = openImageDisk(vmdk);
+    d->write(70000, 2, data.data());
+    std::vector<uint8_t> back(2 * 512);
+    d->read(70000, 2, back.data());
+    EXPECT_EQ(back, data);
+  }
+  std::vector<uint8_t> after = readFile(vmdk);
+  EXPECT_NE(get32(after.data() + gd * 512 + 4), 0u);
+  EXPECT_NE(get32(after.data() + rgd * 512 + 4), 0u);
+  EXPECT_NE(get32(after.data() + gd * 512 + 4), get32(after.data() + rgd * 512 + 4));
+  std::string raw = dir.file("want.raw");
+  run("truncate -s 64M " + raw);
+  std::fstream(raw, std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(70000 * 512)
+      .write(reinterpret_cast<const char*>(data.data()), 1024);
+  run("qemu-img check -q " + vmdk);
+  run("qemu-img compare -q -f vmdk -F raw " + vmdk + " " + raw);
 }
 
 }  // namespace

@@ -16,15 +16,22 @@ finish() {
   echo "all checks passed"; exit 0
 }
 
-# Runs kdisk on the given images only: kd IMG... -- ARGS...; output in $out, exit code in $rc.
+# Runs kdisk on the given images only: kd IMG... -- ARGS...; output (stdout and stderr, carriage
+# returns removed) in $out, exit code in $rc. With KDISK_RUNNER=wine the Windows build runs and
+# the images are passed by their Windows paths.
 kd() {
-  local disks=() a
-  while [ $# -gt 0 ] && [ "$1" != "--" ]; do disks+=("/ADDDISK=$1"); shift; done
+  local disks=() p
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do
+    p=$1
+    [ "${KDISK_RUNNER:-}" = wine ] && p=$(winepath -w "$p" 2>/dev/null)
+    disks+=("/ADDDISK=$p"); shift
+  done
   shift
   set +e
-  out=$("$KDISK" /NOOSDISK "${disks[@]}" "$@" 2>&1 </dev/null)
+  out=$(${KDISK_RUNNER:-} "$KDISK" /NOOSDISK "${disks[@]}" "$@" 2>&1 </dev/null)
   rc=$?
   set -e
+  out=${out//$'\r'/}
 }
 
 # expect_rc WANT WHAT: checks the last kd exit code.

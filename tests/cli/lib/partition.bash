@@ -59,14 +59,16 @@ count_parts() { parts "$1" | wc -l; }
 # fill IMAGE START COUNT BYTE : writes BYTE (decimal) over COUNT sectors from START.
 fill() {
   head -c $(($3 * 512)) /dev/zero | tr '\0' "\\$(printf %03o "$4")" |
-    dd of="$1" bs=512 seek="$2" conv=notrunc status=none
+    dd of="$1" bs=1M seek=$(($2 * 512)) oflag=seek_bytes conv=notrunc status=none
 }
 # only_byte IMAGE START COUNT BYTE : true when every byte of the range is BYTE (decimal).
 only_byte() {
   local left
-  left=$(dd if="$1" bs=512 skip="$2" count="$3" status=none | tr -d "\\$(printf %03o "$4")" | wc -c)
+  left=$(extract "$1" "$2" "$3" | tr -d "\\$(printf %03o "$4")" | wc -c)
   [ "$left" -eq 0 ]
 }
+# extract IMAGE START COUNT : the sectors on standard output.
+extract() { dd if="$1" bs=1M skip=$(($2 * 512)) count=$(($3 * 512)) iflag=skip_bytes,count_bytes status=none; }
 # first_byte IMAGE SECTOR : the first byte of the sector, decimal.
 first_byte() { dd if="$1" bs=512 skip="$2" count=1 status=none | od -An -tu1 -N1 | tr -d ' '; }
 

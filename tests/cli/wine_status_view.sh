@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# The Windows build under wine on an image file: the status display, /VIEW and /ACT behave as
+# in the native build (sfdisk confirms the change; a refusal leaves the image untouched).
+set -euo pipefail
+exe=${KDISK_WINE_EXE:-}
+[ -n "$exe" ] || { echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; }
+[ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
+. "$(dirname "$0")/lib/disk_commands.bash"
+need_tools wine wineserver winepath sfdisk sha256sum
+KDISK=$exe KDISK_RUNNER=wine
+work=$(mktemp -d /tmp/kdisk-wine-sv-XXXXXX)
+export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+unset DISPLAY
+mkdir -p "$WINEPREFIX"
+wineserver -p
+trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work"' EXIT
+wineboot -i >/dev/null 2>&1
+img=$work/disk.img
+truncate -s 8M "$img"
+printf 'label: dos\nstart=2048, size=2048, type=7, bootable\nstart=4096, type=f\nsize=2048, type=6\n' | sfdisk -q "$img"
+
+kd "$img" -- 1
+expect_rc 0 "status"
+grep -qE '^ +1  07  NTFS/HPFS .* PRIMARY +Yes$' <<<"$out" || fail "status row 1: $out"
+grep -qE '^ +3  06  FAT16 .* LOGICAL$' <<<"$out" || fail "status row 3: $out"
+
+kd "$img" -- 1 /VIEW:0
+expect_rc 0 "/VIEW:0"
+grep -qE '^000001f0  .*55 aa  ' <<<"$out" || fail "/VIEW:0 lacks 55 aa: $out"
+
+s=$(sum "$img")
+kd "$img" -- 1 /ACT /P:3
+expect_rc 1 "/ACT on a logical drive"
+expect_out "Logical DOS drives may not be set active" "/ACT on a logical drive"
+[ "$(sum "$img")" = "$s" ] || fail "refusal changed the image"
+
+kd "$img" -- 1 /HIDE /P:1
+expect_rc 0 "/HIDE"
+expect_out "*HIDDEN*" "/HIDE"
+[ "$(table_of "$img" | head -n1)" = "2048 2048 17 1" ] || fail "sfdisk after /HIDE: $(table_of "$img")"
+finish
