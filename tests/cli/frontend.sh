@@ -68,6 +68,9 @@ while IFS='|' read -r args text; do
   [ -z "$err" ] || fail "$args: help wrote to stderr"
 done <<EOT
 /? /CRE|Creates fixed disk partitions and logical drives.
+/? /CRE|kdisk disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%}}] [/END]
+/? /STATUS|Default is to list all fixed disks.
+/? /DISKWIPE|Preserve Corvo partition which was used to boot.
 /h /DEL|kdisk disk /DEL {/P:partn-no|/ALL}
 /HELP /STATUS|Displays information about fixed disk partitions.
 /? /-HIDE|Hides a regular partition or unhides a hidden partition.
