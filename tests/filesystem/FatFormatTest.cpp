@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
+#include <tuple>
 #include <sstream>
 
 #include "FatTestSupport.h"
@@ -337,38 +337,33 @@ TEST(FatFormat, FullFormatMarksBadClusters) {
 }
 
 TEST(FatFormat, StepFailuresPrintTheirMessage) {
-  using L = Filesystem::FatLayout;
   const auto W = Core::ErrorId::WriteFailed, V = Core::ErrorId::VerifyFailed;
+  enum Base { Start, LastReserved, SecondFat, Root };  // Root: the root directory, or cluster 2 on FAT32
   struct Case {
-    const char* name;
     int type;
     uint64_t sectors;
-    std::function<uint64_t(const L&)> badSector;
+    Base base;
+    uint64_t offset;
     bool failReads, failWrites, verify;
     std::string message;
     Core::ErrorId id;
   } cases[] = {
-      {"boot area", 1, 100000, [](const L&) { return 0ull; }, true, true, false,
-       "Bad sectors in boot area -- Injected verify fault\n", V},
-      {"FAT32 reserved", 2, 1100000, [](const L& l) { return uint64_t(l.reservedSectors - 1); }, true, true, false,
-       "Bad sectors in boot area -- Injected verify fault\n", V},
-      {"second FAT", 1, 100000, [](const L& l) { return uint64_t(l.reservedSectors) + l.sectorsPerFat + 3; }, false,
-       true, false, "Bad sectors in FAT table area -- Injected write fault\n", W},
-      {"root directory", 0, 20000, [](const L& l) { return uint64_t(l.reservedSectors) + l.fatSectors + 5; }, false,
-       true, false, "Bad sectors in root directory area -- Injected write fault\n", W},
-      {"FAT32 root cluster in full format", 2, 1100000,
-       [](const L& l) { return uint64_t(l.reservedSectors) + l.fatSectors + 1; }, true, false, true,
-       "Bad sectors in FAT table area -- Injected verify fault\n", W},
-      {"FAT32 backup boot", 2, 1100000, [](const L&) { return 6ull; }, false, true, false,
-       "Bad sectors in boot area -- Injected write fault\n", W},
+      {1, 100000, Start, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault\n", V},
+      {2, 1100000, LastReserved, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault\n", V},
+      {1, 100000, SecondFat, 3, false, true, false, "Bad sectors in FAT table area -- Injected write fault\n", W},
+      {0, 20000, Root, 5, false, true, false, "Bad sectors in root directory area -- Injected write fault\n", W},
+      {2, 1100000, Root, 1, true, false, true, "Bad sectors in FAT table area -- Injected verify fault\n", W},
+      {2, 1100000, Start, 6, false, true, false, "Bad sectors in boot area -- Injected write fault\n", W},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.message);
     TempDir dir;
     ImageFileDevice dev(dir.file("f.img"), c.sectors);
     KdiskTest::FaultInjectingBlockDevice faulty(dev);
     auto fat = Filesystem::makeFatType(faulty, c.type);
-    faulty.badSectors = {c.badSector(fat->buildBpb({}, std::tm{}))};
+    const Filesystem::FatLayout& L = fat->buildBpb({}, std::tm{});
+    const uint64_t bases[] = {0, L.reservedSectors - 1u, uint64_t(L.reservedSectors) + L.sectorsPerFat, uint64_t(L.reservedSectors) + L.fatSectors};
+    faulty.badSectors = {bases[c.base] + c.offset};
     faulty.failReads = c.failReads;
     faulty.failWrites = c.failWrites;
     ScopedCapture capture;
@@ -392,14 +387,14 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     uint32_t bytesPerBlock() const override { return size; }
     uint32_t size;
   };
-  for (int type : {0, 1, 2, 3}) {
-    SectorSized mem(type == 3 ? 100000 : type == 2 ? 30 : 34, type == 3 ? 4096 : 512);
+  for (auto [type, blocks, size] : {std::tuple{0, 34, 512u}, {1, 34, 512u}, {2, 30, 512u}, {1, 100000, 4096u}}) {
+    SectorSized mem(blocks, size);
     ScopedCapture capture;
     try {
-      Filesystem::formatFat(mem, type % 3, {});
+      Filesystem::formatFat(mem, type, {});
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
-      EXPECT_EQ(e.id(), type == 3 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);
+      EXPECT_EQ(e.id(), size == 4096 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);
       EXPECT_EQ(capture.sink().errors, "Cannot create BPB for new filesystem -- " + e.text() + "\n");
     }
     EXPECT_EQ(mem.writes, 0u);
