@@ -445,8 +445,8 @@ void FAT::format(const FatFormatOptions& inOptions) {
   }
 
   // Full format: read the whole data area back; clusters with unreadable sectors are counted
-  // and marked bad in both FAT copies. Every failure of this step is reported with the FAT
-  // area's message: the verify decides what the FATs say. A bad FAT32 root directory cluster
+  // and marked bad in both FAT copies. Every failure of this step is reported with the
+  // FAT step's message, since this step decides what the FATs record. A bad FAT32 root directory cluster
   // cannot be marked bad (the volume would have no root), so it ends the format; so does a
   // device failure that is not a bad sector.
   if (options.verify) {
