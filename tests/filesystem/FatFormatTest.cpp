@@ -142,6 +142,10 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
   std::vector<uint8_t> boot(512), info(512), backup(512);
   dev.read(0, 1, boot.data());
   const uint8_t* b = boot.data();
+  const size_t ext = c.type == 2 ? 64 : 36;  // drive number, reserved, extended boot signature
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(b), 13),
+            std::string(c.type == 2 ? "\xEB\x58\x90" : "\xEB\x3C\x90") + "MSWIN4.1" + std::string("\0\2", 2));
+  EXPECT_TRUE(b[ext] == 0x80 && b[ext + 1] == 0 && b[ext + 2] == 0x29 && b[510] == 0x55 && b[511] == 0xAA);
   EXPECT_EQ(b[13], e.spc);
   EXPECT_EQ(get16(b + 14), e.reserved);
   EXPECT_EQ(b[16], 2);
@@ -157,9 +161,12 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
   if (c.type == 2) {
     EXPECT_EQ(get32(b + 36), e.fatSectors);
     EXPECT_EQ(get32(b + 44), 2u);
+    EXPECT_TRUE(get16(b + 40) == 0 && get16(b + 42) == 0 && get16(b + 48) == 1 && get16(b + 50) == 6);
     EXPECT_EQ((uint64_t(e.reserved) + 2 * e.fatSectors) % 8, 0u) << "data area not 4 KB aligned";
     dev.read(1, 1, info.data());
     EXPECT_EQ(get32(info.data() + 488), e.clusters - 1) << "FSInfo free count";
+    EXPECT_TRUE(get32(info.data()) == 0x41615252 && get32(info.data() + 484) == 0x61417272 &&
+                get32(info.data() + 492) == 2 && info[510] == 0x55 && info[511] == 0xAA);
     dev.read(6, 1, backup.data());
     EXPECT_EQ(backup, boot) << "backup boot sector";
   }
