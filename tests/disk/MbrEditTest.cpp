@@ -390,6 +390,9 @@ TEST(MbrMemoryTest, OsLayoutAndWarnings) {
   EXPECT_TRUE(mem->layout.entries[1].container);
   EXPECT_EQ(mem->layout.entries[2].number, 5u);
   EXPECT_EQ(mem->layout.entries[3].number, 6u);
+  // Each logical drive names the extended boot record holding it.
+  EXPECT_EQ(mem->layout.entries[2].tableBlock, mem->layout.entries[1].firstBlock);
+  EXPECT_EQ(mem->layout.entries[3].tableBlock, mem->layout.entries[3].firstBlock - 2048);
   EXPECT_NE(mem->layout.signature, 0u);
   EXPECT_EQ(disk->lastWarning(), "");
   mem->fail = true;
