@@ -123,4 +123,5 @@ TEST(View, ReadFailureStopsAfterSectorsShown) {
   EXPECT_EQ(commandView(set), 1);
   EXPECT_EQ(cap.sink().errors, "Failed to read starting at sector 2058 from fixed disk 1\n");
   EXPECT_EQ(count(cap.sink().out, "Physical Disk 1, Sector "), 2048u);
+  EXPECT_EQ(fixedDisks()[0]->drive->badMediaErrorCount(), 1u);  // counted for the diagnostic dump
 }
