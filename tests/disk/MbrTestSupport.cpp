@@ -53,7 +53,8 @@ bool sfdiskClean(const std::string& path, std::string* report) {
   std::string out;
   int rc = runCommand("sfdisk --verify '" + path + "'", &out);
   if (report) *report = out;
-  return rc == 0 && out.find("No errors detected") != std::string::npos;
+  return rc == 0 && out.find("No errors detected") != std::string::npos && out.find("corrupt") == std::string::npos &&
+         out.find("not on the end") == std::string::npos;
 }
 
 std::vector<PartView> modelView(const PartitionedDisk& disk) {
