@@ -64,33 +64,6 @@ std::vector<PartView> modelView(const PartitionedDisk& disk) {
   return parts;
 }
 
-std::string overlapReport(const PartitionedDisk& disk) {
-  std::string report;
-  auto list = disk.displayList();
-  const uint64_t blocks = disk.drive().blockCount();
-  for (size_t i = 0; i < list.size(); ++i) {
-    const PartitionNode* a = list[i];
-    if (a->firstBlock + a->blockCount > blocks) report += "past the end: " + std::to_string(a->firstBlock) + "\n";
-    for (size_t j = i + 1; j < list.size(); ++j) {
-      const PartitionNode* b = list[j];
-      // Drives may lie inside their extended partition; nothing else may share sectors.
-      if (a->isExtendedType() && b->extendedContainer() == a) continue;
-      if (b->isExtendedType() && a->extendedContainer() == b) continue;
-      if (a->firstBlock < b->firstBlock + b->blockCount && b->firstBlock < a->firstBlock + a->blockCount)
-        report += "overlap: " + std::to_string(a->firstBlock) + " and " + std::to_string(b->firstBlock) + "\n";
-    }
-  }
-  // Every logical drive lies after its own boot record inside its extended partition.
-  for (const PartitionNode* n : list)
-    if (n->isLogical()) {
-      const PartitionNode* ext = n->extendedContainer();
-      if (n->tableBlock >= n->firstBlock || n->tableBlock < ext->firstBlock ||
-          n->firstBlock + n->blockCount > ext->firstBlock + ext->blockCount)
-        report += "logical outside its area: " + std::to_string(n->firstBlock) + "\n";
-    }
-  return report;
-}
-
 std::unique_ptr<DiskDrive> openDrive(const std::string& path) { return std::make_unique<DiskDrive>(0, openImageDisk(path)); }
 
 void patchSector(const std::string& path, uint64_t sector, size_t offset, const std::vector<uint8_t>& bytes) {
