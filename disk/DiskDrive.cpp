@@ -1,6 +1,7 @@
 #include "disk/DiskDrive.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "core/Config.h"
 #include "core/Trace.h"
@@ -40,12 +41,22 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   return kDefaultTransferBlocks;
 }
 
+void DiskDrive::failed(const Error& e) {
+  const ErrorId id = e.id();
+  if (id == ErrorId::ReadFailed || id == ErrorId::WriteFailed || id == ErrorId::VerifyFailed)
+    ++badMediaCount_;
+  else
+    ++errCount_;
+  lastError_ = e.text();
+  Core::DiagnosticLog::write("Disk error");
+}
+
 void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
   try {
     access_->read(first, count, buffer);
     ++okCount_;
-  } catch (...) {
-    ++errCount_;
+  } catch (const Error& e) {
+    failed(e);
     throw;
   }
 }
@@ -58,8 +69,8 @@ void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
   try {
     access_->write(first, count, buffer);
     ++okCount_;
-  } catch (...) {
-    ++errCount_;
+  } catch (const Error& e) {
+    failed(e);
     throw;
   }
 }
@@ -69,8 +80,9 @@ void DiskDrive::doVerify(uint64_t first, uint64_t count) {
     access_->verify(first, count);
     ++okCount_;
   } catch (const Error& e) {
-    ++errCount_;
-    throw Error(ErrorId::VerifyFailed, e.text(), e.properties());
+    Error verify(ErrorId::VerifyFailed, e.text(), e.properties());
+    failed(verify);
+    throw verify;
   }
 }
 
@@ -85,7 +97,38 @@ DiskManager& DiskManager::instance() {
   return m;
 }
 
-void DiskManager::reset() { slots_.clear(); }
+void DiskManager::reset() {
+  // The end of a run: the counters of every drive go to the diagnostic log.
+  if (Core::DiagnosticLog::isOpen() && !slots_.empty()) Core::DiagnosticLog::write(diagnostic());
+  slots_.clear();
+}
+
+std::string DiskManager::diagnostic() const {
+  std::string out = "DiskManager diagnostic...\nFixed Drives\n\n";
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    const Slot& s = slots_[i];
+    out += "Drive " + std::to_string(i) + " (" + s.path + ")\n";
+    if (!s.drive) {
+      out += "  Last Error: " + (s.error ? s.error->text() : std::string("cannot be opened")) + "\n\n";
+      continue;
+    }
+    const DiskDrive& d = *s.drive;
+    const Geometry& g = d.geometry();
+    char mb[32];
+    std::snprintf(mb, sizeof mb, "%.1f", static_cast<double>(d.blockCount()) * 512.0 / 1048576.0);
+    out += "  Cylinders: " + std::to_string(g.cylinders) + "\n  Heads: " + std::to_string(g.heads) +
+           "\n  Sectors per Track: " + std::to_string(g.sectorsPerTrack) +
+           "\n  Bytes per Sector: " + std::to_string(g.bytesPerSector) +
+           "\n  Total Sectors: " + std::to_string(d.blockCount()) + "\n  MB: " + mb +
+           "\n  Successful IO Count: " + std::to_string(d.successfulIoCount()) +
+           "\n  Error Count (bad media): " + std::to_string(d.badMediaErrorCount()) +
+           "\n  Error Count (other): " + std::to_string(d.otherErrorCount()) +
+           "\n  Last Error: " + (d.lastError().empty() ? std::string("none") : d.lastError()) + "\n\n";
+  }
+  // Floppy drives are not enumerated: the section stays empty.
+  out += "Floppy Drives\n\n";
+  return out;
+}
 
 void DiskManager::enumerate() {
   Core::TraceScope scope("DiskManager::enumerate");

@@ -35,7 +35,10 @@ class DiskDrive : public BlockDevice {
   DiskDriveAccess& access() { return *access_; }
 
   uint64_t successfulIoCount() const { return okCount_; }
-  uint64_t errorCount() const { return errCount_; }
+  uint64_t errorCount() const { return errCount_ + badMediaCount_; }
+  uint64_t badMediaErrorCount() const { return badMediaCount_; }
+  uint64_t otherErrorCount() const { return errCount_; }
+  const std::string& lastError() const { return lastError_; }
 
  protected:
   void doRead(uint64_t first, uint64_t count, void* buffer) override;
@@ -47,7 +50,11 @@ class DiskDrive : public BlockDevice {
   std::unique_ptr<DiskDriveAccess> access_;
   Geometry geometry_;
   uint64_t blocks_;
-  uint64_t okCount_ = 0, errCount_ = 0;
+  // Counts a failed transfer (media errors apart from the rest), keeps its text and notes it
+  // in the diagnostic log.
+  void failed(const Core::Error& e);
+  uint64_t okCount_ = 0, errCount_ = 0, badMediaCount_ = 0;
+  std::string lastError_;
 };
 
 // Finds and numbers the disks: the machine's own (unless "OsDrive::Disable"), then the
@@ -62,6 +69,8 @@ class DiskManager {
   DiskDrive* getDrive(size_t index);
   std::optional<Core::Error> openError(size_t index) const;
   std::string pathOf(size_t index) const;
+  // The diagnostic dump: every drive's identity, geometry, size and I/O counters.
+  std::string diagnostic() const;
 
  private:
   struct Slot {

@@ -442,6 +442,9 @@ std::vector<OsDiskCandidate> enumerate() {
   for (const std::string& n : listDir("/sys/block"))
     if (isWholeDiskName(n) && readSysfs("/sys/block/" + n + "/hidden") != "1") names.push_back(n);
   std::sort(names.begin(), names.end(), diskNameLess);
+  // "DiskManager::driveCount" limits how many disks (in this order) are tried; -1 tries all.
+  const int64_t driveCount = Core::Config::getInt("DiskManager::driveCount", -1);
+  if (driveCount >= 0 && names.size() > static_cast<uint64_t>(driveCount)) names.resize(static_cast<size_t>(driveCount));
   const bool noUsb = Core::Config::getBool("Usb::Disable", false);
   const bool no1394 = Core::Config::getBool("IEEE1394::Disable", false);
   std::vector<OsDiskCandidate> out;

@@ -486,6 +486,7 @@ void MbrDisk::publishLayout() {
         e.blockCount = r->logical->blockCount;
         e.type = r->logical->type;
         e.active = r->logical->active;
+        e.tableBlock = r->block();  // the extended boot record holding the drive
         layout.entries.push_back(e);
       }
   try {

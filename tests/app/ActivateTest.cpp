@@ -39,25 +39,11 @@ TEST(ActivateHide, RulesInOrder) {
     bool active;       // its active flag afterwards
     std::string marker;
   } cases[] = {
-      {ccActivate, "/P:1", 0, "", "The specified partition is already active\n", 0, 1, 0x07, true, ""},
-      {ccActivate, "/P:4", 1, "Logical DOS drives may not be set active\n", "", 0, 4, 0x16, false, ""},
-      {ccActivate, "/P:2", 1, "Hidden partitions may not be set active\n", "", 0, 2, 0x16, false, ""},
-      {ccActivate, "/P:3", 1, "The extended DOS partition may not be set active\n", "", 0, 3, 0x0F, false, ""},
-      {ccActivate, "/P:6", 0, "", "", 1, 6, 0x83, true, "*ACTIVATED*"},
+      // What the command-line test cannot reach with sfdisk images: a Linux extended
+      // partition, an FAT32 hidden form, a type without a visible form, an int overflow.
       {ccActivate, "/P:7", 1, "The extended partitions may not be set active\n", "", 0, 7, 0x85, false, ""},
-      {ccActivate, "/P:9", 1, "Invalid partition number -- 9\n", "", 0, 1, 0x07, true, ""},
-      {ccActivate, "/P:0", 2, "Invalid partition number -- 0\n", "", 0, 1, 0x07, true, ""},
-      {ccActivate, "/P:2x", 2, "Invalid partition number -- 2x\n", "", 0, 1, 0x07, true, ""},
       {ccActivate, "/P:99999999999", 2, "Invalid partition number -- 99999999999\n", "", 0, 1, 0x07, true, ""},
-      {ccDeactivate, "/P:6", 0, "", "The specified partition is not active\n", 0, 6, 0x83, false, ""},
-      {ccDeactivate, "/P:1", 0, "", "", 1, 1, 0x07, false, "*DEACTIVATED*"},
-      {ccHide, "/P:2", 0, "", "The specified partition is already hidden\n", 0, 2, 0x16, false, ""},
-      {ccHide, "/P:6", 1, "Cannot hide partitions of this type\n", "", 0, 6, 0x83, false, ""},
-      {ccHide, "/P:1", 0, "", "", 1, 1, 0x17, true, "*HIDDEN*"},
-      {ccHide, "/P:3", 0, "", "", 1, 3, 0x1F, false, "*HIDDEN*"},
       {ccHide, "/P:5", 0, "", "", 1, 5, 0x1B, false, "*HIDDEN*"},
-      {ccUnhide, "/P:2", 0, "", "", 1, 2, 0x06, false, "*UNHIDDEN*"},
-      {ccUnhide, "/P:6", 0, "", "The specified partition is not currently hidden\n", 0, 6, 0x83, false, ""},
       {ccUnhide, "/P:8", 1, "Cannot unhide partitions of this type\n", "", 0, 8, 0xFE, false, ""},
   };
   for (const Case& c : cases) {
@@ -79,9 +65,6 @@ TEST(ActivateHide, RulesInOrder) {
     EXPECT_EQ(n->active, c.active) << what;
     if (!c.marker.empty()) {
       EXPECT_NE(cap.sink().out.find(c.marker), std::string::npos) << what;
-    }
-    if (!c.warning.empty()) {  // warnings still show the disk
-      EXPECT_NE(cap.sink().out.find("Partitions on fixed disk 1"), std::string::npos) << what;
     }
     setPromptMode(2);
   }

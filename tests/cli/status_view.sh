@@ -114,4 +114,19 @@ grep -qE '^ +1 .*2\.0MB .*EFI System$' <<<"$out" || fail "GPT entry 1: $out"
 grep -qE '^ +2 .*4\.0MB .*\{0FC63DAF-8483-4772-8E79-3D69D8477DE4\}$' <<<"$out" || fail "GPT entry 2: $out"
 
 [ "$(sum "$img")" = "$before" ] || fail "status and view changed the image"
+
+# The same image through a loop device (root only): the same slot tables as the image file.
+if [ "$(id -u)" = 0 ] && command -v losetup >/dev/null; then
+  if dev=$(losetup -f --show -P -r "$img" 2>/dev/null); then
+    trap 'losetup -d "$dev"; rm -rf "$work"' EXIT
+    kd "$img" -- 1 /LBA;  file_tables=$(sed -n '/^Master/,$p' <<<"$out")
+    kd "$dev" -- 1 /LBA;  expect_rc 0 "/LBA of $dev"
+    loop_tables=$(sed -n '/^Master/,$p' <<<"$out")
+    [ -n "$loop_tables" ] && [ "$loop_tables" = "$file_tables" ] || fail "$dev shows other tables:"$'\n'"$out"
+  else
+    echo "note: no loop device available; the loop device check was skipped"
+  fi
+else
+  echo "note: not root or no losetup; the loop device check was skipped"
+fi
 finish

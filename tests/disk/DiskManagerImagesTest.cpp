@@ -47,6 +47,12 @@ TEST(DiskManagerImages, NumbersAddedDisksAndKeepsFailedOnes) {
   EXPECT_NO_THROW(d.verify(0, 4096));
   // Images have no system view: the layout report is a no-op.
   EXPECT_NO_THROW(d.setNativePartitionLayout(Disk::OsLayout{}));
+  // The diagnostic dump names every drive, the failed one with its reason.
+  const std::string dump = m.diagnostic();
+  EXPECT_EQ(dump.rfind("DiskManager diagnostic...\nFixed Drives\n\nDrive 0 (" + a + ")\n  Cylinders: 0\n", 0), 0u) << dump;
+  EXPECT_NE(dump.find("Drive 1 (" + missing + ")\n  Last Error: Cannot open " + missing), std::string::npos) << dump;
+  EXPECT_NE(dump.find("  Total Sectors: 4096\n  MB: 2.0\n  Successful IO Count: 3\n  Error Count (bad media): 0\n"),
+            std::string::npos) << dump;
   m.reset();
   Core::Config::clear();
 }

@@ -7,6 +7,7 @@
 
 #include "core/Crc32.h"
 #include "core/Endian.h"
+#include "disk/MbrTestSupport.h"
 #include "disk/DiskDrive.h"
 #include "disk/layout/GptDisk.h"
 #include "disk/layout/GptGuid.h"
@@ -53,18 +54,13 @@ std::vector<Part> sfdiskParts(const std::string& path, std::string* dump = nullp
   return parts;
 }
 
+// sfdisk --verify finds nothing wrong with either copy.
 void expectVerifyClean(const std::string& path) {
-  std::string out;
-  EXPECT_EQ(runCommand("sfdisk --verify " + path, &out), 0) << out;
-  EXPECT_NE(out.find("No errors detected"), std::string::npos) << out;
-  EXPECT_EQ(out.find("corrupt"), std::string::npos) << out;
-  EXPECT_EQ(out.find("not on the end"), std::string::npos) << out;
+  std::string report;
+  EXPECT_TRUE(KdiskTest::sfdiskClean(path, &report)) << report;
 }
-
 void patch(const std::string& path, uint64_t offset, const std::vector<uint8_t>& bytes) {
-  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
-  f.seekp(static_cast<std::streamoff>(offset));
-  f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  KdiskTest::patchSector(path, 0, offset, bytes);
 }
 std::vector<uint8_t> readSector(const std::string& path, uint64_t sector) {
   std::vector<uint8_t> b(512);
@@ -118,15 +114,10 @@ class GptImage : public ::testing::Test {
   void SetUp() override {
     if (!KdiskTest::haveTool("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
   }
-  // A fresh image partitioned by an sfdisk script.
-  std::string make(const std::string& script, uint64_t sectors = kSectors) {
-    std::string path = dir_.file("disk" + std::to_string(++images_) + ".img"), out;
-    std::ofstream(dir_.file("script")) << script;
-    EXPECT_EQ(runCommand("truncate -s " + std::to_string(sectors * 512) + " " + path + " && sfdisk -q " + path + " < " +
-                             dir_.file("script"),
-                         &out),
-              0)
-        << out;
+  // A fresh 64 MiB image partitioned by an sfdisk script.
+  std::string make(const std::string& script) {
+    std::string path = dir_.file("disk" + std::to_string(++images_) + ".img");
+    EXPECT_TRUE(KdiskTest::makeImage(path, kSectors / 2048, script));
     return path;
   }
   DiskDrive& drive(const std::string& path) {
@@ -321,27 +312,17 @@ TEST_F(GptImage, InitializesBlankAndMbrDisks) {
   }
 }
 
-TEST_F(GptImage, RefusedOperations) {
+// (Extended, logical, active and hidden requests on GPT disks are refused: the command-line
+// tests prove it on sfdisk images.) A table whose every entry is used takes no more.
+TEST_F(GptImage, FullTableIsRefused) {
   auto disk = load(make("label: gpt\ntable-length: 4\nsize=2MiB\nsize=2MiB\nsize=2MiB\nsize=2MiB\n"));
-  PartitionNode& n = *disk->roots()[0];
   CreationRequest r;
   r.sizeBlocks = 2048;
-  const std::pair<std::function<void()>, std::string> ops[] = {
-      {[&] { disk->createExtended(r); }, "Extended DOS partitions are not supported on GPT disks"},
-      {[&] { disk->createLogical(r); }, "Logical DOS drives are not supported on GPT disks"},
-      {[&] { disk->setActive(n); }, "Active partitions are not supported on GPT disks"},
-      {[&] { disk->clearActive(n); }, "Active partitions are not supported on GPT disks"},
-      {[&] { disk->setType(n, 0x17); }, "hiding and unhiding"},
-      {[&] { disk->createPrimary(r); }, "All 4 entries of the GPT partition table are in use"},
-  };
-  for (const auto& [op, text] : ops) {
-    try {
-      op();
-      ADD_FAILURE() << "no error for " << text;
-    } catch (const Corvo::Core::Error& e) {
-      EXPECT_EQ(e.id(), text.starts_with("All") ? ErrorId::NoSpace : ErrorId::NotSupported);
-      EXPECT_NE(e.text().find(text), std::string::npos) << e.text();
-    }
+  try {
+    disk->createPrimary(r);
+    ADD_FAILURE() << "a fifth entry was created";
+  } catch (const Corvo::Core::Error& e) {
+    EXPECT_EQ(e.id(), ErrorId::NoSpace) << e.text();
   }
 }
 

@@ -53,7 +53,8 @@ bool sfdiskClean(const std::string& path, std::string* report) {
   std::string out;
   int rc = runCommand("sfdisk --verify '" + path + "'", &out);
   if (report) *report = out;
-  return rc == 0 && out.find("No errors detected") != std::string::npos;
+  return rc == 0 && out.find("No errors detected") != std::string::npos && out.find("corrupt") == std::string::npos &&
+         out.find("not on the end") == std::string::npos;
 }
 
 std::vector<PartView> modelView(const PartitionedDisk& disk) {
@@ -61,33 +62,6 @@ std::vector<PartView> modelView(const PartitionedDisk& disk) {
   for (PartitionNode* n : disk.displayList()) parts.push_back({n->firstBlock, n->blockCount, n->type, n->active});
   std::sort(parts.begin(), parts.end(), [](const PartView& a, const PartView& b) { return a.start < b.start; });
   return parts;
-}
-
-std::string overlapReport(const PartitionedDisk& disk) {
-  std::string report;
-  auto list = disk.displayList();
-  const uint64_t blocks = disk.drive().blockCount();
-  for (size_t i = 0; i < list.size(); ++i) {
-    const PartitionNode* a = list[i];
-    if (a->firstBlock + a->blockCount > blocks) report += "past the end: " + std::to_string(a->firstBlock) + "\n";
-    for (size_t j = i + 1; j < list.size(); ++j) {
-      const PartitionNode* b = list[j];
-      // Drives may lie inside their extended partition; nothing else may share sectors.
-      if (a->isExtendedType() && b->extendedContainer() == a) continue;
-      if (b->isExtendedType() && a->extendedContainer() == b) continue;
-      if (a->firstBlock < b->firstBlock + b->blockCount && b->firstBlock < a->firstBlock + a->blockCount)
-        report += "overlap: " + std::to_string(a->firstBlock) + " and " + std::to_string(b->firstBlock) + "\n";
-    }
-  }
-  // Every logical drive lies after its own boot record inside its extended partition.
-  for (const PartitionNode* n : list)
-    if (n->isLogical()) {
-      const PartitionNode* ext = n->extendedContainer();
-      if (n->tableBlock >= n->firstBlock || n->tableBlock < ext->firstBlock ||
-          n->firstBlock + n->blockCount > ext->firstBlock + ext->blockCount)
-        report += "logical outside its area: " + std::to_string(n->firstBlock) + "\n";
-    }
-  return report;
 }
 
 std::unique_ptr<DiskDrive> openDrive(const std::string& path) { return std::make_unique<DiskDrive>(0, openImageDisk(path)); }

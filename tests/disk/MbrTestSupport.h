@@ -26,12 +26,10 @@ std::string describe(const std::vector<PartView>& parts);
 bool makeImage(const std::string& path, uint64_t mb, const std::string& script);
 // sfdisk --json of the image, sorted by start.
 std::vector<PartView> sfdiskView(const std::string& path);
-// True when sfdisk --verify finds nothing wrong.
+// True when sfdisk --verify finds nothing wrong (for GPT: neither copy corrupt nor misplaced).
 bool sfdiskClean(const std::string& path, std::string* report = nullptr);
 // The model's partitions in display order, sorted by start.
 std::vector<PartView> modelView(const Corvo::Disk::PartitionedDisk& disk);
-// Empty when no two data-bearing partitions overlap and every partition lies on the disk.
-std::string overlapReport(const Corvo::Disk::PartitionedDisk& disk);
 std::unique_ptr<Corvo::Disk::DiskDrive> openDrive(const std::string& path);
 void patchSector(const std::string& path, uint64_t sector, size_t offset, const std::vector<uint8_t>& bytes);
 

@@ -120,71 +120,37 @@ INSTANTIATE_TEST_SUITE_P(Subformats, Vmdk, ::testing::Values("monolithicFlat", "
 TEST(VmdkErrors, NameFileAndReason) {
   if (!KdiskTest::haveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
   KdiskTest::TempDir dir;
-  auto flat = [&](const std::string& name) {
-    run("qemu-img create -q -f vmdk -o subformat=monolithicFlat " + dir.file(name) + " 1M");
-    return dir.file(name);
-  };
-  auto sparse = [&](const std::string& name) {
-    run("qemu-img create -q -f vmdk " + dir.file(name) + " 1M");
-    return dir.file(name);
-  };
-  auto patch = [](const std::string& path, long offset, const std::string& bytes) {
-    std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
-    f.seekp(offset);
-    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  // Each image is made by qemu-img in the given subformat, then damaged by a shell command
+  // ($P: the image, $D: its directory).
+  auto patch = [](int offset, const char* bytes) {
+    return std::string("printf %b '") + bytes + "' | dd of=$P bs=1 conv=notrunc status=none seek=" +
+           std::to_string(offset);
   };
   struct Case {
-    std::string path, reason;
+    const char* name;
+    const char* subformat;
+    std::string damage, reason;
   } cases[] = {
-      {[&] {
-         auto p = flat("type.vmdk");
-         run("sed -i s/monolithicFlat/twoGbMaxExtentFlat/ " + p);
-         return p;
-       }(),
+      {"type", "monolithicFlat", "sed -i s/monolithicFlat/twoGbMaxExtentFlat/ $P",
        "createType \"twoGbMaxExtentFlat\" is not supported"},
-      {[&] {
-         auto p = flat("gone.vmdk");
-         run("rm " + dir.file("gone-flat.vmdk"));
-         return p;
-       }(),
-       "gone-flat.vmdk is missing"},
-      {[&] {
-         auto p = flat("short.vmdk");
-         run("truncate -s 4096 " + dir.file("short-flat.vmdk"));
-         return p;
-       }(),
-       "shorter than the descriptor says"},
-      {[&] {
-         auto p = sparse("magic.vmdk");
-         patch(p, 0, "XDMV");
-         return p;
-       }(),
-       "bad magic number"},
-      {[&] {
-         auto p = sparse("zip.vmdk");
-         patch(p, 10, std::string("\x01", 1));  // flags bit 16: compressed grains
-         return p;
-       }(),
-       "compressed grains are not supported"},
-      {[&] {
-         run("qemu-img create -q -f vmdk -o subformat=streamOptimized " + dir.file("stream.vmdk") + " 1M");
-         return dir.file("stream.vmdk");
-       }(),
-       "not supported"},
-      {[&] {
-         auto p = sparse("gd.vmdk");
-         patch(p, 56, std::string("\xff\xff\x00\x00", 4));  // grain directory far beyond the end
-         return p;
-       }(),
+      {"gone", "monolithicFlat", "rm $D/gone-flat.vmdk", "gone-flat.vmdk is missing"},
+      {"short", "monolithicFlat", "truncate -s 4096 $D/short-flat.vmdk", "shorter than the descriptor says"},
+      {"magic", "monolithicSparse", patch(0, "XDMV"), "bad magic number"},
+      {"zip", "monolithicSparse", patch(10, "\\0001"), "compressed grains are not supported"},
+      {"stream", "streamOptimized", "true", "not supported"},
+      {"gd", "monolithicSparse", patch(56, "\\0377\\0377\\0000\\0000"),  // far beyond the end
        "grain directory lies outside the file"},
   };
   for (const Case& c : cases) {
+    const std::string path = dir.file(std::string(c.name) + ".vmdk");
+    run("P=" + path + " D=" + dir.file("") + "; qemu-img create -q -f vmdk -o subformat=" + c.subformat +
+        " $P 1M && " + c.damage);
     try {
-      openImageDisk(c.path);
-      ADD_FAILURE() << c.path << " was accepted";
+      openImageDisk(path);
+      ADD_FAILURE() << path << " was accepted";
     } catch (const Error& e) {
       EXPECT_EQ(e.id(), ErrorId::InvalidImage) << e.text();
-      EXPECT_NE(e.text().find(c.path), std::string::npos) << e.text();
+      EXPECT_NE(e.text().find(path), std::string::npos) << e.text();
       EXPECT_NE(e.text().find(c.reason), std::string::npos) << e.text();
     }
   }
