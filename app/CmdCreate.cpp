@@ -252,10 +252,6 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /EXT2 may only be used in conjunction with /FOR");
       return 2;
     }
-    if (ntfs) {
-      message(mkError, "Conflicting switches. Specify either /NTFS or /EXT2");
-      return 2;
-    }
     request.formatKind = 4;
     request.versionCode = 10;
   }
