@@ -15,30 +15,25 @@ using KdiskTest::ScopedCapture;
 
 TEST(CreateValues, PartitionSize) {
   const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
-  struct Case {
+  const struct {
     const char* text;
-    uint64_t disk;
     SizeStatus status;
     int mb;
-  } cases[] = {
-      {"100", disk1000MB, SizeStatus::Ok, 100},      {" 7", disk1000MB, SizeStatus::Ok, 7},
-      {"50P", disk1000MB, SizeStatus::Ok, 500},      {"50p", disk1000MB, SizeStatus::Ok, 500},
-      {"33%", disk1000MB, SizeStatus::Ok, 330},      {"100P", disk1000MB, SizeStatus::Ok, 1000},
-      {"101%", disk1000MB, SizeStatus::Invalid, 0},  {"0", disk1000MB, SizeStatus::Invalid, 0},
-      {"-5", disk1000MB, SizeStatus::Invalid, 0},    {"50MB", disk1000MB, SizeStatus::Invalid, 0},
-      {"50M", disk1000MB, SizeStatus::Invalid, 0},   {"", disk1000MB, SizeStatus::Invalid, 0},
-      {"P", disk1000MB, SizeStatus::Invalid, 0},     {"0P", disk1000MB, SizeStatus::Invalid, 0},
-      {"1P", 99 * 2048, SizeStatus::TooSmall, 0},    {"2P", 99 * 2048, SizeStatus::Ok, 1},
-      {"99999999999", disk1000MB, SizeStatus::Ok, 2147483647},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{"100", SizeStatus::Ok, 100},     {" 7", SizeStatus::Ok, 7},         {"50P", SizeStatus::Ok, 500},
+               {"50p", SizeStatus::Ok, 500},     {"33%", SizeStatus::Ok, 330},      {"100P", SizeStatus::Ok, 1000},
+               {"101%", SizeStatus::Invalid, 0}, {"0", SizeStatus::Invalid, 0},     {"-5", SizeStatus::Invalid, 0},
+               {"50MB", SizeStatus::Invalid, 0}, {"50M", SizeStatus::Invalid, 0},   {"", SizeStatus::Invalid, 0},
+               {"P", SizeStatus::Invalid, 0},    {"0P", SizeStatus::Invalid, 0},    {"99999999999", SizeStatus::Ok, 2147483647}};
+  for (const auto& c : cases) {
     int mb = 0;
-    EXPECT_EQ(parsePartitionSize(c.text, c.disk, mb), c.status) << c.text;
+    EXPECT_EQ(parsePartitionSize(c.text, disk1000MB, mb), c.status) << c.text;
     EXPECT_EQ(mb, c.mb) << c.text;
   }
-  int n = 0;
-  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, n)) << bad;
-  EXPECT_TRUE(scanPositiveNumber(" 3", n) && n == 3);
+  int mb = 0;  // 1 per cent of 99 MB is below one MB, 2 per cent is one
+  EXPECT_EQ(parsePartitionSize("1P", 99 * 2048, mb), SizeStatus::TooSmall);
+  EXPECT_TRUE(parsePartitionSize("2P", 99 * 2048, mb) == SizeStatus::Ok && mb == 1);
+  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, mb)) << bad;
+  EXPECT_TRUE(scanPositiveNumber(" 3", mb) && mb == 3);
 }
 
 // The limits' edges and the type index from the type byte or, for GPT entries, the size; the
