@@ -130,13 +130,13 @@ refuse "$gpt" <<'T'
 1|~Logical DOS drive could not be created -- |1 /CRE /LOG
 T
 
-# ---- Formats: FAT12, FAT16 and FAT32 by size, each read by fsck.fat, with the partition's
-# first sector as the hidden sectors and the label asked for; NTFS and ext2 get their type
-# bytes and a report naming the missing formatter.
+# ---- Formats: FAT12, FAT16 and FAT32 by size, each read by fsck.fat, verified only without /Q,
+# with the disk's geometry, the partition's first sector as the hidden sectors and the label
+# asked for; NTFS and ext2 get their type bytes and a report naming the missing formatter.
 img=$WORK/fat.img
 truncate -s 700M "$img"
 n=0
-while IFS='|' read -r args type label; do
+while IFS='|' read -r args type label progress; do
   n=$((n + 1))
   # shellcheck disable=SC2086
   made "$img" 1 /CRE /PRI /Y $args
@@ -144,12 +144,14 @@ while IFS='|' read -r args type label; do
   [ "${t:-}" = "$type" ] || fail "$args: type ${t:-none}, expected $type"
   extract "$img" "$s" "$c" >"$WORK/vol"
   fsck.fat -n "$WORK/vol" >"$WORK/fsck" 2>&1 || fail "$args: fsck.fat: $(cat "$WORK/fsck")"
+  printf '%s\n' "$OUT" | grep -q "^$progress " || fail "$args: no $progress progress display"
   [ "$(od -An -tu4 -j28 -N4 "$WORK/vol" | tr -d ' ')" = "$s" ] || fail "$args: hidden sectors differ from $s"
+  [ "$(od -An -tu2 -j24 -N4 "$WORK/vol" | tr -s ' ')" = " 63 255" ] || fail "$args: geometry is not the disk's"
   [ "$label" = - ] || [ "$(fatlabel "$WORK/vol" 2>/dev/null | tr -d ' ')" = "$label" ] || fail "$args: label"
 done <<'T'
-/SZ:10 /FOR /Q|1|-
-/SZ:100 /FOR /V:DATA|6|DATA
-/SZ:520 /FOR /Q|b|-
+/SZ:10 /FOR /Q|1|-|QuickFormatting
+/SZ:100 /FOR /V:DATA|6|DATA|Verifying
+/SZ:520 /FOR /Q|b|-|QuickFormatting
 T
 img=$WORK/nt.img
 truncate -s 64M "$img"
