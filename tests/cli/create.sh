@@ -126,11 +126,11 @@ refuse "$gpt" <<'T'
 1|~Logical DOS drive could not be created -- |1 /CRE /LOG
 T
 
-# ---- Formats: FAT12, FAT16 and FAT32 by size, each read by fsck.fat, verified only without /Q,
+# ---- Formats: FAT12, FAT16 and FAT32 by size (FAT16 at FAT32 sizes with /NTFAT16), each read by fsck.fat, verified only without /Q,
 # with the disk's geometry, the partition's first sector as the hidden sectors and the label
 # asked for; NTFS and ext2 get their type bytes and a report naming the missing formatter.
 img=$WORK/fat.img
-truncate -s 700M "$img"
+truncate -s 1200M "$img"
 n=0
 while IFS='|' read -r args type label progress; do
   n=$((n + 1))
@@ -148,6 +148,7 @@ done <<'T'
 /SZ:10 /FOR /Q|1|-|QuickFormatting
 /SZ:100 /FOR /V:DATA|6|DATA|Verifying
 /SZ:520 /FOR /Q|b|-|QuickFormatting
+/SZ:520 /FOR /Q /NTFAT16|6|-|QuickFormatting
 T
 img=$WORK/nt.img
 truncate -s 64M "$img"
