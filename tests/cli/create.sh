@@ -126,9 +126,10 @@ refuse "$gpt" <<'T'
 1|~Logical DOS drive could not be created -- |1 /CRE /LOG
 T
 
-# ---- Formats: FAT12, FAT16 and FAT32 by size (FAT16 at FAT32 sizes with /NTFAT16), each read by fsck.fat, verified only without /Q,
-# with the disk's geometry, the partition's first sector as the hidden sectors and the label
-# asked for; NTFS and ext2 get their type bytes and a report naming the missing formatter.
+# ---- Formats: FAT12, FAT16 and FAT32 by size (FAT16 at FAT32 sizes with /NTFAT16), each read
+# by fsck.fat, verified only without /Q, with the disk's geometry, the partition's first sector
+# as the hidden sectors and the label asked for; NTFS and ext2 get their type bytes and a
+# report naming the missing formatter.
 img=$WORK/fat.img
 truncate -s 1200M "$img"
 n=0
