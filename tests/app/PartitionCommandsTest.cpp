@@ -26,9 +26,7 @@ class MemoryAccess : public DiskDriveAccess {
     sectorsWritten += count;
   }
   bool isBootDisk() const override { return boot; }
-  void prepareForChange(uint64_t, uint64_t) override {
-    if (busy) throw Error(ErrorId::InUse, "The partition is mounted");
-  }
+  void prepareForChange(uint64_t, uint64_t) override { if (busy) throw Error(ErrorId::InUse, "The partition is mounted"); }
   std::vector<uint8_t> data = std::vector<uint8_t>(16384 * 512, 0x77);
   bool boot = false, busy = false;
   uint64_t sectorsWritten = 0;
@@ -42,9 +40,7 @@ class FakeLayout : public PartitionedDisk {
   const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override { return {}; }
-  void reload() override {
-    if (failReload) throw Error(ErrorId::ReadFailed, "reload failed");
-  }
+  void reload() override { if (failReload) throw Error(ErrorId::ReadFailed, "reload failed"); }
   unsigned slotCount() const override { return 4; }
   unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
   PartitionNode* create(CreationRequest& r, PartitionRole role, uint8_t type) {
@@ -65,10 +61,7 @@ class FakeLayout : public PartitionedDisk {
     ++removes;
     std::erase_if(roots_, [&](const auto& p) { return p.get() == &node; });
   }
-  void removeAll() override {
-    ++removes;
-    roots_.clear();
-  }
+  void removeAll() override { ++removes, roots_.clear(); }
   void setActive(PartitionNode&) override {}
   void clearActive(PartitionNode&) override {}
   void setType(PartitionNode&, uint8_t) override {}
