@@ -167,7 +167,13 @@ int runBatchFile(const std::string& fileName, const SwitchSet& outer, size_t bat
   std::string line;
   while (true) {
     LineStatus status = readBatchLine(f, line);
-    if (status == LineStatus::End) break;
+    if (status == LineStatus::End) {
+      if (std::ferror(f)) {  // a folder, or a read error part-way
+        message(mkError, "Cannot read batch file %s -- %s", fileName.c_str(), std::strerror(errno));
+        return 2;
+      }
+      break;
+    }
     if (status == LineStatus::TooLong) {
       reportLineTooLong();
       return 2;

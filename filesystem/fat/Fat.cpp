@@ -58,13 +58,16 @@ bool isMediaError(ErrorId id) {
   return id == ErrorId::ReadFailed || id == ErrorId::WriteFailed || id == ErrorId::VerifyFailed;
 }
 
-// Prints the failed step's message and throws its status: bad sectors (read, write and verify
-// failures) become the bad-sector status; anything else the device reported passes through.
-[[noreturn]] void stepFailed(Core::Progress& progress, const char* stepMessage, const Error& e) {
+// Prints the failed step's message and throws the step's status. The FAT steps (writing the
+// FATs, verifying the data area and marking bad clusters in the FATs) report the bad-sector
+// status (WriteFailed) whatever the device said; the other steps pass the device's own status
+// through.
+enum class StepStatus { Device, BadSectors };
+[[noreturn]] void stepFailed(Core::Progress& progress, const char* stepMessage, const Error& e,
+                             StepStatus status = StepStatus::Device) {
   progress.abandon();
   Core::message(Core::mkError, stepMessage, e.what());
-  ErrorId id = isMediaError(e.id()) ? ErrorId::WriteFailed : e.id();
-  throw Error(id, e.text(), e.properties());
+  throw Error(status == StepStatus::BadSectors ? ErrorId::WriteFailed : e.id(), e.text(), e.properties());
 }
 
 // FAT entries of one FAT copy that differ from a freshly written FAT, kept by sector.
@@ -121,7 +124,10 @@ bool validateVolumeLabel(const std::string& label, bool report) {
     if (report) Core::message(Core::mkError, "Invalid volume label -- may not start with whitespace");
     return false;
   }
-  // Each character in turn; the first offending character names the rule.
+  // Then each character in turn, left to right: the first offending character names the rule,
+  // so the administrator is told about the leftmost problem ("a*" is refused for its lower-case
+  // letter). A character breaks at most one of the three rules, so their order within one
+  // character does not matter.
   for (char ch : label) {
     unsigned char c = static_cast<unsigned char>(ch);
     if (c != 0 && std::strchr(kForbiddenLabelChars, c)) {
@@ -409,7 +415,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
       }
     }
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in FAT table area -- %s", e);
+    stepFailed(progress, "Bad sectors in FAT table area -- %s", e, StepStatus::BadSectors);
   }
 
   // Root directory, with the volume label entry first when there is a label.
@@ -439,21 +445,27 @@ void FAT::format(const FatFormatOptions& inOptions) {
   }
 
   // Full format: read the whole data area back; clusters with unreadable sectors are counted
-  // and marked bad in both FAT copies.
+  // and marked bad in both FAT copies. Every failure of this step is reported with the
+  // FAT step's message, since this step decides what the FATs record. A bad FAT32 root directory cluster
+  // cannot be marked bad (the volume would have no root), so it ends the format; so does a
+  // device failure that is not a bad sector.
   if (options.verify) {
+    constexpr const char* kVerifyFailed = "Bad sectors in FAT table area -- %s";
     std::vector<uint32_t> bad;
     const uint64_t chunk = std::max<uint64_t>(s, workBlocks / s * s);
     for (uint64_t done = 0; done < L.dataSectors;) {
       uint64_t n = std::min<uint64_t>(chunk, L.dataSectors - done);
       try {
         device_.verify(dataStart + done, n);
-      } catch (const Error&) {
+      } catch (const Error& e) {
+        if (!isMediaError(e.id())) stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
         for (uint64_t c = 0; c < n; c += s) {
           try {
             device_.verify(dataStart + done + c, s);
-          } catch (const Error& e) {
+          } catch (const Error& clusterError) {
             uint32_t cluster = static_cast<uint32_t>((done + c) / s + 2);
-            if (fat32 && cluster == 2) stepFailed(progress, "Bad sectors in root directory area -- %s", e);
+            if (!isMediaError(clusterError.id()) || (fat32 && cluster == 2))
+              stepFailed(progress, kVerifyFailed, clusterError, StepStatus::BadSectors);
             bad.push_back(cluster);
           }
         }
@@ -469,7 +481,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
           for (const auto& [index, sector] : patch.sectors())
             device_.write(L.reservedSectors + uint64_t(copy) * F + index, 1, sector.data());
       } catch (const Error& e) {
-        stepFailed(progress, "Bad sectors in FAT table area -- %s", e);
+        stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
       }
       const uint32_t count = static_cast<uint32_t>(bad.size());
       L.badClusters += count;

@@ -40,48 +40,6 @@ int runLine(std::vector<std::string> args, KdiskTest::CaptureSink** sinkOut, Kdi
 void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 }  // namespace
 
-TEST(Batch, FileRunsLinesSkipsCommentsAndCounts) {
-  KdiskTest::TempDir dir;
-  std::string f = dir.file("b.txt");
-  writeFile(f, "# comment\n\n/? /CRE\n   \n/H /STATUS\r\n/? /VIEW:1");  // last line has no newline
-  KdiskTest::ScopedCapture cap;
-  KdiskTest::CaptureSink* sink;
-  EXPECT_EQ(runLine({"/BATCH:" + f, "/X"}, &sink, cap), 0);
-  EXPECT_NE(sink->out.find("Command: kdisk /X /? /CRE \n\n"), std::string::npos) << sink->out;
-  EXPECT_NE(sink->out.find("Command: kdisk /X /H /STATUS \n\n"), std::string::npos);
-  EXPECT_EQ(sink->infos, "3 batch commands completed successfully\n");
-  EXPECT_EQ(batchState().depth, 0u);
-  EXPECT_EQ(batchState().echo, 2u);
-}
-
-TEST(Batch, OnlyCommentsSucceedsWithZero) {
-  KdiskTest::TempDir dir;
-  writeFile(dir.file("c.txt"), "#a\n\n#b\n");
-  KdiskTest::ScopedCapture cap;
-  KdiskTest::CaptureSink* sink;
-  EXPECT_EQ(runLine({"/BATCH:" + dir.file("c.txt")}, &sink, cap), 0);
-  EXPECT_EQ(sink->infos, "0 batch commands completed successfully\n");
-}
-
-TEST(Batch, LineLengthLimit) {
-  KdiskTest::TempDir dir;
-  std::string ok = "/?" + std::string(253, ' ');  // 255 characters
-  writeFile(dir.file("ok.txt"), ok + "\n");
-  writeFile(dir.file("long.txt"), ok + " \n/? /CRE\n");
-  writeFile(dir.file("longlast.txt"), ok + " ");  // 256 characters, no newline
-  KdiskTest::ScopedCapture cap;
-  KdiskTest::CaptureSink* sink;
-  EXPECT_EQ(runLine({"/BATCH:" + dir.file("ok.txt")}, &sink, cap), 0);
-  EXPECT_EQ(sink->errors, "");
-  for (const char* name : {"long.txt", "longlast.txt"}) {
-    sink->errors.clear();
-    sink->out.clear();
-    EXPECT_EQ(runLine({"/BATCH:" + dir.file(name)}, &sink, cap), 2) << name;
-    EXPECT_EQ(sink->errors, "Line too long -- Maximum line length is 255  characters\n") << name;
-    EXPECT_EQ(sink->out.find("Command:"), std::string::npos) << name;
-  }
-}
-
 TEST(Batch, NestingStopsAtSixteenAndConflictsPassThrough) {
   KdiskTest::TempDir dir;
   std::string self = dir.file("self.txt");

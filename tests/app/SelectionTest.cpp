@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "app/Help.h"
 #include "app/Selection.h"
 #include "core/Config.h"
 #include "support/TestSupport.h"
@@ -72,29 +71,6 @@ TEST(Selection, PicksOneCommandOrRaisesTwo) {
     if (!*c.error) {
       EXPECT_EQ(capture.sink().errors, "") << what;
     }
-  }
-}
-
-TEST(Selection, HelpPrintsTheSelectedCommandsText) {
-  struct Case {
-    std::vector<std::string> words;
-    const char* text;
-  } cases[] = {
-      {{"/?"}, "Fixed Disk Partitioning Utility"},
-      {{"/?", "/CRE"}, "Creates fixed disk partitions and logical drives.\n\nkdisk disk /CRE {/PRI|/EXT|/LOG} "
-                       "[/SZ:{mbytes|pcent{P|%}}] [/END]\n"},
-      {{"/?", "/-ACT"}, "Sets or removes the active partition."},
-      {{"/?", "/GPT"}, "/GPT switch is only supported in the DOS & Vista version of kdisk\n\n"},
-      {{"/?", "/VIEW:1"}, "kdisk disk /VIEW:n [/NUM:num-sectors] [/PAGE]\n"},
-      {{"/?", "/DISKWIPE"}, "Preserve Corvo partition which was used to boot."},
-      {{"/?", "/MBR"}, "Recommended option."},
-      {{"/?", "/STATUS"}, "Default is to list all fixed disks."},
-  };
-  for (const auto& c : cases) {
-    KdiskTest::ScopedCapture capture;
-    SwitchSet set = line(c.words);
-    EXPECT_EQ(selectCommand(set), ccHelpShown);
-    EXPECT_NE(capture.sink().out.find(c.text), std::string::npos) << c.words.back() << ":\n" << capture.sink().out;
   }
 }
 

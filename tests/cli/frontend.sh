@@ -68,6 +68,9 @@ while IFS='|' read -r args text; do
   [ -z "$err" ] || fail "$args: help wrote to stderr"
 done <<EOT
 /? /CRE|Creates fixed disk partitions and logical drives.
+/? /CRE|kdisk disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%}}] [/END]
+/? /STATUS|Default is to list all fixed disks.
+/? /DISKWIPE|Preserve Corvo partition which was used to boot.
 /h /DEL|kdisk disk /DEL {/P:partn-no|/ALL}
 /HELP /STATUS|Displays information about fixed disk partitions.
 /? /-HIDE|Hides a regular partition or unhides a hidden partition.
@@ -133,6 +136,10 @@ expect_not_in "Command: kdisk 1 /? /DEL" out "raised exit code in batch"
 run /BATCH:"$b/missing.txt"
 expect_rc 2 "missing batch file"
 expect_in "Cannot open batch file $b/missing.txt -- " err "missing batch file"
+
+run /BATCH:"$b"
+expect_rc 2 "batch file that is a folder"
+expect_in "batch file $b -- " err "batch file that is a folder"
 
 # 255 characters plus newline is accepted; 256 characters is too long (with or without newline)
 l255="/?$(printf '%253s' '')"

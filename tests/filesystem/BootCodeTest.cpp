@@ -11,27 +11,15 @@
 
 using namespace Corvo::Filesystem;
 
-namespace {
-bool contains(const uint8_t* data, size_t size, const std::string& text) {
-  return std::string(reinterpret_cast<const char*>(data), size).find(text) != std::string::npos;
-}
-}  // namespace
-
 TEST(BootCode, ImagesCarryTheirMessagesAndSignature) {
-  const struct {
-    const uint8_t* data;
-    size_t size;
-  } images[] = {{BootCode::kFat16Loader, BootCode::kFat16LoaderSize},
-                {BootCode::kFat32Loader, BootCode::kFat32LoaderSize},
-                {BootCode::kFat32BootSector, BootCode::kFat32BootSectorSize}};
-  for (const auto& image : images) {
-    EXPECT_TRUE(contains(image.data, image.size, "Invalid system disk"));
-    EXPECT_TRUE(contains(image.data, image.size, "Replace the disk, and then press any key"));
-    EXPECT_TRUE(contains(image.data, image.size, "Disk I/O error"));
-  }
-  // The loaders start right where the boot sector's jump lands (EB 3C / EB 58): cli.
-  EXPECT_EQ(BootCode::kFat16Loader[0], 0xFA);
-  EXPECT_EQ(BootCode::kFat32Loader[0], 0xFA);
+  const std::pair<const uint8_t*, size_t> images[] = {{BootCode::kFat16Loader, BootCode::kFat16LoaderSize},
+                                                      {BootCode::kFat32Loader, BootCode::kFat32LoaderSize},
+                                                      {BootCode::kFat32BootSector, BootCode::kFat32BootSectorSize}};
+  for (const auto& [data, size] : images)
+    for (const char* text : {"Invalid system disk", "Replace the disk, and then press any key", "Disk I/O error"})
+      EXPECT_NE(std::string(reinterpret_cast<const char*>(data), size).find(text), std::string::npos) << text;
+  EXPECT_EQ(BootCode::kFat16Loader[0], 0xFA) << "the jump EB 3C lands on cli";
+  EXPECT_EQ(BootCode::kFat32Loader[0], 0xFA) << "the jump EB 58 lands on cli";
   EXPECT_EQ(BootCode::kFat32BootSector[510], 0x55);
   EXPECT_EQ(BootCode::kFat32BootSector[511], 0xAA);
 }

@@ -20,7 +20,7 @@ class ImageFileDevice : public Corvo::Disk::BlockDevice {
   }
   ~ImageFileDevice() override { ::close(fd_); }
   uint64_t blockCount() const override { return blocks_; }
-  uint64_t bytesWritten = 0;
+  uint64_t bytesWritten = 0, writes = 0, lastWriteFirst = ~0ull;  // what the formatter wrote
 
  protected:
   void doRead(uint64_t first, uint64_t count, void* buffer) override {
@@ -31,6 +31,8 @@ class ImageFileDevice : public Corvo::Disk::BlockDevice {
     if (::pwrite(fd_, buffer, count * 512, static_cast<off_t>(first * 512)) != static_cast<ssize_t>(count * 512))
       throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "short write");
     bytesWritten += count * 512;
+    ++writes;
+    lastWriteFirst = first;
   }
 
  private:
