@@ -6,6 +6,7 @@
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
 #include "app/Status.h"
+#include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "filesystem/fat/Fat.h"
@@ -112,6 +113,9 @@ bool reloadAndShow(FixedDisk& disk, const PartitionMark& mark) {
 void assignDriveLetter(const Corvo::Disk::DiskDrive& drive, uint64_t firstBlock, char letter) {
   const std::string path = drive.path(), prefix = "\\\\.\\PhysicalDrive";
   if (path.rfind(prefix, 0) != 0) return;
+  if (Config::getBool("Disk::noOsLayout", false))
+    throw Error(ErrorId::OsLayoutFailed,
+                format("Cannot assign drive letter %c: -- the system was not told of the new partition", letter));
   const DWORD diskNumber = static_cast<DWORD>(std::stoul(path.substr(prefix.size())));
   const LONGLONG offset = static_cast<LONGLONG>(firstBlock) * 512;
   for (int attempt = 0; attempt < 20; ++attempt) {
