@@ -1,4 +1,5 @@
-// The creation and deletion routines against an in-memory disk and table driver.
+// The creation and deletion routines where an image cannot reach: a failing disk layer, a
+// failed re-read, a partition in use and the boot disk.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,15 +11,12 @@
 using namespace Corvo::Disk;
 using Corvo::Core::Error;
 using Corvo::Core::ErrorId;
-using Corvo::Core::PromptMode;
-using Corvo::Core::setPromptMode;
 using KdiskTest::ScopedCapture;
 
 namespace {
 
 class MemoryAccess : public DiskDriveAccess {
  public:
-  explicit MemoryAccess(uint64_t blocks) : data(blocks * 512, 0) {}
   std::string path() const override { return "memory"; }
   Geometry getGeometry() const override { return {}; }
   uint64_t totalBlocks() const override { return data.size() / 512; }
@@ -28,16 +26,13 @@ class MemoryAccess : public DiskDriveAccess {
     sectorsWritten += count;
   }
   bool isBootDisk() const override { return boot; }
-  void prepareForChange(uint64_t, uint64_t) override {
-    if (busy) throw Error(ErrorId::InUse, "The partition is mounted");
-  }
-  std::vector<uint8_t> data;
+  void prepareForChange(uint64_t, uint64_t) override { if (busy) throw Error(ErrorId::InUse, "The partition is mounted"); }
+  std::vector<uint8_t> data = std::vector<uint8_t>(16384 * 512, 0x77);
   bool boot = false, busy = false;
   uint64_t sectorsWritten = 0;
 };
 
-// A table driver that keeps its nodes in memory: partitions go one after another from
-// sector 2048; the last node appended is the one returned.
+// Keeps its nodes in memory; create* fail or append a node of the requested size.
 class FakeLayout : public PartitionedDisk {
  public:
   explicit FakeLayout(DiskDrive& d) : PartitionedDisk(d) {}
@@ -45,54 +40,34 @@ class FakeLayout : public PartitionedDisk {
   const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override { return {}; }
-  void reload() override {
-    ++reloads;
-    if (failReload) throw Error(ErrorId::ReadFailed, "reload failed");
-  }
+  void reload() override { if (failReload) throw Error(ErrorId::ReadFailed, "reload failed"); }
   unsigned slotCount() const override { return 4; }
   unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
   PartitionNode* create(CreationRequest& r, PartitionRole role, uint8_t type) {
-    ++creates;
     if (createError) throw Error(ErrorId::NoSpace, "boom");
-    auto n = std::make_unique<PartitionNode>();
-    n->role = role;
-    n->type = type;
-    n->firstBlock = next;
-    n->blockCount = r.sizeBlocks == CreationRequest::kLargest ? room : r.sizeBlocks;
-    next += n->blockCount;
-    PartitionNode* p = n.get();
-    roots_.push_back(std::move(n));
-    return p;
+    return &add(role, type, 2048, r.sizeBlocks == CreationRequest::kLargest ? 4096 : r.sizeBlocks);
   }
   PartitionNode* createPrimary(CreationRequest& r) override { return create(r, PartitionRole::Primary, 0x06); }
   PartitionNode* createExtended(CreationRequest& r) override { return create(r, PartitionRole::Extended, 0x05); }
   PartitionNode* createLogical(CreationRequest& r) override { return create(r, PartitionRole::Logical, 0x06); }
-  PartitionNode& add(PartitionRole role, uint8_t type, uint64_t first, uint64_t count, PartitionNode* parent = nullptr) {
+  PartitionNode& add(PartitionRole role, uint8_t type, uint64_t first, uint64_t count, PartitionNode* parent = nullptr,
+                     bool active = false) {
     auto n = std::make_unique<PartitionNode>();
-    n->role = role, n->type = type, n->firstBlock = first, n->blockCount = count, n->parent = parent;
-    PartitionNode* p = n.get();
+    n->role = role, n->type = type, n->firstBlock = first, n->blockCount = count, n->parent = parent, n->active = active;
     (parent ? parent->children : roots_).push_back(std::move(n));
-    return *p;
+    return *(parent ? parent->children : roots_).back();
   }
   void remove(PartitionNode& node) override {
     ++removes;
-    for (auto it = roots_.begin(); it != roots_.end(); ++it)
-      if (it->get() == &node) {
-        roots_.erase(it);
-        return;
-      }
+    std::erase_if(roots_, [&](const auto& p) { return p.get() == &node; });
   }
-  void removeAll() override {
-    ++removes;
-    roots_.clear();
-  }
+  void removeAll() override { ++removes, roots_.clear(); }
   void setActive(PartitionNode&) override {}
   void clearActive(PartitionNode&) override {}
   void setType(PartitionNode&, uint8_t) override {}
 
-  uint64_t next = 2048, room = 4096;  // where the next partition goes, and its largest size
   bool createError = false, failReload = false;
-  int creates = 0, removes = 0, reloads = 0;
+  int removes = 0;
 
  private:
   std::vector<std::unique_ptr<PartitionNode>> roots_;
@@ -101,7 +76,7 @@ class FakeLayout : public PartitionedDisk {
 
 struct Fixture {
   Fixture() {
-    auto a = std::make_unique<MemoryAccess>(16384);
+    auto a = std::make_unique<MemoryAccess>();
     access = a.get();
     drive = std::make_unique<DiskDrive>(0, std::move(a));
     disk.index = 1;
@@ -110,94 +85,87 @@ struct Fixture {
     layout = l.get();
     disk.layout = std::move(l);
   }
+  ~Fixture() { Corvo::Core::setPromptMode(oldPrompt); }
+  Corvo::Core::PromptMode oldPrompt = Corvo::Core::setPromptMode(2);  // ask: the capture answers No
   MemoryAccess* access;
   std::unique_ptr<DiskDrive> drive;
   FakeLayout* layout;
   Kdisk::FixedDisk disk;
-};
-
-struct PromptScope {
-  explicit PromptScope(PromptMode m) : old(setPromptMode(m)) {}
-  ~PromptScope() { setPromptMode(old); }
-  PromptMode old;
+  ScopedCapture cap;
 };
 
 }  // namespace
 
-// What the command-line tests cannot provoke on an image: a failing disk layer and a hidden
-// extended partition.
-TEST(PartitionCommands, CreationRefusalsLeaveTheLayerAlone) {
-  Fixture f;
-  ScopedCapture cap;
-  f.layout->createError = true;
-  CreationRequest r;
-  EXPECT_FALSE(Kdisk::createPrimaryDos(f.disk, r));
-  f.layout->add(PartitionRole::Extended, 0x15, 100, 10);
-  EXPECT_FALSE(Kdisk::createLogicalDos(f.disk, r));
-  EXPECT_EQ(f.layout->creates, 1);
-  EXPECT_EQ(cap.sink().errors,
-            "Primary DOS partition could not be created -- boom\n"
-            "The extended DOS partition is hidden and may not have logical DOS drives created within it\n");
-}
-
-TEST(PartitionCommands, FailedReloadFailsPrimaryButNotExtended) {
-  Fixture f;
-  ScopedCapture cap;
-  f.layout->failReload = true;
-  CreationRequest r;
-  EXPECT_FALSE(Kdisk::createPrimaryDos(f.disk, r));
-  CreationRequest e;
-  EXPECT_TRUE(Kdisk::createExtendedDos(f.disk, e));
-  EXPECT_EQ(cap.sink().errors, "Cannot reload partition table -- reload failed\nCannot reload partition table -- reload failed\n");
-}
-
-TEST(PartitionCommands, WipeRefusalLeavesTableAndSectors) {
-  Fixture f;
-  ScopedCapture cap;
-  PartitionNode& n = f.layout->add(PartitionRole::Primary, 0x06, 2048, 100);
-  std::memset(&f.access->data[2048 * 512], 0x77, 100 * 512);
-  f.access->busy = true;
-  EXPECT_FALSE(Kdisk::deletePrimaryDos(f.disk, n, Kdisk::wmDod, 0));
-  EXPECT_EQ(cap.sink().errors, "Cannot wipe primary DOS partition -- The partition is mounted\n");
-  EXPECT_EQ(f.layout->removes, 0);
-  EXPECT_EQ(f.access->data[2048 * 512 + 99 * 512], 0x77);
-}
-
-TEST(PartitionCommands, ExtendedDeletionAsksWithDriveCount) {
-  for (int drives : {1, 2}) {
+TEST(PartitionCommands, LayerErrorsAndFailedReload) {
+  using Create = bool (*)(Kdisk::FixedDisk&, CreationRequest&);
+  const struct {
+    Create create;
+    bool extended, failReload, ok;
+    const char* errors;
+  } cases[] = {
+      {Kdisk::createPrimaryDos, false, false, false, "Primary DOS partition could not be created -- boom\n"},
+      {Kdisk::createExtendedDos, false, false, false, "Extended DOS partition could not be created -- boom\n"},
+      {Kdisk::createLogicalDos, true, false, false, "Logical DOS drive could not be created -- boom\n"},
+      // A failed re-read fails a primary or a logical drive but not the extended partition.
+      {Kdisk::createPrimaryDos, false, true, false, "Cannot reload partition table -- reload failed\n"},
+      {Kdisk::createLogicalDos, true, true, false, "Cannot reload partition table -- reload failed\n"},
+      {Kdisk::createExtendedDos, false, true, true, "Cannot reload partition table -- reload failed\n"},
+  };
+  for (const auto& c : cases) {
     Fixture f;
-    ScopedCapture cap;
-    PromptScope prompt(2);
-    PartitionNode& ext = f.layout->add(PartitionRole::Extended, 0x05, 2048, 1000);
-    for (int i = 0; i < drives; ++i) f.layout->add(PartitionRole::Logical, 0x06, 2111 + i * 100, 50, &ext);
-    EXPECT_FALSE(Kdisk::deleteExtendedDos(f.disk, ext, Kdisk::wmNone, 0));  // no answer: no
-    EXPECT_EQ(cap.sink().questions, drives == 1
-                                        ? "The extended DOS partition contains 1 logical DOS drive. Delete it anyway?\n"
-                                        : "The extended DOS partition contains 2 logical DOS drives. Delete it anyway?\n");
-    EXPECT_EQ(f.layout->removes, 0);
+    if (c.extended) f.layout->add(PartitionRole::Extended, 0x05, 100, 10);
+    f.layout->createError = !c.failReload;
+    f.layout->failReload = c.failReload;
+    CreationRequest r;
+    EXPECT_EQ(c.create(f.disk, r), c.ok) << c.errors;
+    EXPECT_EQ(f.cap.sink().errors, c.errors);
   }
 }
 
-TEST(PartitionCommands, DeletingOnlyActivePrimaryOfBootDiskWarns) {
-  Fixture f;
-  ScopedCapture cap;
-  f.access->boot = true;
-  PartitionNode& n = f.layout->add(PartitionRole::Primary, 0x07, 2048, 100);
-  n.active = true;
-  EXPECT_TRUE(Kdisk::deletePrimaryDos(f.disk, n, Kdisk::wmNone, 0));
-  EXPECT_EQ(cap.sink().infos, "No partitions are set active. Fixed disk 2 will not be startable until a partition is set active\n");
+TEST(PartitionCommands, DeletionQuestionsAndRefusalsWriteNothing) {
+  const struct {
+    bool boot, busy, hiddenExtended;
+    const char *questions, *errors;
+  } cases[] = {
+      {true, false, false, "You are about to delete the primary DOS partition while an extended DOS partition exists. Continue?\n", ""},
+      {false, false, true, "The extended DOS partition is hidden and may contain logical DOS drives. Delete it anyway?\n", ""},
+      {false, true, false, "", "Cannot wipe primary DOS partition -- The partition is mounted\n"},
+  };
+  for (const auto& c : cases) {
+    Fixture f;
+    f.access->boot = c.boot;
+    f.access->busy = c.busy;
+    PartitionNode& pri = f.layout->add(PartitionRole::Primary, 0x06, 2048, 100);
+    PartitionNode& ext = f.layout->add(PartitionRole::Extended, c.hiddenExtended ? 0x15 : 0x05, 4096, 100);
+    EXPECT_FALSE(c.hiddenExtended ? Kdisk::deleteExtendedDos(f.disk, ext, Kdisk::wmDod, 0)
+                                  : Kdisk::deletePrimaryDos(f.disk, pri, Kdisk::wmDod, 0));
+    EXPECT_EQ(f.cap.sink().questions, c.questions);
+    EXPECT_EQ(f.cap.sink().errors, c.errors);
+    EXPECT_EQ(f.layout->removes, 0);
+    EXPECT_EQ(f.access->sectorsWritten, 0u);
+  }
+}
+
+TEST(PartitionCommands, DeletingTheOnlyActivePartitionOfTheBootDiskWarns) {
+  for (bool dos : {true, false}) {
+    Fixture f;
+    f.access->boot = true;
+    PartitionNode& n = f.layout->add(PartitionRole::Primary, dos ? 0x07 : 0x83, 2048, 100, nullptr, true);
+    f.layout->add(PartitionRole::Extended, 0x85, 4096, 100, nullptr, true);  // an active extended does not count
+    EXPECT_TRUE(dos ? Kdisk::deletePrimaryDos(f.disk, n, Kdisk::wmNone, 0) : Kdisk::deleteNonDos(f.disk, n, Kdisk::wmNone, 0));
+    EXPECT_EQ(f.cap.sink().infos,
+              "No partitions are set active. Fixed disk 2 will not be startable until a partition is set active\n");
+  }
 }
 
 TEST(PartitionCommands, WipeAllCoversExtendedGapsWithoutRewritingDrives) {
   Fixture f;
-  ScopedCapture cap;
   f.layout->add(PartitionRole::Primary, 0x06, 100, 50);
   PartitionNode& ext = f.layout->add(PartitionRole::Extended, 0x05, 200, 300);
   f.layout->add(PartitionRole::Logical, 0x06, 263, 100, &ext);
-  std::memset(f.access->data.data(), 0x77, f.access->data.size());
   EXPECT_TRUE(Kdisk::deleteAllPartitions(f.disk, Kdisk::wmQuick, 0));
   // The headings come first; the disk's table follows them.
-  EXPECT_EQ(cap.sink().out.rfind("Wiping Partition 1:\nWiping Partition 2:\nWiping Partition 3:\n", 0), 0u);
+  EXPECT_EQ(f.cap.sink().out.rfind("Wiping Partition 1:\nWiping Partition 2:\nWiping Partition 3:\n", 0), 0u);
   for (uint64_t s : {100u, 149u, 200u, 262u, 263u, 362u, 363u, 499u}) EXPECT_EQ(f.access->data[s * 512], 0) << s;
   for (uint64_t s : {99u, 150u, 199u, 500u}) EXPECT_EQ(f.access->data[s * 512], 0x77) << s;
   EXPECT_EQ(f.access->sectorsWritten, 350u);

@@ -15,60 +15,45 @@ using KdiskTest::ScopedCapture;
 
 TEST(CreateValues, PartitionSize) {
   const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
-  struct Case {
+  const struct {
     const char* text;
-    uint64_t disk;
     SizeStatus status;
     int mb;
-  } cases[] = {
-      {"100", disk1000MB, SizeStatus::Ok, 100},      {" 7", disk1000MB, SizeStatus::Ok, 7},
-      {"50P", disk1000MB, SizeStatus::Ok, 500},      {"50p", disk1000MB, SizeStatus::Ok, 500},
-      {"33%", disk1000MB, SizeStatus::Ok, 330},      {"100P", disk1000MB, SizeStatus::Ok, 1000},
-      {"101%", disk1000MB, SizeStatus::Invalid, 0},  {"0", disk1000MB, SizeStatus::Invalid, 0},
-      {"-5", disk1000MB, SizeStatus::Invalid, 0},    {"50MB", disk1000MB, SizeStatus::Invalid, 0},
-      {"50M", disk1000MB, SizeStatus::Invalid, 0},   {"", disk1000MB, SizeStatus::Invalid, 0},
-      {"P", disk1000MB, SizeStatus::Invalid, 0},     {"0P", disk1000MB, SizeStatus::Invalid, 0},
-      {"1P", 99 * 2048, SizeStatus::TooSmall, 0},    {"2P", 99 * 2048, SizeStatus::Ok, 1},
-      {"99999999999", disk1000MB, SizeStatus::Ok, 2147483647},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{"100", SizeStatus::Ok, 100},     {" 7", SizeStatus::Ok, 7},         {"50P", SizeStatus::Ok, 500},
+               {"50p", SizeStatus::Ok, 500},     {"33%", SizeStatus::Ok, 330},      {"100P", SizeStatus::Ok, 1000},
+               {"101%", SizeStatus::Invalid, 0}, {"0", SizeStatus::Invalid, 0},     {"-5", SizeStatus::Invalid, 0},
+               {"50MB", SizeStatus::Invalid, 0}, {"50M", SizeStatus::Invalid, 0},   {"", SizeStatus::Invalid, 0},
+               {"P", SizeStatus::Invalid, 0},    {"0P", SizeStatus::Invalid, 0},    {"99999999999", SizeStatus::Ok, 2147483647}};
+  for (const auto& c : cases) {
     int mb = 0;
-    EXPECT_EQ(parsePartitionSize(c.text, c.disk, mb), c.status) << c.text;
-    if (c.status == SizeStatus::Ok) {
-      EXPECT_EQ(mb, c.mb) << c.text;
-    }
+    EXPECT_EQ(parsePartitionSize(c.text, disk1000MB, mb), c.status) << c.text;
+    EXPECT_EQ(mb, c.mb) << c.text;
   }
-  int n = 0;
-  EXPECT_TRUE(scanPositiveNumber("3", n));
-  EXPECT_EQ(n, 3);
-  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, n)) << bad;
+  int mb = 0;  // 1 per cent of 99 MB is below one MB, 2 per cent is one
+  EXPECT_EQ(parsePartitionSize("1P", 99 * 2048, mb), SizeStatus::TooSmall);
+  EXPECT_TRUE(parsePartitionSize("2P", 99 * 2048, mb) == SizeStatus::Ok && mb == 1);
+  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, mb)) << bad;
+  EXPECT_TRUE(scanPositiveNumber(" 3", mb) && mb == 3);
 }
 
+// The limits' edges and the type index from the type byte or, for GPT entries, the size; the
+// command-line tests prove the messages and the formats.
 TEST(CreateValues, FatLimitsAndTypeChoice) {
-  const char* k2048 = "Can not create a drive larger that 2048 MB when FAT32 support is disabled";
-  const char* k4095 = "Can not create a drive larger that 4095 MB when NT support is enabled";
-  struct Case {
-    bool priOrLog;
-    int mb;
-    bool no32, nt;
-    const char* message;
-  } cases[] = {{true, 3000, true, false, k2048}, {true, 2048, true, false, nullptr}, {true, 3000, true, true, nullptr},
-               {true, 4096, false, true, k4095}, {true, 4095, false, true, nullptr}, {false, 5000, true, false, nullptr},
-               {true, 0, true, true, nullptr}};
-  for (const Case& c : cases) {
-    const char* m = fatLimitMessage(c.priOrLog, c.mb, c.no32, c.nt);
-    EXPECT_STREQ(m ? m : "", c.message ? c.message : "") << c.mb;
-  }
-  struct TypeCase {
+  EXPECT_EQ(fatLimitMessage(true, 2048, true, false), nullptr);
+  EXPECT_NE(fatLimitMessage(true, 2049, true, false), nullptr);
+  EXPECT_EQ(fatLimitMessage(true, 4095, false, true), nullptr);
+  EXPECT_EQ(fatLimitMessage(true, 0, true, true), nullptr);  // no /SZ: largest possible
+  const struct {
     uint8_t type;
     uint64_t blocks;
     bool fat32, nt;
     int index;
-  } types[] = {{0x01, 9, true, false, 0},        {0x0E, 9, true, false, 1},        {0x0C, 9, true, false, 2},
-               {0x00, 32773, true, false, 0},    {0x00, 32774, true, false, 1},    {0x00, 1048576, true, false, 1},
-               {0x00, 1048577, true, false, 2},  {0x00, 1048577, true, true, 1},   {0x00, 1048577, false, false, 1},
+  } types[] = {{0x01, 9, true, false, 0},       {0x04, 9, true, false, 1},       {0x06, 9, true, false, 1},
+               {0x0E, 9, true, false, 1},       {0x0B, 9, true, false, 2},       {0x0C, 9, true, false, 2},
+               {0x00, 32773, true, false, 0},   {0x00, 32774, true, false, 1},   {0x00, 1048576, true, false, 1},
+               {0x00, 1048577, true, false, 2}, {0x00, 1048577, true, true, 1},  {0x00, 1048577, false, false, 1},
                {0x00, 8387873, false, true, 2}};
-  for (const TypeCase& t : types) EXPECT_EQ(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt), t.index) << t.blocks;
+  for (const auto& t : types) EXPECT_EQ(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt), t.index) << t.blocks;
 }
 
 namespace {
@@ -96,9 +81,6 @@ class RecordingDevice : public MemoryBlockDevice {
 }  // namespace
 
 TEST(Wipe, PassesPatternAndChunks) {
-  EXPECT_EQ(wipePassCount(wmQuick, 0), 1u);
-  EXPECT_EQ(wipePassCount(wmDod, 0), 19u);
-  EXPECT_EQ(wipePassCount(wmCustom, 1), 4u);
   EXPECT_EQ(wipePassCount(wmCustom, 100), 301u);
   struct Case {
     int mode;
@@ -122,10 +104,6 @@ TEST(Wipe, PassesPatternAndChunks) {
       }
     }
     const uint8_t last = c.mode == wmQuick ? 0 : static_cast<uint8_t>(r);
-    if (c.mode != wmQuick) {
-      EXPECT_NE(last, 0x35);
-      EXPECT_NE(last, 0xCA);
-    }
     for (uint8_t b : dev.data()) ASSERT_EQ(b, last);
     EXPECT_EQ(cap.sink().warnings, Corvo::Core::format("Partition will contain 0x%02X for all bytes in all sectors when wipe complete.\n\n", last));
   }
@@ -137,11 +115,7 @@ TEST(Wipe, FailedChunkIsRetriedSectorBySector) {
   std::memset(mem.data().data(), 0x77, mem.data().size());
   FaultInjectingBlockDevice dev(mem);
   dev.badSectors = {5, 6, 30};
-  auto bad = wipeDevice(dev, wmCustom, 1, 3, 2);
-  ASSERT_EQ(bad.size(), 2u);
-  EXPECT_EQ(bad[0].first, 5u);
-  EXPECT_EQ(bad[0].count, 2u);
-  EXPECT_EQ(bad[1].first, 30u);
+  EXPECT_EQ(wipeDevice(dev, wmCustom, 1, 3, 2).size(), 2u);
   EXPECT_EQ(cap.sink().errors,
             "Cannot write sectors 5 to 6 of partition 3 on fixed disk 2\n"
             "Cannot write sectors 30 to 30 of partition 3 on fixed disk 2\n");

@@ -12,7 +12,9 @@ require_partitioning
 img=$WORK/loop.img
 truncate -s 64M "$img"
 dev=$(losetup -f --show -P "$img" 2>/dev/null) || skip "no loop device available"
-trap 'losetup -d "$dev"; rm -rf "$WORK"' EXIT
+mnt=$WORK/mnt
+mkdir -p "$mnt"
+trap 'mountpoint -q "$mnt" && umount "$mnt"; losetup -d "$dev"; rm -rf "$WORK"' EXIT
 name=$(basename "$dev")
 has() { [ -e "/sys/block/$name/${name}p$1" ]; }
 
@@ -24,19 +26,12 @@ has 1 || fail "kernel does not show ${name}p1 after /CRE"
 
 # A mounted partition is refused before anything is written (mounted read-only so that the
 # kernel itself writes nothing either).
-mnt=$WORK/mnt
-mkdir -p "$mnt"
 if mkfs.ext2 -q "${dev}p1" 2>/dev/null && mount -o ro "${dev}p1" "$mnt" 2>/dev/null; then
-  trap 'umount "$mnt"; losetup -d "$dev"; rm -rf "$WORK"' EXIT
-  before=$(sha "$img")
-  kd "$dev" 1 /DEL /P:1 /QWIPE
-  expect_rc 1 "wipe of a mounted partition"
-  expect_text "Cannot wipe primary DOS partition -- " "wipe of a mounted partition"
-  kd "$dev" 1 /DEL /ALL
-  expect_rc 1 "deletion of a mounted partition"
-  [ "$(sha "$img")" = "$before" ] || fail "refusals on a mounted partition changed the image"
+  refuse "$dev" <<'T'
+1|~Cannot wipe primary DOS partition -- |1 /DEL /P:1 /QWIPE
+1|~Cannot delete partition(s) -- |1 /DEL /ALL
+T
   umount "$mnt"
-  trap 'losetup -d "$dev"; rm -rf "$WORK"' EXIT
 else
   echo "note: cannot mount ext2 here; mounted-partition refusal not checked"
 fi
@@ -45,14 +40,10 @@ kd "$dev" 1 /CRE /PRI /Y /SZ:10 /NOOSLAYOUT
 expect_rc 0 "create with /NOOSLAYOUT"
 [ "$(count_parts "$img")" -eq 2 ] || fail "second partition not in the table"
 has 2 && fail "kernel shows ${name}p2 although /NOOSLAYOUT was given"
-
 kd "$dev" 1 /DEL /P:1 /NOOSLAYOUT
 expect_rc 0 "delete with /NOOSLAYOUT"
 has 1 || fail "kernel lost ${name}p1 although /NOOSLAYOUT was given"
-
 kd "$dev" 1 /DEL /ALL
 expect_rc 0 "delete all"
-has 1 && fail "kernel still shows ${name}p1 after /DEL /ALL"
-has 2 && fail "kernel still shows ${name}p2 after /DEL /ALL"
-
+has 1 || has 2 && fail "kernel still shows a partition after /DEL /ALL"
 finish
