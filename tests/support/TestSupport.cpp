@@ -8,7 +8,23 @@
 #include <cstring>
 #include <filesystem>
 
+#include <gtest/gtest.h>
+
+#include "core/Config.h"
+
 namespace KdiskTest {
+
+namespace {
+// Unit tests never reach the machine's own disks: every test starts as if /NOOSDISK had been
+// given, so a disk manager enumerated inside a test sees only the images the test adds.
+class NoOsDisks : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo&) override { Corvo::Core::Config::setBool("OsDrive::Disable", true); }
+};
+const bool gNoOsDisksRegistered = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new NoOsDisks);
+  return true;
+}();
+}  // namespace
 
 using Corvo::Core::Error;
 using Corvo::Core::ErrorId;
