@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdio>
 #include <optional>
 #include <set>
 #include <string>
 
 #include "core/Error.h"
+#include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/layout/PartitionTypes.h"
 
@@ -16,6 +16,7 @@ namespace Corvo::Disk {
 
 using Core::Error;
 using Core::ErrorId;
+using Core::format;
 
 uint64_t PartitionNodeBiosPartitionContainerEbr::usedEnd() const {
   uint64_t end = block_ + 1;
@@ -38,16 +39,6 @@ std::unique_ptr<PartitionNode> PartitionNodeBiosPartitionContainer::makePartitio
 }
 
 namespace {
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-  char buf[512];
-  va_list ap;
-  va_start(ap, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, ap);
-  va_end(ap);
-  return buf;
-}
 
 constexpr uint64_t kMbrAddressLimit = 0xFFFFFFFFull;  // slots hold 32-bit starts and counts
 constexpr uint8_t kLinkType = 0x05;
