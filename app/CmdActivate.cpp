@@ -83,16 +83,6 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
   return 0;
 }
 
-PartitionMark snapshot(const PartitionNode& node, const char* marker) {
-  PartitionMark m;
-  m.firstBlock = node.firstBlock;
-  m.blockCount = node.blockCount;
-  m.type = node.type;
-  m.role = node.role;
-  m.marker = marker;
-  return m;
-}
-
 // Reads the tables again after a change and prints the disk with the partition marked.
 int reloadAndShow(FixedDisk& disk, PartitionMark mark) {
   const std::string warning = disk.layout->lastWarning();
@@ -137,7 +127,7 @@ int commandActivate(CommandCode code, SwitchSet& set) {
       message(mkError, "%s", refusal);
       return 1;
     }
-    PartitionMark mark = snapshot(node, "*ACTIVATED*");
+    PartitionMark mark = markOf(node, "*ACTIVATED*");
     try {
       layout.setActive(node);
     } catch (const Error& e) {
@@ -158,7 +148,7 @@ int commandActivate(CommandCode code, SwitchSet& set) {
               "set active. Continue?",
               disk.index + 1) != 1)
     return 1;
-  PartitionMark mark = snapshot(node, "*DEACTIVATED*");
+  PartitionMark mark = markOf(node, "*DEACTIVATED*");
   try {
     layout.clearActive(node);
   } catch (const Error& e) {
@@ -212,7 +202,7 @@ int commandHide(CommandCode code, SwitchSet& set) {
     }
   }
 
-  PartitionMark mark = snapshot(node, hide ? "*HIDDEN*" : "*UNHIDDEN*");
+  PartitionMark mark = markOf(node, hide ? "*HIDDEN*" : "*UNHIDDEN*");
   try {
     // Locks the partition's volumes (or checks they are not in use) before its type changes.
     disk.drive->prepareForChange(node.firstBlock, node.blockCount);

@@ -31,16 +31,6 @@ constexpr unsigned kPrimarySlots = 4;
 
 double toMegabytes(uint64_t blocks) { return static_cast<double>(blocks) * 512.0 / 1048576.0; }
 
-PartitionMark snapshot(const PartitionNode& node, const char* marker) {
-  PartitionMark m;
-  m.firstBlock = node.firstBlock;
-  m.blockCount = node.blockCount;
-  m.type = node.type;
-  m.role = node.role;
-  m.marker = marker;
-  return m;
-}
-
 bool primarySlotsFull(const PartitionedDisk& disk) {
   return disk.scheme() == PartitionScheme::Mbr && disk.primarySlotsInUse() >= kPrimarySlots;
 }
@@ -188,7 +178,7 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
                                        "All available disk space is currently assigned to other partitions",
                                        "Maximum space available for primary DOS partition is %.1fMB");
   if (!node) return false;
-  PartitionMark mark = snapshot(*node, "*CREATED*");
+  PartitionMark mark = markOf(*node, "*CREATED*");
   if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;
@@ -211,7 +201,7 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
                                        "All available disk space is currently assigned to other partitions",
                                        "Maximum space available for extended DOS partition is %.1fMB");
   if (!node) return false;
-  PartitionMark mark = snapshot(*node, "*CREATED*");
+  PartitionMark mark = markOf(*node, "*CREATED*");
   // The partition exists once the table is written: a failed re-read is reported, but the
   // creation itself stands.
   reloadAndShow(disk, mark);
@@ -236,7 +226,7 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
       "All available space in the extended DOS partition is currently assigned to logical DOS drives",
       "Maximum space available for logical DOS drive is %.1fMB");
   if (!node) return false;
-  PartitionMark mark = snapshot(*node, "*CREATED*");
+  PartitionMark mark = markOf(*node, "*CREATED*");
   if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;

@@ -56,13 +56,7 @@ bool wipeNode(FixedDisk& disk, const PartitionNode& node, int wipeMode, unsigned
 // Removes the node through the disk layer, then re-reads the table and prints the disk with
 // the removed partition in its old place.
 bool removeNode(FixedDisk& disk, PartitionNode& node, const char* failText) {
-  PartitionMark mark;
-  mark.firstBlock = node.firstBlock;
-  mark.blockCount = node.blockCount;
-  mark.type = node.type;
-  mark.role = node.role;
-  mark.marker = "*DELETED*";
-  mark.removed = true;
+  const PartitionMark mark = markOf(node, "*DELETED*", true);
   PartitionedDisk& layout = *disk.layout;
   try {
     disk.drive->prepareForChange(node.firstBlock, node.blockCount);

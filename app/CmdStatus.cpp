@@ -389,4 +389,15 @@ int commandStatus(SwitchSet& set) {
   return 0;
 }
 
+PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker, bool removed) {
+  PartitionMark m;
+  m.firstBlock = node.firstBlock;
+  m.blockCount = node.blockCount;
+  m.type = node.type;
+  m.role = node.role;
+  m.marker = marker;
+  m.removed = removed;
+  return m;
+}
+
 }  // namespace Kdisk

@@ -17,6 +17,9 @@ struct PartitionMark {
   bool removed = false;
 };
 
+// The mark for a partition as it stands now.
+PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker, bool removed = false);
+
 void printDiskStatus(FixedDisk& disk, const PartitionMark* mark = nullptr);
 
 }  // namespace Kdisk
