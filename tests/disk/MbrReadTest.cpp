@@ -66,7 +66,6 @@ TEST_F(MbrReadTest, ChainTreeShapeAndFacts) {
   auto list = disk->displayList();
   ASSERT_EQ(list.size(), 7u);
   EXPECT_EQ(list[0]->role, PartitionRole::Primary);
-  EXPECT_TRUE(list[0]->active);
   PartitionNode* ext = list[1];
   EXPECT_EQ(ext->role, PartitionRole::Extended);
   EXPECT_EQ(disk->facts().extendedDosCount, 1u);

@@ -5,6 +5,7 @@
 
 #include "core/Endian.h"
 #include "core/Error.h"
+#include "disk/MbrTestSupport.h"
 #include "disk/access/NtBuffers.h"
 
 using namespace Corvo::Disk;
@@ -14,17 +15,7 @@ using Corvo::Core::get64;
 
 namespace {
 
-OsLayoutEntry entry(uint32_t number, uint64_t first, uint64_t count, uint8_t type, bool container = false,
-                    uint64_t tableBlock = 0) {
-  OsLayoutEntry e;
-  e.number = number;
-  e.firstBlock = first;
-  e.blockCount = count;
-  e.type = type;
-  e.container = container;
-  e.tableBlock = tableBlock;
-  return e;
-}
+using KdiskTest::osEntry;
 
 TEST(NtBuffers, BuffersGrowOnlyOnTheRetryCodes) {
   struct Case {
@@ -91,8 +82,8 @@ TEST(NtBuffers, GeometryReplies) {
 TEST(NtBuffers, MbrLayoutWithLogicalDrives) {
   OsLayout l;
   l.signature = 0xA1B2C3D4;
-  l.entries = {entry(1, 2048, 20480, 0x07), entry(2, 22528, 40960, 0x0F, true), entry(5, 24576, 8192, 0x0B, false),
-               entry(6, 34816, 8192, 0x83, false, 32768)};
+  l.entries = {osEntry(1, 2048, 20480, 0x07), osEntry(2, 22528, 40960, 0x0F, true), osEntry(5, 24576, 8192, 0x0B, false),
+               osEntry(6, 34816, 8192, 0x83, false, 32768)};
   l.entries[0].active = true;
   NtLayout nt = toNtLayout(l);
   ASSERT_EQ(nt.partitions.size(), 12u);  // MBR + two extended boot records, four slots each
@@ -157,12 +148,12 @@ TEST(NtBuffers, GptLayout) {
   l.diskGuid[0] = 0x11;
   l.firstUsableBlock = 34;
   l.usableBlocks = 1000000;
-  OsLayoutEntry e = entry(1, 2048, 4096, 0);
+  OsLayoutEntry e = osEntry(1, 2048, 4096, 0);
   e.typeGuid[0] = 0xA2;
   e.uniqueGuid[15] = 0x7E;
   e.attributes = uint64_t{1} << 63;
   e.name = u"Basic data partition";
-  OsLayoutEntry third = entry(3, 8192, 2048, 0);
+  OsLayoutEntry third = osEntry(3, 8192, 2048, 0);
   third.typeGuid[0] = 0x0F;
   l.entries = {e, third};
   auto b = buildLayoutEx(toNtLayout(l));

@@ -28,6 +28,15 @@ void run(const std::string& cmd) {
   ASSERT_EQ(runCommand(cmd, &out), 0) << cmd << "\n" << out;
 }
 
+// qemu-img finds the VMDK sound and holding exactly `expected`.
+void expectQemuReads(const KdiskTest::TempDir& dir, const std::string& vmdk, const std::vector<uint8_t>& expected) {
+  const std::string raw = dir.file("want.raw");
+  std::ofstream(raw, std::ios::binary)
+      .write(reinterpret_cast<const char*>(expected.data()), static_cast<std::streamsize>(expected.size()));
+  run("qemu-img check -q " + vmdk);
+  run("qemu-img compare -q -f vmdk -F raw " + vmdk + " " + raw);
+}
+
 std::vector<uint8_t> readAll(DiskDriveAccess& d) {
   std::vector<uint8_t> all(d.totalBlocks() * 512);
   // Odd-sized transfers so reads cross grain boundaries at different offsets.
@@ -106,11 +115,7 @@ TEST_P(Vmdk, WritesAreSeenByQemu) {
     d->flush();
     EXPECT_EQ(readAll(*d), expected);
   }
-  std::string raw = dir_.file("after.raw");
-  std::ofstream(raw, std::ios::binary).write(reinterpret_cast<const char*>(expected.data()),
-                                             static_cast<std::streamsize>(expected.size()));
-  run("qemu-img check -q " + vmdk);
-  run("qemu-img compare -q -f vmdk -F raw " + vmdk + " " + raw);
+  expectQemuReads(dir_, vmdk, expected);
   EXPECT_EQ(readAll(*openImageDisk(vmdk)), expected);
 }
 
@@ -174,9 +179,7 @@ TEST(VmdkFlat, RelativeExtentAndDefaultGeometry) {
   EXPECT_EQ(s, std::vector<uint8_t>(512, 0));
 }
 
-}  // namespace
 
-namespace {
 
 // A grain directory entry without a table: the first write there makes the table (both
 // copies) as well as the grain.
@@ -206,13 +209,9 @@ TEST(VmdkSparse, WriteCreatesMissingGrainTable) {
   EXPECT_NE(get32(after.data() + gd * 512 + 4), 0u);
   EXPECT_NE(get32(after.data() + rgd * 512 + 4), 0u);
   EXPECT_NE(get32(after.data() + gd * 512 + 4), get32(after.data() + rgd * 512 + 4));
-  std::string raw = dir.file("want.raw");
-  run("truncate -s 64M " + raw);
-  std::fstream(raw, std::ios::binary | std::ios::in | std::ios::out)
-      .seekp(70000 * 512)
-      .write(reinterpret_cast<const char*>(data.data()), 1024);
-  run("qemu-img check -q " + vmdk);
-  run("qemu-img compare -q -f vmdk -F raw " + vmdk + " " + raw);
+  std::vector<uint8_t> want(64 << 20, 0);
+  std::copy(data.begin(), data.end(), want.begin() + 70000 * 512);
+  expectQemuReads(dir, vmdk, want);
 }
 
 }  // namespace

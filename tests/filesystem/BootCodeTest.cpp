@@ -11,19 +11,6 @@
 
 using namespace Corvo::Filesystem;
 
-TEST(BootCode, ImagesCarryTheirMessagesAndSignature) {
-  const std::pair<const uint8_t*, size_t> images[] = {{BootCode::kFat16Loader, BootCode::kFat16LoaderSize},
-                                                      {BootCode::kFat32Loader, BootCode::kFat32LoaderSize},
-                                                      {BootCode::kFat32BootSector, BootCode::kFat32BootSectorSize}};
-  for (const auto& [data, size] : images)
-    for (const char* text : {"Invalid system disk", "Replace the disk, and then press any key", "Disk I/O error"})
-      EXPECT_NE(std::string(reinterpret_cast<const char*>(data), size).find(text), std::string::npos) << text;
-  EXPECT_EQ(BootCode::kFat16Loader[0], 0xFA) << "the jump EB 3C lands on cli";
-  EXPECT_EQ(BootCode::kFat32Loader[0], 0xFA) << "the jump EB 58 lands on cli";
-  EXPECT_EQ(BootCode::kFat32BootSector[510], 0x55);
-  EXPECT_EQ(BootCode::kFat32BootSector[511], 0xAA);
-}
-
 // The committed arrays are exactly what the assembly sources produce.
 TEST(BootCode, ArraysMatchTheirAssemblySource) {
   // The source tree: KDISK_SOURCE, else two levels above this file.
