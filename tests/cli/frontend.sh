@@ -6,7 +6,7 @@ KDISK_BIN=${1:?usage: frontend.sh path/to/kdisk}
 KDISK=$KDISK_BIN
 export KDISK_NO_REBOOT=1
 unset KDISK_TEST_FAULT
-. "$(dirname "$0")/lib/frontend.bash"
+. "$(dirname "$0")/lib/partition.bash"
 
 # --- banner
 for args in "/VERSION" "/ver" "/CRE /DEL /VERSION" "/VERSION /FOO:bar"; do
@@ -94,9 +94,9 @@ for args in "/USBTIMEOUT=abc" "/NOUSB=1" "/ADDDISK"; do
 done
 
 # --- /DIAG
-run /DIAG:"$fe_tmp/diag.log" /?
+run /DIAG:"$WORK/diag.log" /?
 expect_rc 0 "/DIAG"
-[ -s "$fe_tmp/diag.log" ] || fail "/DIAG: no log written"
+[ -s "$WORK/diag.log" ] || fail "/DIAG: no log written"
 run /DIAG /?
 expect_rc 2 "/DIAG without a value"
 
@@ -107,7 +107,7 @@ run /CRE /DEL /R
 expect_not_in "Reboot" out "failed line with /R"
 
 # --- batch files
-b=$fe_tmp/batch
+b=$WORK/batch
 mkdir -p "$b"
 printf '# comment\n\n/? /CRE\n   \n/H /DEL\r\n/? /VIEW:1' >"$b/ok.txt"
 run /BATCH:"$b/ok.txt"
@@ -174,7 +174,7 @@ expect_in "> kdisk " out "interactive prompt"
 expect_in "Deletes fixed disk partitions" out "interactive line after a failure"
 
 # --- error file for a library error reaching the top level: beside the program
-d=$fe_tmp/prog
+d=$WORK/prog
 mkdir -p "$d"
 cp "$KDISK_BIN" "$d/kdisk"
 KDISK="$d/kdisk"
@@ -201,4 +201,4 @@ expect_rc 1 "access denied"
 [ "$err" = "Disk access has been denied in the current context." ] || fail "access denied message"
 [ ! -e "$d/kdiskerr.txt" ] || fail "access denied wrote an error file"
 
-fe_finish
+finish

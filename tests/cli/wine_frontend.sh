@@ -16,9 +16,9 @@ stop_wine() { wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$WIN
 wineboot -i >/dev/null 2>&1
 
 KDISK="wine $exe"
-. "$(dirname "$0")/lib/frontend.bash"
-trap 'stop_wine; rm -rf "$fe_tmp"' EXIT
-cd "$fe_tmp" || exit 1
+. "$(dirname "$0")/lib/partition.bash"
+trap 'stop_wine; rm -rf "$WORK"' EXIT
+cd "$WORK" || exit 1
 
 run /VERSION
 expect_rc 0 "/VERSION"
@@ -72,4 +72,4 @@ else
   fail "no error file beside kdisk.exe"
 fi
 
-fe_finish
+finish

@@ -5,7 +5,7 @@ set -euo pipefail
 exe=${KDISK_WINE_EXE:-}
 [ -n "$exe" ] || { echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; }
 [ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
-. "$(dirname "$0")/lib/disk_commands.bash"
+. "$(dirname "$0")/lib/partition.bash"
 need_tools wine wineserver winepath sfdisk sha256sum
 KDISK=$exe KDISK_RUNNER=wine
 work=$(mktemp -d /tmp/kdisk-wine-sv-XXXXXX)
@@ -13,7 +13,7 @@ export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 unset DISPLAY
 mkdir -p "$WINEPREFIX"
 wineserver -p
-trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work"' EXIT
+trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work" "$WORK"' EXIT
 wineboot -i >/dev/null 2>&1
 img=$work/disk.img
 truncate -s 8M "$img"
