@@ -138,3 +138,17 @@ expect_not_in() {
   [ "$2" = err ] && hay=$err
   case "$hay" in *"$1"*) fail "$3: '$1' unexpectedly in std$2" ;; esac
 }
+# wine_start: skips unless KDISK_WINE_EXE names a Windows build and wine is installed; sets exe
+# and starts a private wine prefix and server under $WORK, both stopped and removed on exit.
+wine_start() {
+  exe=${KDISK_WINE_EXE:-}
+  [ -n "$exe" ] || skip "KDISK_WINE_EXE is empty (no Windows build)"
+  [ -f "$exe" ] || skip "$exe does not exist"
+  need_tools wine wineserver winepath
+  export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" KDISK_NO_REBOOT=1
+  unset DISPLAY
+  mkdir -p "$WINEPREFIX"
+  wineserver -p
+  trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$WORK"' EXIT
+  wineboot -i >/dev/null 2>&1
+}
