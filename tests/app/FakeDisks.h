@@ -30,14 +30,19 @@ class MemoryAccess : public Corvo::Disk::DiskDriveAccess {
   }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
     std::memcpy(data.data() + first * 512, buffer, count * 512);
+    sectorsWritten += count;
   }
   bool isBootDisk() const override { return bootDisk; }
+  void prepareForChange(uint64_t, uint64_t) override {
+    if (busy) throw Corvo::Core::Error(Corvo::Core::ErrorId::InUse, "The partition is mounted");
+  }
 
   std::vector<uint8_t> data;
   Corvo::Disk::Geometry geometry{};
   std::set<uint64_t> badSectors;
-  bool bootDisk = false;
+  bool bootDisk = false, busy = false;
   mutable uint64_t reads = 0;
+  uint64_t sectorsWritten = 0;
 };
 
 // A partition table held as nodes; changes are applied to the nodes and counted.
@@ -76,14 +81,21 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
   const std::vector<std::unique_ptr<Node>>& roots() const override { return roots_; }
   const Corvo::Disk::TableFacts& facts() const override { return facts_; }
   std::vector<Corvo::Disk::RawBootRecord> rawTables() const override { return raw; }
-  void reload() override { ++reloads; }
+  void reload() override {
+    if (failReload) throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "reload failed");
+    ++reloads;
+  }
   unsigned slotCount() const override { return 4; }
   unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
-  Node* createPrimary(Corvo::Disk::CreationRequest&) override { return nullptr; }
-  Node* createExtended(Corvo::Disk::CreationRequest&) override { return nullptr; }
-  Node* createLogical(Corvo::Disk::CreationRequest&) override { return nullptr; }
-  void remove(Node&) override { ++writes; }
-  void removeAll() override { ++writes; }
+  // Creation fails with "boom" when asked, else appends a node of the requested size at 2048.
+  Node* createPrimary(Corvo::Disk::CreationRequest& r) override { return create(r, Role::Primary, 0x06); }
+  Node* createExtended(Corvo::Disk::CreationRequest& r) override { return create(r, Role::Extended, 0x05); }
+  Node* createLogical(Corvo::Disk::CreationRequest& r) override { return create(r, Role::Logical, 0x06); }
+  void remove(Node& node) override {
+    ++writes;
+    std::erase_if(roots_, [&](const auto& p) { return p.get() == &node; });
+  }
+  void removeAll() override { ++writes, roots_.clear(); }
   void setActive(Node& node) override {
     failIfAsked();
     for (auto& r : roots_) r->active = false;
@@ -104,9 +116,15 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
   Corvo::Disk::TableFacts facts_;
   std::vector<Corvo::Disk::RawBootRecord> raw;
   int writes = 0, reloads = 0;
-  bool failWrites = false;
+  bool failWrites = false, createError = false, failReload = false;
 
  private:
+  Node* create(Corvo::Disk::CreationRequest& r, Role role, uint8_t type) {
+    if (createError) throw Corvo::Core::Error(Corvo::Core::ErrorId::NoSpace, "boom");
+    uint64_t size = r.sizeBlocks == Corvo::Disk::CreationRequest::kLargest ? 4096 : r.sizeBlocks;
+    roots_.push_back(makeNode(role, 2048, size, type, false));
+    return roots_.back().get();
+  }
   void failIfAsked() {
     if (failWrites) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "injected write failure");
   }

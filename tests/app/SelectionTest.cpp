@@ -32,26 +32,14 @@ TEST(Selection, PicksOneCommandOrRaisesTwo) {
   } cases[] = {
       {{}, ccDefault, -1, ""},
       {{"1"}, ccDefault, -1, ""},
-      {{"/CRE"}, ccCreate, -1, ""},
-      {{"/del"}, ccDelete, -1, ""},
-      {{"/STATUS"}, ccStatus, -1, ""},
-      {{"/ACT"}, ccActivate, -1, ""},
-      {{"/-ACT"}, ccDeactivate, -1, ""},
-      {{"/HIDE"}, ccHide, -1, ""},
-      {{"/-HIDE"}, ccUnhide, -1, ""},
       {{"/MBR"}, ccMbr, -1, ""},
       {{"/GPT"}, ccGpt, -1, ""},
       {{"/REVERT"}, ccRevert, -1, ""},
       {{"/ATASECURITY"}, ccAtaSecurity, -1, ""},
       {{"/DISKWIPE"}, ccDiskWipe, -1, ""},
       {{"/BOOTINI"}, ccBootIni, -1, ""},
-      {{"/VIEW:0"}, ccView, -1, ""},
       {{"/VIEW"}, ccView, -1, ""},  // the body reports the missing value
-      {{"/CRE", "/DEL"}, 0, 2, "Specify one of /CRE, /DEL, /STATUS, /ACT, /HIDE, /MBR, /DISKWIPE or /BOOTINI"},
       {{"/GPT", "/VIEW:1"}, 0, 2, "Specify one of /CRE"},
-      {{"/ACT", "/-ACT", "/CRE"}, 0, 2, "Conflicting switches. Specify either /ACT or /-ACT"},
-      {{"/HIDE", "/-HIDE"}, 0, 2, "Conflicting switches. Specify either /HIDE or /-HIDE"},
-      {{"/CRE", "/Y", "/SURE"}, 0, 2, "Conflicting switches. Specify either /Y or /SURE"},
       {{"/?", "/CRE", "/DEL"}, 0, 2, "Specify one of"},  // the conflict comes before the help
       {{"/?"}, ccHelpShown, -1, ""},
       {{"/H", "/CRE"}, ccHelpShown, -1, ""},
@@ -89,13 +77,6 @@ TEST(Selection, GlobalOptionsSetKeysAndPromptMode) {
   EXPECT_EQ(capture.sink().questions, "");
   setPromptMode(2);
   Config::clear();
-}
-
-TEST(Selection, AtaSecurityIsRefusedWithTwo) {
-  KdiskTest::ScopedCapture capture;
-  SwitchSet set = line({"/ATASECURITY"});
-  EXPECT_EQ(runCommandBody(ccAtaSecurity, set), 2);
-  EXPECT_EQ(capture.sink().errors, "/ATASECURITY switch is only supported in the DOS version of kdisk\n");
 }
 
 TEST(Selection, RebootIsRefusedWhenTestsForbidIt) {

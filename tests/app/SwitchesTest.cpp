@@ -12,13 +12,6 @@ SwitchSet line(std::initializer_list<const char*> words) {
 }
 }  // namespace
 
-TEST(Switches, TableHasEveryObjectOnce) {
-  const auto& all = allSwitches();
-  EXPECT_EQ(all.size(), 79u);
-  for (size_t i = 0; i < all.size(); ++i)
-    for (size_t j = i + 1; j < all.size(); ++j) EXPECT_NE(all[i], all[j]);
-}
-
 TEST(Switches, IsPresentMatchesWholeNamesIgnoringCase) {
   struct Case {
     std::vector<std::string> args;
@@ -88,12 +81,4 @@ TEST(Switches, ValidateReportsTheFirstFault) {
     EXPECT_EQ(ok, c.error[0] == 0) << c.set.args()[1] << ": " << c.set.errorText();
     EXPECT_EQ(c.set.errorText(), c.error) << c.set.args()[1];
   }
-}
-
-TEST(Switches, CountParametersSkipsTheProgramName) {
-  EXPECT_EQ(line({"1", "/CRE", "x"}).countParameters(), 2);
-  EXPECT_EQ(line({"/CRE"}).countParameters(), 0);
-  SwitchSet set = line({"/CRE", "7"});
-  ASSERT_NE(set.firstParameter(), nullptr);
-  EXPECT_EQ(*set.firstParameter(), "7");
 }

@@ -3,10 +3,9 @@
 # sfdisk's own reading of the table, and every refusal leaves the image byte-identical.
 set -euo pipefail
 KDISK=${1:?usage: activate_hide.sh path/to/kdisk}
-. "$(dirname "$0")/lib/disk_commands.bash"
+. "$(dirname "$0")/lib/partition.bash"
 need_tools sfdisk sha256sum
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+work=$WORK
 img=$work/disk.img
 
 # Display numbers: 1 NTFS (active), 2 FAT16, 3 Linux, 4 extended, 5 logical FAT16.
@@ -20,15 +19,6 @@ start=8192, type=f
 size=2048, type=6
 T
 
-# refused CODE MESSAGE ARGS...: the command fails with CODE and MESSAGE and writes nothing.
-refused() {
-  local code=$1 msg=$2 s; shift 2
-  s=$(sum "$img")
-  kd "$img" -- "$@"
-  expect_rc "$code" "$*"
-  expect_out "$msg" "$*"
-  [ "$(sum "$img")" = "$s" ] || fail "$*: the image changed"
-}
 # unchanged WARNING ARGS...: exit 0 with the warning and the status table, nothing written.
 unchanged() {
   local msg=$1 s; shift
@@ -61,23 +51,25 @@ tbl() {  # tbl T1 T2 T3 T4 T5 BOOTSLOT [no-logicals]
 changed_checked=$(table_of "$img")
 [ "$changed_checked" = "$(tbl 7 6 83 f 6 1)" ] || { echo "sfdisk produced an unexpected table"; exit 1; }
 
-# Command line and partition number checks.
-refused 2 "Invalid partition number -- 0" 1 /ACT /P:0
-refused 2 "Invalid partition number -- 2x" 1 /ACT /P:2x
-refused 2 "Required switch missing -- /P" 1 /ACT
-refused 1 "Invalid partition number -- 9" 1 /HIDE /P:9
-refused 2 "Required parameter missing -- fixed disk number" /ACT /P:1
-refused 1 "No such fixed disk -- 2" 2 /ACT /P:1
+# Command line and partition number checks: exit code, message, arguments; image unchanged.
+refuse "$img" <<'T'
+2|~Invalid partition number -- 0|1 /ACT /P:0
+2|~Invalid partition number -- 2x|1 /ACT /P:2x
+2|~Required switch missing -- /P|1 /ACT
+1|~Invalid partition number -- 9|1 /HIDE /P:9
+2|~Required parameter missing -- fixed disk number|/ACT /P:1
+1|~No such fixed disk -- 2|2 /ACT /P:1
+T
 
 # /ACT rules, in order.
 unchanged "The specified partition is already active" 1 /ACT /P:1
-refused 1 "Logical DOS drives may not be set active" 1 /ACT /P:5
-refused 1 "The extended DOS partition may not be set active" 1 /ACT /P:4
+refuse "$img" <<<"1|~Logical DOS drives may not be set active|1 /ACT /P:5"
+refuse "$img" <<<"1|~The extended DOS partition may not be set active|1 /ACT /P:4"
 changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 2)" 1 /ACT /P:2
 
 # /-ACT: a partition that is not active; the only active one needs a Yes.
 unchanged "The specified partition is not active" 1 /-ACT /P:1
-refused 1 "will not be bootable until a partition is set active. Continue?" 1 /-ACT /P:2
+refuse "$img" <<<"1|~will not be bootable until a partition is set active. Continue?|1 /-ACT /P:2"
 changed "*DEACTIVATED*" "$(tbl 7 6 83 f 6 0)" 1 /-ACT /P:2 /Y
 changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 1)" 1 /ACT /P:1
 
@@ -85,11 +77,11 @@ changed "*ACTIVATED*" "$(tbl 7 6 83 f 6 1)" 1 /ACT /P:1
 changed "*HIDDEN*" "$(tbl 17 6 83 f 6 1)" 1 /HIDE /P:1
 expect_no_out "No partitions are set active" "an image is not the boot disk"
 unchanged "The specified partition is already hidden" 1 /HIDE /P:1
-refused 1 "Cannot hide partitions of this type" 1 /HIDE /P:3
+refuse "$img" <<<"1|~Cannot hide partitions of this type|1 /HIDE /P:3"
 unchanged "The specified partition is not currently hidden" 1 /-HIDE /P:3
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:1
 changed "*HIDDEN*" "$(tbl 7 16 83 f 6 1)" 1 /HIDE /P:2
-refused 1 "Hidden partitions may not be set active" 1 /ACT /P:2
+refuse "$img" <<<"1|~Hidden partitions may not be set active|1 /ACT /P:2"
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:2
 changed "*HIDDEN*" "$(tbl 7 6 83 f 16 1)" 1 /HIDE /P:5
 changed "*UNHIDDEN*" "$(tbl 7 6 83 f 6 1)" 1 /-HIDE /P:5
@@ -105,12 +97,12 @@ start=2048, size=2048, type=1f
 start=4096, type=5
 T
 img=$work/two.img
-refused 1 "Unhiding this partition would result in there being more than one extended DOS partition" 1 /-HIDE /P:1
+refuse "$img" <<<"1|~Unhiding this partition would result in there being more than one extended DOS partition|1 /-HIDE /P:1"
 
 # GPT disks have neither active flags nor hidden types.
 truncate -s 8M "$work/gpt.img"
 printf 'label: gpt\nstart=2048, size=2048\n' | sfdisk -q "$work/gpt.img"
 img=$work/gpt.img
-refused 1 "GPT disk" 1 /ACT /P:1
-refused 1 "GPT disk" 1 /HIDE /P:1
+refuse "$img" <<<"1|~GPT disk|1 /ACT /P:1"
+refuse "$img" <<<"1|~GPT disk|1 /HIDE /P:1"
 finish

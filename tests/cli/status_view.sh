@@ -4,10 +4,9 @@
 # and checks its ranges, and nothing here writes to the image.
 set -euo pipefail
 KDISK=${1:?usage: status_view.sh path/to/kdisk}
-. "$(dirname "$0")/lib/disk_commands.bash"
+. "$(dirname "$0")/lib/partition.bash"
 need_tools sfdisk jq mkfs.fat mkfs.ext2 sha256sum od
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+work=$WORK
 img=$work/disk.img blank=$work/blank.img gpt=$work/gpt.img
 
 # 64 MB: FAT16 (active), NTFS-typed, swap-typed, and an extended partition with ext2 and FAT32

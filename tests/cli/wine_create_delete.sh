@@ -2,20 +2,10 @@
 # The Windows build under wine creates, formats, activates, wipes and deletes on an image the
 # same way as the native program. Uses a private wine prefix and wine server.
 set -u
-exe=${KDISK_WINE_EXE:-}
-if [ -z "$exe" ]; then echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; fi
-if ! command -v wine >/dev/null || ! command -v wineserver >/dev/null; then echo "SKIP: wine is not installed"; exit 77; fi
-[ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
-KDISK=$exe WINE=wine
 . "$(dirname "$0")/lib/partition.bash"
+wine_start
 require_partitioning
-
-export WINEPREFIX="$WORK/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" KDISK_NO_REBOOT=1
-unset DISPLAY
-mkdir -p "$WINEPREFIX"
-wineserver -p
-trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$WORK"' EXIT
-wineboot -i >/dev/null 2>&1
+KDISK=$exe WINE=wine
 
 img=$WORK/disk.img
 truncate -s 32M "$img"

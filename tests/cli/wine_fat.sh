@@ -2,19 +2,10 @@
 # The Windows build under wine formats a new FAT32 partition on an image file: the partition
 # gets type 0B, and fsck.fat -n and mtools accept the volume with its label.
 set -euo pipefail
-exe=${KDISK_WINE_EXE:-}
-[ -n "$exe" ] || { echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; }
-[ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
-. "$(dirname "$0")/lib/disk_commands.bash"
-need_tools wine wineserver winepath sfdisk fsck.fat mdir
-KDISK=$exe KDISK_RUNNER=wine
-work=$(mktemp -d /tmp/kdisk-wine-fat-XXXXXX)
-export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
-unset DISPLAY
-mkdir -p "$WINEPREFIX"
-wineserver -p
-trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work"' EXIT
-wineboot -i >/dev/null 2>&1
+. "$(dirname "$0")/lib/partition.bash"
+wine_start
+need_tools sfdisk fsck.fat mdir
+KDISK=$exe KDISK_RUNNER=wine work=$WORK
 img=$work/disk.img
 truncate -s 700M "$img"
 

@@ -2,23 +2,11 @@
 # The Windows build under wine: the same front-end behaviour as the native program (messages
 # on the same streams, the same exit codes). Uses a private wine prefix and wine server.
 set -u
-exe=${KDISK_WINE_EXE:-}
-if [ -z "$exe" ]; then echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; fi
-if ! command -v wine >/dev/null || ! command -v wineserver >/dev/null; then echo "SKIP: wine is not installed"; exit 77; fi
-[ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
-
-export WINEPREFIX
-WINEPREFIX=$(mktemp -d /tmp/kdisk-wine-XXXXXX)
-export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" KDISK_NO_REBOOT=1
-unset KDISK_TEST_FAULT DISPLAY
-wineserver -p
-stop_wine() { wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$WINEPREFIX"; }
-wineboot -i >/dev/null 2>&1
-
+unset KDISK_TEST_FAULT
+. "$(dirname "$0")/lib/partition.bash"
+wine_start
 KDISK="wine $exe"
-. "$(dirname "$0")/lib/frontend.bash"
-trap 'stop_wine; rm -rf "$fe_tmp"' EXIT
-cd "$fe_tmp" || exit 1
+cd "$WORK" || exit 1
 
 run /VERSION
 expect_rc 0 "/VERSION"
@@ -28,23 +16,18 @@ run /CRE /DEL
 expect_rc 2 "/CRE /DEL"
 [ "$err" = "Conflicting switches. Specify one of /CRE, /DEL, /STATUS, /ACT, /HIDE, /MBR, /DISKWIPE or /BOOTINI" ] ||
   fail "conflict message on stderr"
-run /STATUS /Y /SURE
-expect_rc 2 "/Y /SURE"
-expect_in "Conflicting switches. Specify either /Y or /SURE" err "/Y /SURE"
-run /ATASECURITY
-expect_rc 2 "/ATASECURITY"
-expect_in "/ATASECURITY switch is only supported in the DOS version of kdisk" err "/ATASECURITY"
-
-run /?
-expect_rc 0 "/?"
-expect_in "kdisk disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%}}] [/END]" out "general help"
-run /? /GPT
-expect_rc 0 "/? /GPT"
-expect_in "/GPT switch is only supported in the DOS & Vista version of kdisk" out "/? /GPT"
-
-run /USBTIMEOUT=abc
-expect_rc 1 "bad start-up switch"
-expect_in "USBTIMEOUT" err "bad start-up switch"
+while IFS='|' read -r code where args text; do
+  # shellcheck disable=SC2086
+  run $args
+  expect_rc "$code" "$args"
+  expect_in "$text" "$where" "$args"
+done <<'T'
+2|err|/STATUS /Y /SURE|Conflicting switches. Specify either /Y or /SURE
+2|err|/ATASECURITY|/ATASECURITY switch is only supported in the DOS version of kdisk
+0|out|/?|kdisk disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%}}] [/END]
+0|out|/? /GPT|/GPT switch is only supported in the DOS & Vista version of kdisk
+1|err|/USBTIMEOUT=abc|USBTIMEOUT
+T
 
 printf '# comment\n\n/? /CRE\n/H /DEL\n' >ok.txt
 run /BATCH:ok.txt
@@ -72,4 +55,4 @@ else
   fail "no error file beside kdisk.exe"
 fi
 
-fe_finish
+finish

@@ -2,19 +2,10 @@
 # The Windows build under wine on an image file: the status display, /VIEW and /ACT behave as
 # in the native build (sfdisk confirms the change; a refusal leaves the image untouched).
 set -euo pipefail
-exe=${KDISK_WINE_EXE:-}
-[ -n "$exe" ] || { echo "SKIP: KDISK_WINE_EXE is empty (no Windows build)"; exit 77; }
-[ -f "$exe" ] || { echo "SKIP: $exe does not exist"; exit 77; }
-. "$(dirname "$0")/lib/disk_commands.bash"
-need_tools wine wineserver winepath sfdisk sha256sum
-KDISK=$exe KDISK_RUNNER=wine
-work=$(mktemp -d /tmp/kdisk-wine-sv-XXXXXX)
-export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
-unset DISPLAY
-mkdir -p "$WINEPREFIX"
-wineserver -p
-trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$work"' EXIT
-wineboot -i >/dev/null 2>&1
+. "$(dirname "$0")/lib/partition.bash"
+wine_start
+need_tools sfdisk sha256sum
+KDISK=$exe KDISK_RUNNER=wine work=$WORK
 img=$work/disk.img
 truncate -s 8M "$img"
 printf 'label: dos\nstart=2048, size=2048, type=7, bootable\nstart=4096, type=f\nsize=2048, type=6\n' | sfdisk -q "$img"

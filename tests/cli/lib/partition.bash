@@ -12,16 +12,39 @@ finish() {
 }
 skip() { echo "SKIP: $*"; exit 77; }
 
-# kd_answer TEXT IMAGE ARGS... : runs kdisk on the image with TEXT as the console input; sets
-# RC, OUT and ERR. With WINE set the Windows build runs under wine and gets the image's
-# Windows path. kd IMAGE ARGS... : the same with no input at all.
+# kd_answer TEXT IMAGE ARGS... or kd_answer TEXT IMAGE... -- ARGS...: runs kdisk on the images
+# with TEXT as the console input; sets RC (and rc), OUT, ERR and out (stderr then stdout).
+# With WINE (or KDISK_RUNNER) set to wine the Windows build runs and gets Windows paths.
+# kd ...: the same with no input at all. Works with and without set -e.
 kd_answer() {
-  local answer=$1 img=$2; shift 2
-  [ -z "${WINE:-}" ] || img="Z:$(printf '%s' "$img" | tr '/' '\\')"
-  printf '%s' "$answer" | ${WINE:-} "$KDISK" /NOOSDISK "/ADDDISK=$img" "$@" >"$WORK/out" 2>"$WORK/err"
-  RC=$?; OUT=$(tr -d '\r' <"$WORK/out"); ERR=$(tr -d '\r' <"$WORK/err")
+  local answer=$1 wine=${WINE:-${KDISK_RUNNER:-}} disks=() p e=$-; shift
+  case " $* " in
+    *" -- "*) while [ "$1" != "--" ]; do disks+=("$1"); shift; done; shift ;;
+    *) disks=("$1"); shift ;;
+  esac
+  local args=()
+  for p in "${disks[@]}"; do
+    [ -z "$wine" ] || p="Z:$(printf '%s' "$p" | tr '/' '\\')"
+    args+=("/ADDDISK=$p")
+  done
+  set +e
+  $wine "$KDISK" /NOOSDISK "${args[@]}" "$@" < <(printf '%s' "$answer") >"$WORK/out" 2>"$WORK/err"
+  RC=$?
+  [[ $e == *e* ]] && set -e
+  rc=$RC; OUT=$(tr -d '\r' <"$WORK/out"); ERR=$(tr -d '\r' <"$WORK/err")
+  out=$ERR$'\n'$OUT
 }
 kd() { kd_answer "" "$@"; }
+# run ARGS...: runs $KDISK (may be "wine path/kdisk.exe") /NOOSDISK ARGS with no disk, input from
+# $RUN_STDIN or none; sets RC (and rc), out (stdout) and err (stderr), carriage returns removed.
+run() {
+  local e=$-
+  set +e
+  $KDISK /NOOSDISK "$@" <"${RUN_STDIN:-/dev/null}" >"$WORK/out" 2>"$WORK/err"
+  RC=$?
+  [[ $e == *e* ]] && set -e
+  rc=$RC; out=$(tr -d '\r' <"$WORK/out"); err=$(tr -d '\r' <"$WORK/err"); ERR=$err
+}
 
 # Fails unless the last run ended with the code; the context names the case.
 expect_rc() { [ "$RC" = "$1" ] || fail "$2: exit code $RC, expected $1 (stderr: $ERR)"; }
@@ -85,3 +108,47 @@ first_byte() { dd if="$1" bs=512 skip="$2" count=1 status=none | od -An -tu1 -N1
 
 # Every check reads the tables back with sfdisk.
 require_partitioning() { command -v sfdisk >/dev/null && command -v jq >/dev/null || skip "needs sfdisk and jq"; }
+
+# Skips the test (exit 77) unless every named tool is on PATH.
+need_tools() {
+  local t
+  for t in "$@"; do command -v "$t" >/dev/null 2>&1 || skip "$t is not installed"; done
+}
+# expect_out TEXT WHAT: the last run's output contains TEXT (fixed string); expect_no_out: lacks it.
+expect_out() { grep -qF -- "$1" <<<"$out" || fail "$2: output lacks '$1'; output:"$'\n'"$out"; }
+expect_no_out() { ! grep -qF -- "$1" <<<"$out" || fail "$2: output has '$1'"; }
+sum() { sha "$1"; }
+
+# The table as sfdisk reads it, one partition a line: "start size type bootable".
+table_of() { sfdisk --dump "$1" 2>/dev/null | awk -F'[:,]' '/start=/ {
+  s = ""; z = ""; t = ""; b = 0
+  for (i = 2; i <= NF; i++) { f = $i; gsub(/ /, "", f)
+    if (f ~ /^start=/) s = substr(f, 7); else if (f ~ /^size=/) z = substr(f, 6)
+    else if (f ~ /^type=/) t = substr(f, 6); else if (f == "bootable") b = 1 }
+  print s, z, t, b }'; }
+# expect_in TEXT WHERE(out|err) WHAT: the fixed text occurs (or, expect_not_in, does not) in
+# stdout or stderr of the last run.
+expect_in() {
+  local hay=$out
+  [ "$2" = err ] && hay=$err
+  case "$hay" in *"$1"*) ;; *) fail "$3: '$1' not in std$2 (stdout: ${out:0:600} stderr: ${err:0:600})" ;; esac
+}
+expect_not_in() {
+  local hay=$out
+  [ "$2" = err ] && hay=$err
+  case "$hay" in *"$1"*) fail "$3: '$1' unexpectedly in std$2" ;; esac
+}
+# wine_start: skips unless KDISK_WINE_EXE names a Windows build and wine is installed; sets exe
+# and starts a private wine prefix and server under $WORK, both stopped and removed on exit.
+wine_start() {
+  exe=${KDISK_WINE_EXE:-}
+  [ -n "$exe" ] || skip "KDISK_WINE_EXE is empty (no Windows build)"
+  [ -f "$exe" ] || skip "$exe does not exist"
+  need_tools wine wineserver winepath
+  export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" KDISK_NO_REBOOT=1
+  unset DISPLAY
+  mkdir -p "$WINEPREFIX"
+  wineserver -p
+  trap 'wineserver -k 2>/dev/null; wineserver -w 2>/dev/null; rm -rf "$WORK"' EXIT
+  wineboot -i >/dev/null 2>&1
+}
