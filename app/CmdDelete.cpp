@@ -233,11 +233,7 @@ int commandDelete(SwitchSet& set) {
   const uint32_t index = parseDiskNumber(set);
   if (index == kNoDisk) return 2;
   FixedDisk* disk = findDisk(index);
-  if (!disk) return 1;
-  if (!disk->ok()) {
-    message(mkError, "%s", disk->status ? disk->status->text().c_str() : "The fixed disk could not be read");
-    return 1;
-  }
+  if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
   PartitionedDisk& layout = *disk->layout;
   const unsigned passes = static_cast<unsigned>(customCount);
 
