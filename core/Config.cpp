@@ -61,6 +61,7 @@ const StartupSwitch kSwitches[] = {
     {"NOPASSTHROUGH", "DiskManager::scsiPassThrough", Kind::Flag, "0"},
     {"NOBOOTCODE", "BootCode.HarvestBootCode", Kind::Flag, "0"},
     {"NOOSLAYOUT", "Disk::noOsLayout", Kind::Flag, "1"},
+    {"BOOTDISK", "DiskManager::bootDisk", Kind::Number, nullptr},
     {"CACHEFLUSHSIZE", "StandardCache::CacheFlushSize", Kind::Number, nullptr},
     {"SPBLENGTH", "SequentialAccessDevice::preferredBlockLength", Kind::Number, nullptr},
     {"BUFFERSIZE", "LfoImageFileDeviceFactory::bufferSize", Kind::Number, nullptr},

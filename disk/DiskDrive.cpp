@@ -41,6 +41,12 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   return kDefaultTransferBlocks;
 }
 
+bool DiskDrive::isBootDisk() const {
+  if (Core::Config::has("DiskManager::bootDisk"))
+    return Core::Config::getInt("DiskManager::bootDisk", 0) == static_cast<int64_t>(id_) + 1;
+  return access_->isBootDisk();
+}
+
 void DiskDrive::failed(const Error& e) {
   const ErrorId id = e.id();
   if (id == ErrorId::ReadFailed || id == ErrorId::WriteFailed || id == ErrorId::VerifyFailed)

@@ -25,7 +25,9 @@ class DiskDrive : public BlockDevice {
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
   bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
-  bool isBootDisk() const { return access_->isBootDisk(); }
+  // The disk the running system started from. "DiskManager::bootDisk" (the /BOOTDISK= start-up
+  // switch) names it instead, by its 1-based number, so that images can stand in for it.
+  bool isBootDisk() const;
   void flush() override { access_->flush(); }
 
   // Tells the OS the new layout unless "Disk::noOsLayout" is set or the backend has no OS

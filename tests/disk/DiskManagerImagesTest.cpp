@@ -37,6 +37,12 @@ TEST(DiskManagerImages, NumbersAddedDisksAndKeepsFailedOnes) {
   ASSERT_NE(m.getDrive(2), nullptr);
   EXPECT_EQ(m.getDrive(2)->getNumericId(), 2u);
   EXPECT_EQ(m.getDrive(2)->geometry().heads, 255u);
+  // /BOOTDISK=3 makes the third disk the boot disk, and only that one.
+  Core::Config::setInt("DiskManager::bootDisk", 3);
+  EXPECT_TRUE(m.getDrive(2)->isBootDisk());
+  EXPECT_FALSE(m.getDrive(0)->isBootDisk());
+  Core::Config::unset("DiskManager::bootDisk");
+  EXPECT_FALSE(m.getDrive(2)->isBootDisk());
 
   Disk::DiskDrive& d = *m.getDrive(2);
   std::vector<uint8_t> buf(2 * 512, 0x11);
