@@ -22,6 +22,7 @@ win_ini=$(winepath -w "$ini")
 attrib() { wine cmd /c attrib "$win_ini" 2>/dev/null | tr -d '\r' | cut -c1-12; }
 wine cmd /c attrib +r +s +h "$win_ini" >/dev/null 2>&1
 attributes=$(attrib)
+echo "boot.ini attributes under wine: $attributes"
 
 kd "$img" /BOOTINI /ADD /D:1 /P:1 "/DESC:Lab: DOS 6.22?" "/INIFILE:$win_ini"
 expect_rc 0 "add"
