@@ -38,8 +38,9 @@ BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std:
 
 // Writes the new master boot record to the disk. With wipe every partition goes too: the
 // slots are cleared, and after the record is on the medium the extended boot records and any
-// GPT headers are zeroed, so that no tool finds the old table. The tables are read again
-// afterwards; when the partitions went, the OS is told the empty layout. Returns the text of
+// GPT headers are zeroed, so that no tool finds the old table, and the OS is told the empty
+// layout. The caller reads the tables again afterwards (with PartitionedDisk::load: a GPT disk
+// may have become an MBR disk). Returns the text of
 // a failed OS update (empty when none); throws Core::Error for everything else, before any
 // write when a partition cannot be changed.
 std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8_t>& code, DiskIdMode mode, bool wipe);

@@ -111,7 +111,6 @@ std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8
     for (uint64_t b : stale) drive.write(b, 1, zero);
     drive.flush();
   }
-  layout.reload();
   if (!wipe) return {};
   OsLayout empty;
   empty.style = OsLayout::Mbr;

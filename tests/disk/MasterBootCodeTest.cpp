@@ -167,8 +167,10 @@ TEST(MasterBootCode, WipeWritesInOrder) {
     EXPECT_EQ(writeMasterBootCode(*layout, code, DiskIdMode::Preserve, true), "");
     EXPECT_EQ(log->log, c.log);
     EXPECT_EQ(log->prepared.size(), partitions);
+    layout = PartitionedDisk::load(drive);
     EXPECT_EQ(layout->scheme(), PartitionScheme::Mbr);
     EXPECT_TRUE(layout->displayList().empty());
+    EXPECT_TRUE(layout->facts().problems.empty());
     EXPECT_EQ(std::memcmp(log->data.data(), kMasterBootCode, kMasterBootCodeSize), 0);
     ASSERT_EQ(log->layouts.size(), 1u);
     EXPECT_TRUE(log->layouts[0].entries.empty());
