@@ -70,7 +70,7 @@ for args in "/BOOTINI" "/BOOTINI /DEFAULT"; do
 done
 
 # Refusals: CODE|MESSAGE (a whole line, or ~text found anywhere)|INPUT, then the arguments one
-# per field. boot.ini and its backup stay byte for byte as they were.
+# per field. boot.ini and its backup stay byte for byte as they were (compared with cmp).
 printf '[operating systems]\r\nC:\\="DOS"\r\n' >"$WORK/noloader.ini"
 printf '[boot loader]\r\ntimeout=1\r\n' >"$WORK/nosystems.ini"
 { cat "$golden/several.ini"; printf 'garbage line\r\n'; } >"$WORK/garbage.ini"
@@ -100,18 +100,25 @@ refusals() {
 1|~UTF-16|utf16.ini|/DEFAULT|/ENTRY:1
 T
 }
+printf 'previous\r\n' >"$WORK/previous.bak"
+n=0
 while IFS='|' read -r -a f; do
   code=${f[0]} msg=${f[1]} input=${f[2]}
-  dir=$(mktemp -d "$WORK/refuse-XXXX")
-  if [ -f "$golden/$input" ]; then cp "$golden/$input" "$dir/boot.ini"; else cp "$WORK/$input" "$dir/boot.ini"; fi
-  printf 'previous\r\n' >"$dir/boot.ini.bak"
-  before="$(sha "$dir/boot.ini") $(sha "$dir/boot.ini.bak")"
+  src=$golden/$input
+  [ -f "$src" ] || src=$WORK/$input
+  dir=$WORK/refuse$((++n))
+  mkdir "$dir"
+  cp "$src" "$dir/boot.ini"
+  cp "$WORK/previous.bak" "$dir/boot.ini.bak"
   kd "$img" /BOOTINI "/INIFILE:$dir/boot.ini" "${f[@]:3}"
   what="$input ${f[*]:3}"
   expect_rc "$code" "$what"
   case "$msg" in "~"*) expect_text "${msg#\~}" "$what" ;; *) expect_line "$msg" "$what" ;; esac
-  [ "$(sha "$dir/boot.ini") $(sha "$dir/boot.ini.bak")" = "$before" ] || fail "$what: boot.ini or its backup changed"
-  [ "$(find "$dir" -type f | wc -l)" = 2 ] || fail "$what: files were added: $(ls "$dir")"
+  # Byte for byte as before, and nothing added beside them.
+  cmp -s "$dir/boot.ini" "$src" && cmp -s "$dir/boot.ini.bak" "$WORK/previous.bak" ||
+    fail "$what: boot.ini or its backup changed"
+  files=("$dir"/*)
+  [ "${#files[@]}" = 2 ] || fail "$what: files were added: ${files[*]}"
 done < <(refusals)
 
 # No boot.ini at all, and no /INIFILE: on a system without C:\boot.ini.
