@@ -68,7 +68,7 @@ log_limited() {  # KiB, args...: sets RC and ERR
 log_limited 0 /ADDDISK="$img" /STATUS /DIAG:"$WORK/full.log"
 expect_rc 2 "log limit 0"
 expect_line "Cannot open diagnostic log $WORK/full.log -- it cannot be written (File too large)" "log limit 0"
-rm -f "$WORK/full.log"
+head -c 900 /dev/zero | tr '\0' '#' >"$WORK/full.log"  # the first line fits below the limit, not the rest
 log_limited 1 /ADDDISK="$img" /STATUS /DIAG:"$WORK/full.log"
 expect_rc 0 "log limit 1 KiB"
 expect_line "Cannot write diagnostic log $WORK/full.log -- File too large" "log limit 1 KiB"

@@ -18,8 +18,10 @@ using namespace Corvo::Disk;
 namespace {
 
 std::vector<uint8_t> seed(const std::string& name) {
-  const char* root = std::getenv("KDISK_SOURCE");
-  std::ifstream in(std::string(root ? root : ".") + "/tests/fuzz/seeds/" + name, std::ios::binary);
+  // This file lies in tests/disk/; the seeds in tests/fuzz/seeds/.
+  std::string here = __FILE__;
+  std::string tests = here.substr(0, here.rfind("/disk/") + 1);
+  std::ifstream in(tests + "fuzz/seeds/" + name, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
