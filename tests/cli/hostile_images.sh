@@ -111,6 +111,22 @@ fifo_image|it is a FIFO, not a regular file or a block device
 chardev_image|it is a character device, not a regular file or a block device
 EOT
 
+# An extent that is a block device (a loop device of this test's own, reached through a link
+# next to the descriptor) is refused before it is opened for writing; root only.
+if [ "$(id -u)" = 0 ] && command -v losetup >/dev/null && loop=$(losetup -f --show "$WORK/good.img" 2>/dev/null); then
+  mkdir -p "$WORK/blk"
+  ln -s "$loop" "$WORK/blk/dev"
+  flat_with_extent "$WORK/blk/disk.vmdk" dev
+  before=$(sha "$WORK/good.img")
+  hk /ADDDISK="$WORK/blk/disk.vmdk" 1 /CRE /PRI /Y
+  [ "$RC" = 1 ] || fail "block device extent: /CRE ended with $RC"
+  expect_text "dev is a block device, not a regular file" "block device extent"
+  losetup -d "$loop"
+  [ "$(sha "$WORK/good.img")" = "$before" ] || fail "block device extent: the device changed"
+else
+  echo "note: block device extent not checked (needs root and a free loop device)"
+fi
+
 # A header claiming 2^28 grain tables is refused without taking the memory it claims (the
 # whole directory used to be read at once: over 2 GB).
 d=$WORK/memory
