@@ -6,6 +6,7 @@
 
 #include "app/Help.h"
 #include "app/Selection.h"
+#include "core/FileKind.h"
 #include "core/Message.h"
 
 namespace Kdisk {
@@ -28,11 +29,12 @@ size_t findBatchArgument(const SwitchSet& set) {
 enum class LineStatus { Ok, TooLong, End };
 
 // Reads one line of at most kMaxBatchLine characters; the newline (or CR LF) is not kept.
-// A line reaching kMaxBatchLine + 1 characters without its newline is too long.
+// A line reaching kMaxBatchLine + 1 characters without its newline is too long. A NUL byte
+// ends the line's text as it ends a C string: the rest up to the newline is read and ignored.
 LineStatus readBatchLine(FILE* f, std::string& line) {
   line.clear();
   int c;
-  bool any = false;
+  bool any = false, cut = false;
   while ((c = std::fgetc(f)) != EOF) {
     any = true;
     if (c == '\n') break;
@@ -41,6 +43,8 @@ LineStatus readBatchLine(FILE* f, std::string& line) {
       if (next == '\n') break;
       if (next != EOF) std::ungetc(next, f);
     }
+    if (c == '\0') cut = true;
+    if (cut) continue;
     line += static_cast<char>(c);
     if (line.size() > kMaxBatchLine) return LineStatus::TooLong;
   }
@@ -101,7 +105,7 @@ int runCommandLine(SwitchSet& set) {
   if (batchIndex == 0) {
     if (st.echo == 0) {
       std::string echo = format("Command: %s ", set.programName().c_str());
-      for (size_t i = 1; i < set.args().size(); ++i) echo += format("%s ", set.args()[i].c_str());
+      for (size_t i = 1; i < set.args().size(); ++i) echo += format("%s ", visibleText(set.args()[i]).c_str());
       print("%s\n\n", echo.c_str());
     }
     return runCounted(set);
@@ -153,9 +157,11 @@ int runCommandLine(SwitchSet& set) {
 }
 
 int runBatchFile(const std::string& fileName, const SwitchSet& outer, size_t batchIndex) {
-  FILE* f = std::fopen(fileName.c_str(), "rb");
+  // A regular file or a terminal: a FIFO or another device would be waited on for ever.
+  std::string why;
+  FILE* f = openRegularOrTerminal(fileName, "rb", why);
   if (!f) {
-    message(mkError, "Cannot open batch file %s -- %s", fileName.c_str(), std::strerror(errno));
+    message(mkError, "Cannot open batch file %s -- %s", visibleText(fileName).c_str(), why.c_str());
     return 2;
   }
   struct Closer {
@@ -208,6 +214,7 @@ int runInteractiveBatch(const SwitchSet& outer, size_t batchIndex) {
     std::string line;
     if (!messageSink().readLine(line)) break;
     if (!line.empty() && line.back() == '\r') line.pop_back();
+    line.resize(std::strlen(line.c_str()));  // a NUL byte ends the line, as in a batch file
     if (line.size() > kMaxBatchLine) {
       reportLineTooLong();
       continue;

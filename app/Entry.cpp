@@ -1,9 +1,7 @@
 #include "app/Entry.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <new>
 
@@ -12,6 +10,7 @@
 #include "app/Help.h"
 #include "core/Config.h"
 #include "core/Error.h"
+#include "core/FileKind.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/DiskDrive.h"
@@ -90,8 +89,18 @@ int processEntry(const std::vector<std::string>& args) {
         shutDownLibrary();
         return finish(2);
       }
-      if (!DiagnosticLog::open(diag, false)) {
-        message(mkError, "Cannot open diagnostic log %s -- %s", diag.c_str(), std::strerror(errno));
+      // The log must not land on a disk this run may write.
+      auto& disks = Corvo::Disk::DiskManager::instance();
+      for (size_t i = 0; i < disks.driveCount(); ++i) {
+        if (!sameFile(diag, disks.pathOf(i))) continue;
+        message(mkError, "Cannot open diagnostic log %s -- it is fixed disk %u", visibleText(diag).c_str(),
+                static_cast<unsigned>(i + 1));
+        shutDownLibrary();
+        return finish(2);
+      }
+      std::string why;
+      if (!DiagnosticLog::open(diag, false, &why)) {
+        message(mkError, "Cannot open diagnostic log %s -- %s", visibleText(diag).c_str(), why.c_str());
         shutDownLibrary();
         return finish(2);
       }

@@ -73,11 +73,13 @@ void buildFixedDiskTable() {
     } else {
       try {
         record->layout = Corvo::Disk::PartitionedDisk::load(*record->drive);
-      } catch (const Error& e) {
-        // The disk keeps its number; its error is what every command reports for it.
-        record->status = e;
+        checkPartitionTables(*record->layout, record->index, record->drive->isBootDisk());
+      } catch (...) {
+        // The disk keeps its number; its error is what every command reports for it, and the
+        // other disks stay usable whatever went wrong here (memory running out included).
+        record->layout.reset();
+        record->status = Corvo::Core::currentExceptionAsError(ErrorId::ReadFailed, "Cannot read the partition tables");
       }
-      if (record->ok()) checkPartitionTables(*record->layout, record->index, record->drive->isBootDisk());
     }
     table().push_back(std::move(record));
   }
@@ -103,7 +105,7 @@ uint32_t parseDiskNumber(const SwitchSet& set) {
   }
   long n = 0;
   if (!scanInt(*param, n) || n - 1 < 0) {
-    message(mkError, "Invalid fixed disk number -- %s", param->c_str());
+    message(mkError, "Invalid fixed disk number -- %s", Corvo::Core::visibleText(*param).c_str());
     return kNoDisk;
   }
   return static_cast<uint32_t>(n - 1);

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstring>
 
+#include "core/Message.h"
+
 namespace Kdisk {
 
 // Markers: 0xFE optional switch, 0xFF required switch.
@@ -113,41 +115,47 @@ bool SwitchSet::isPresent(const Switch& sw, std::string* value, bool* hasValue) 
 }
 
 bool SwitchSet::validate(std::initializer_list<const Switch*> accepted, int minParameters, int maxParameters) {
+  using Corvo::Core::visibleText;
   error_.clear();
-  std::vector<std::pair<const Switch*, std::string>> seen;  // switch and its first argument
+  // The first argument naming each accepted switch, by its place in the accepted list: every
+  // later occurrence is compared with that one only, so long lines are checked in linear time.
+  std::vector<const std::string*> first(accepted.size(), nullptr);
   for (size_t i = 1; i < args_.size(); ++i) {
     const std::string& a = args_[i];
     if (!isSwitch(a)) continue;
+    size_t k = 0;
     const Switch* found = nullptr;
-    for (const Switch* sw : accepted)
+    for (const Switch* sw : accepted) {
       if (matches(a, *sw)) {
         found = sw;
         break;
       }
+      ++k;
+    }
     if (!found) {
-      error_ = "Unknown switch -- /" + argName(a);
+      error_ = "Unknown switch -- /" + visibleText(argName(a));
       return false;
     }
     std::string value;
     bool hasValue = argValue(a, value);
     if (hasValue && !specTakesValue(*found)) {
-      error_ = "Switch does not require a value -- /" + argName(a);
+      error_ = "Switch does not require a value -- /" + visibleText(argName(a));
       return false;
     }
     if (!hasValue && specNeedsValue(*found)) {
-      error_ = "Switch requires a value -- /" + argName(a);
+      error_ = "Switch requires a value -- /" + visibleText(argName(a));
       return false;
     }
-    for (const auto& [sw, firstArg] : seen) {
-      if (sw != found) continue;
-      std::string firstValue;
-      bool firstHas = argValue(firstArg, firstValue);
-      if (firstHas != hasValue || firstValue != value) {
-        error_ = "Conflicting values for switch -- /" + argName(firstArg) + ":" + firstValue + " /" + a.substr(1);
-        return false;
-      }
+    if (!first[k]) {
+      first[k] = &a;
+      continue;
     }
-    seen.emplace_back(found, a);
+    std::string firstValue;
+    bool firstHas = argValue(*first[k], firstValue);
+    if (firstHas != hasValue || firstValue != value) {
+      error_ = "Conflicting values for switch -- /" + visibleText(argName(*first[k]) + ":" + firstValue + " /" + a.substr(1));
+      return false;
+    }
   }
   for (const Switch* sw : accepted) {
     if (specRequired(*sw) && !isPresent(*sw)) {
@@ -165,7 +173,7 @@ bool SwitchSet::validate(std::initializer_list<const Switch*> accepted, int minP
     for (size_t i = 1; i < args_.size(); ++i) {
       if (isSwitch(args_[i])) continue;
       if (++k > maxParameters) {
-        error_ = "Too many parameters -- " + args_[i];
+        error_ = "Too many parameters -- " + visibleText(args_[i]);
         break;
       }
     }

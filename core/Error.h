@@ -57,4 +57,9 @@ class Error : public std::runtime_error {
   Properties props_;
 };
 
+// Called inside a catch block: the exception being handled as an error object. Error objects
+// pass unchanged; anything else (std::bad_alloc included) becomes an error of the given id with
+// the text "<context> -- <reason>".
+Error currentExceptionAsError(ErrorId id, const std::string& context);
+
 }  // namespace Corvo::Core

@@ -193,6 +193,21 @@ std::string format(const char* fmt, ...) {
   return text;
 }
 
+std::string visibleText(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c < 0x20 || c == 0x7F) {
+      out += '^';
+      out += static_cast<char>(c ^ 0x40);
+    } else {
+      out += ch;
+    }
+  }
+  return out;
+}
+
 Progress::Progress(std::string title, uint64_t total) : title_(std::move(title)), total_(total) {
   messageSink().progress(title_, 0, total_);
 }

@@ -65,6 +65,10 @@ std::string format(const char* format, ...)
 #endif
     ;
 
+// The text with control characters shown in caret notation (ESC as ^[, DEL as ^?), for
+// echoing what a user typed without handing raw control sequences to the terminal.
+std::string visibleText(const std::string& text);
+
 // Progress display helper: reports through the sink at most a few hundred times.
 class Progress {
  public:

@@ -7,9 +7,11 @@ namespace Corvo::Core {
 
 class DiagnosticLog {
  public:
-  // Opens (appends to) the log file; false when it cannot be opened. alsoConsole copies each
-  // line to standard error.
-  static bool open(const std::string& path, bool alsoConsole = false);
+  // Opens (appends to) the log file, a regular file or a terminal; false, with the reason in
+  // `why`, when it cannot be opened or its first line cannot be written. alsoConsole copies each
+  // line to standard error. A later write that fails is reported once as a warning through the
+  // message function, and the log is closed.
+  static bool open(const std::string& path, bool alsoConsole = false, std::string* why = nullptr);
   static void close();
   static bool isOpen();
   static void write(const std::string& line);

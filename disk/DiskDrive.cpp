@@ -145,8 +145,8 @@ void DiskManager::enumerate() {
     if (access) {
       try {
         s.drive = std::make_unique<DiskDrive>(static_cast<uint32_t>(slots_.size()), std::move(access));
-      } catch (const Error& e) {
-        s.error = e;
+      } catch (...) {
+        s.error = Core::currentExceptionAsError(ErrorId::OpenFailed, "Cannot open " + s.path);
       }
     } else {
       s.error = err;
@@ -157,12 +157,17 @@ void DiskManager::enumerate() {
     for (auto& c : enumerateOsDisks())
       addSlot(c.path, std::move(c.access), Error(ErrorId::OpenFailed, c.openError).with("path", c.path));
   }
+  // Whatever goes wrong while one image is opened (a damaged file, memory running out) is that
+  // disk's own status; the disks before and after it stay usable.
   for (const std::string& path : Core::Config::getList(Core::Config::kAddDiskKey)) {
+    std::unique_ptr<DiskDriveAccess> access;
+    std::optional<Error> failure;
     try {
-      addSlot(path, openImageDisk(path), std::nullopt);
-    } catch (const Error& e) {
-      addSlot(path, nullptr, e);
+      access = opener_ ? opener_(path) : openImageDisk(path);
+    } catch (...) {
+      failure = Core::currentExceptionAsError(ErrorId::OpenFailed, "Cannot open " + path);
     }
+    addSlot(path, std::move(access), std::move(failure));
   }
 }
 

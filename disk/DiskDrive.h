@@ -1,6 +1,7 @@
 // A disk of the disk manager: a block device over an access backend, with its identity,
 // geometry and I/O counters.
 #pragma once
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,6 +65,10 @@ class DiskDrive : public BlockDevice {
 class DiskManager {
  public:
   static DiskManager& instance();
+  // Opens an image given with /ADDDISK= (openImageDisk unless replaced; tests put failing
+  // backends here). A null opener restores the default.
+  using ImageOpener = std::function<std::unique_ptr<DiskDriveAccess>(const std::string&)>;
+  void setImageOpener(ImageOpener opener) { opener_ = std::move(opener); }
   void enumerate();  // forgets any earlier enumeration
   void reset();
   size_t driveCount() const { return slots_.size(); }
@@ -81,6 +86,7 @@ class DiskManager {
     std::optional<Core::Error> error;
   };
   std::vector<Slot> slots_;
+  ImageOpener opener_;
 };
 
 }  // namespace Corvo::Disk

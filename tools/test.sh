@@ -29,6 +29,11 @@ cmake --build build-fuzz -j"$jobs"
 for f in build-fuzz/fuzz_*; do
   [ -x "$f" ] || continue
   echo "-- $f"
-  "$f" -max_total_time=30 -rss_limit_mb=2048 -print_final_stats=0 2>&1 | tail -n 2
+  # New inputs go to a scratch corpus; the seeds made by tools/fuzz-seeds.sh start it.
+  corpus=$(mktemp -d)
+  seeds=tests/fuzz/seeds/${f##*/fuzz_}
+  [ -d "$seeds" ] || seeds=
+  "$f" -max_total_time=30 -rss_limit_mb=2048 -print_final_stats=0 "$corpus" ${seeds:+"$seeds"} 2>&1 | tail -n 2
+  rm -rf "$corpus"
 done
 echo "== all test stages passed"

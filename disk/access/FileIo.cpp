@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/Error.h"
+#include "core/FileKind.h"
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -43,7 +44,7 @@ FileIo::~FileIo() {
 
 bool FileIo::isOpen() const { return handle_ != nullptr; }
 
-void FileIo::doOpen(const std::string& path, bool tryWrite) {
+void FileIo::doOpen(const std::string& path, bool tryWrite, Accept accept) {
   path_ = path;
   HANDLE h = INVALID_HANDLE_VALUE;
   if (tryWrite) {
@@ -57,6 +58,13 @@ void FileIo::doOpen(const std::string& path, bool tryWrite) {
   if (h == INVALID_HANDLE_VALUE)
     throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
   handle_ = h;
+  if (accept == Accept::Any) return;
+  if (const char* what = Core::unacceptedFileKind(reinterpret_cast<intptr_t>(h), accept == Accept::RegularOrBlock, false)) {
+    CloseHandle(h);
+    handle_ = nullptr;
+    writable_ = false;
+    refuseKind(path, what, accept);
+  }
 }
 
 uint64_t FileIo::size() const {
@@ -119,16 +127,27 @@ FileIo::~FileIo() {
 
 bool FileIo::isOpen() const { return fd_ >= 0; }
 
-void FileIo::doOpen(const std::string& path, bool tryWrite) {
+void FileIo::doOpen(const std::string& path, bool tryWrite, Accept accept) {
   path_ = path;
+  // Without blocking, so that a FIFO or a terminal is found out instead of waited for.
+  const int flags = O_CLOEXEC | (accept == Accept::Any ? 0 : O_NONBLOCK | O_NOCTTY);
   int fd = -1;
   if (tryWrite) {
-    fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    fd = ::open(path.c_str(), O_RDWR | flags);
     writable_ = fd >= 0;
   }
-  if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | flags);
   if (fd < 0) throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
   fd_ = fd;
+  if (accept == Accept::Any) return;
+  if (const char* what = Core::unacceptedFileKind(fd, accept == Accept::RegularOrBlock, false)) {
+    ::close(fd);
+    fd_ = -1;
+    writable_ = false;
+    refuseKind(path, what, accept);
+  }
+  // Regular files and block devices: back to ordinary blocking transfers.
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 }
 
 uint64_t FileIo::size() const {
@@ -183,8 +202,15 @@ void FileIo::sync() {
 
 #endif
 
-void FileIo::open(const std::string& path) { doOpen(path, true); }
-void FileIo::openReadOnly(const std::string& path) { doOpen(path, false); }
+void FileIo::open(const std::string& path, Accept accept) { doOpen(path, true, accept); }
+void FileIo::openReadOnly(const std::string& path, Accept accept) { doOpen(path, false, accept); }
+
+void FileIo::refuseKind(const std::string& path, const char* what, Accept accept) {
+  const char* wanted = accept == Accept::RegularFile ? "a regular file" : "a regular file or a block device";
+  throw Error(ErrorId::NotSupported, "Cannot use " + path + " -- it is " + what + ", not " + wanted)
+      .with("path", path)
+      .with("kind", what);
+}
 
 void FileIo::readAt(uint64_t offset, void* buffer, size_t bytes) const {
   if (readSome(offset, buffer, bytes) != bytes)

@@ -13,11 +13,16 @@ class FileIo {
   FileIo(const FileIo&) = delete;
   FileIo& operator=(const FileIo&) = delete;
 
+  // What the opened file may be. A file that is not accepted is closed again before anything
+  // is read or written, and opening it never waits (a FIFO without a writer, a terminal).
+  enum class Accept : uint32_t { Any = 0, RegularFile = 1, RegularOrBlock = 2 };
+
   // Opens read-write when possible, else read-only. Throws Core::Error (OpenFailed) naming
-  // the file and the system's reason.
-  void open(const std::string& path);
+  // the file and the system's reason, or (NotSupported) naming what it is when the kind of
+  // file is not accepted.
+  void open(const std::string& path, Accept accept = Accept::Any);
   // Opens read-only; throws like open().
-  void openReadOnly(const std::string& path);
+  void openReadOnly(const std::string& path, Accept accept = Accept::Any);
   bool isOpen() const;
   bool writable() const { return writable_; }
   const std::string& path() const { return path_; }
@@ -32,7 +37,8 @@ class FileIo {
   void sync();
 
  private:
-  void doOpen(const std::string& path, bool tryWrite);
+  void doOpen(const std::string& path, bool tryWrite, Accept accept);
+  [[noreturn]] void refuseKind(const std::string& path, const char* what, Accept accept);
   std::string path_;
   bool writable_ = false;
 #if defined(_WIN32)

@@ -18,7 +18,7 @@ using Core::ErrorId;
 class RawImageAccess : public DiskDriveAccess {
  public:
   explicit RawImageAccess(const std::string& path) {
-    file_.open(path);
+    file_.open(path, FileIo::Accept::RegularOrBlock);
     blocks_ = file_.size() / 512;
     if (blocks_ == 0)
       throw Error(ErrorId::InvalidImage, "Cannot use disk image " + path + " -- it is smaller than one sector")
@@ -53,7 +53,7 @@ std::unique_ptr<DiskDriveAccess> openImageDisk(const std::string& path) {
   size_t got;
   {
     FileIo probe;
-    probe.openReadOnly(path);
+    probe.openReadOnly(path, FileIo::Accept::RegularOrBlock);
     got = probe.readSome(0, head, sizeof head);
   }
   if (Vmdk::looksLikeVmdk(head, got)) return Vmdk::open(path);

@@ -8,6 +8,7 @@
 
 #include "core/Endian.h"
 #include "core/Error.h"
+#include "core/Message.h"
 #include "disk/access/FileIo.h"
 
 namespace Corvo::Disk::Vmdk {
@@ -53,13 +54,17 @@ std::string directoryOf(const std::string& path) {
   return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
-bool isAbsolute(const std::string& p) {
-  if (!p.empty() && (p[0] == '/' || p[0] == '\\')) return true;
-  return p.size() > 2 && std::isalpha(static_cast<unsigned char>(p[0])) && p[1] == ':';
-}
-
+// An extent is a file next to its descriptor, named by its plain file name: no folder, no
+// drive, no device. Whatever else a descriptor names (an absolute path, "../x", a drive-relative
+// "C:x") could reach beyond the images the administrator added.
 std::string resolveExtent(const std::string& descriptorPath, const std::string& file) {
-  return isAbsolute(file) ? file : directoryOf(descriptorPath) + file;
+  bool plain = !file.empty() && file != "." && file != ".." && file.find_first_of("/\\:") == std::string::npos;
+  for (char c : file)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) plain = false;
+  if (!plain)
+    fail(descriptorPath, "extent file \"" + Core::visibleText(file) +
+                             "\" is not a file next to the descriptor (folders and absolute paths are not allowed)");
+  return directoryOf(descriptorPath) + file;
 }
 
 Geometry geometryFrom(const Descriptor& d, uint64_t blocks) {
@@ -90,10 +95,12 @@ class FlatVmdkAccess : public DiskDriveAccess {
         p.file = std::make_unique<FileIo>();
         try {
           if (e.writable)
-            p.file->open(where);
+            p.file->open(where, FileIo::Accept::RegularFile);
           else
-            p.file->openReadOnly(where);
+            p.file->openReadOnly(where, FileIo::Accept::RegularFile);
         } catch (const Error& err) {
+          if (err.id() == ErrorId::NotSupported)
+            fail(path, "extent file " + where + " is " + err.property("kind") + ", not a regular file");
           fail(path, "extent file " + where + " is missing or cannot be opened (" + err.text() + ")");
         }
         if (p.file->size() < (e.offset + e.sectors) * 512)
@@ -165,16 +172,24 @@ class FlatVmdkAccess : public DiskDriveAccess {
 };
 
 // --- monolithicSparse: a hosted sparse extent with grain directory and grain tables. ---
+//
+// Nothing the header or the tables claim is trusted: the directories, the grain tables and
+// every grain they point at must lie inside the file, and no grain may lie on the header, the
+// embedded descriptor, a directory or a grain table (a write there would destroy the image's
+// own metadata). The whole image is checked when it is opened, so a damaged one is refused
+// before anything is written; memory stays bounded by the file's size whatever the header
+// says, and grain tables are read when a sector under them is first used.
 class SparseVmdkAccess : public DiskDriveAccess {
  public:
   explicit SparseVmdkAccess(const std::string& path) {
-    file_.open(path);
+    file_.open(path, FileIo::Accept::RegularOrBlock);
     uint8_t sector[512];
     if (file_.readSome(0, sector, sizeof sector) != sizeof sector) fail(path, "the file is too short for a header");
     h_ = parseSparseHeader(sector, path);
-    const uint64_t fileSectors = (file_.size() + 511) / 512;
+    fileSectors_ = (file_.size() + 511) / 512;
+    addMetadata(0, 1, "the header");
     if (h_.descriptorOffset && h_.descriptorSize) {
-      if (h_.descriptorSize > 2048 || h_.descriptorOffset + h_.descriptorSize > fileSectors)
+      if (h_.descriptorSize > 2048 || h_.descriptorOffset + h_.descriptorSize > fileSectors_)
         fail(path, "the embedded descriptor lies outside the file");
       std::string text(static_cast<size_t>(h_.descriptorSize) * 512, '\0');
       file_.readAt(h_.descriptorOffset * 512, text.data(), text.size());
@@ -183,13 +198,28 @@ class SparseVmdkAccess : public DiskDriveAccess {
       if (d.createType != "monolithicSparse")
         fail(path, "createType \"" + d.createType + "\" is not supported (only monolithicFlat and monolithicSparse)");
       geometry_ = geometryFrom(d, h_.capacity);
+      addMetadata(h_.descriptorOffset, h_.descriptorSize, "the embedded descriptor");
     } else {
       geometry_ = geometryFrom(Descriptor{}, h_.capacity);
     }
-    gd_ = loadDirectory(h_.gdOffset, fileSectors, "grain directory");
-    if (h_.redundantGt() && h_.rgdOffset) rgd_ = loadDirectory(h_.rgdOffset, fileSectors, "redundant grain directory");
     gtSectors_ = (uint64_t{h_.gtesPerGt} * 4 + 511) / 512;
-    nextFree_ = fileSectors;
+    gdEntries_ = h_.gdEntries();
+    if (gdEntries_ > kMaxDirectoryEntries)
+      fail(path, "the header claims " + std::to_string(gdEntries_) + " grain tables (at most " +
+                     std::to_string(kMaxDirectoryEntries) + " are supported)");
+    gd_.offset = h_.gdOffset;
+    loadDirectory(gd_, "grain directory");
+    if (h_.redundantGt() && h_.rgdOffset) {
+      rgd_.offset = h_.rgdOffset;
+      loadDirectory(rgd_, "redundant grain directory");
+    }
+    std::sort(metadata_.begin(), metadata_.end());
+    for (size_t i = 1; i < metadata_.size(); ++i)
+      if (metadata_[i].first < metadata_[i - 1].end)
+        fail(path, metadata_[i].what + " overlaps " + metadata_[i - 1].what);
+    // Every grain entry, one table at a time.
+    for (const auto& [t, at] : gd_.tables) readTable(t, at);
+    nextFree_ = fileSectors_;
   }
 
   std::string path() const override { return file_.path(); }
@@ -232,55 +262,125 @@ class SparseVmdkAccess : public DiskDriveAccess {
         // grain tables point at it.
         grainBuf.assign(static_cast<size_t>(h_.grainSize) * 512, 0);
         std::memcpy(grainBuf.data() + inGrain * 512, in, bytes);
-        uint64_t table = grain / h_.gtesPerGt;
-        ensureTable(table);
+        uint64_t t = grain / h_.gtesPerGt;
+        ensureTable(t);
         uint64_t at = allocate(h_.grainSize);
         file_.writeAt(at * 512, grainBuf.data(), grainBuf.size());
-        tables_[table][grain % h_.gtesPerGt] = static_cast<uint32_t>(at);
-        dirtyTables.insert(table);
+        table(t)[grain % h_.gtesPerGt] = static_cast<uint32_t>(at);
+        dirtyTables.insert(t);
       }
       in += bytes;
       first += n;
       count -= n;
     }
+    if (dirtyTables.empty()) return;
+    // The new grains are on the medium before the tables make them part of the disk.
+    file_.sync();
     for (uint64_t t : dirtyTables) {
-      storeTable(t, gd_[t]);
-      if (!rgd_.empty()) storeTable(t, rgd_[t]);
+      storeTable(t, gd_.find(t));
+      if (rgd_.offset) storeTable(t, rgd_.find(t));
     }
   }
 
   void flush() override { file_.sync(); }
 
  private:
-  std::vector<uint32_t> loadDirectory(uint64_t offset, uint64_t fileSectors, const char* what) {
-    const uint64_t n = h_.gdEntries();
-    if (offset + (n * 4 + 511) / 512 > fileSectors) fail(file_.path(), std::string("the ") + what + " lies outside the file");
-    std::vector<uint8_t> raw(static_cast<size_t>(n) * 4);
-    file_.readAt(offset * 512, raw.data(), raw.size());
-    std::vector<uint32_t> dir(static_cast<size_t>(n));
-    for (size_t i = 0; i < dir.size(); ++i) {
-      dir[i] = Core::get32(raw.data() + 4 * i);
-      if (dir[i] && dir[i] + (uint64_t{h_.gtesPerGt} * 4 + 511) / 512 > fileSectors)
-        fail(file_.path(), std::string("the ") + what + " points beyond the end of the file");
+  // A header may claim no more grain tables than a disk of the largest supported capacity
+  // with 64 KiB grains needs (128 MiB of directory).
+  static constexpr uint64_t kMaxDirectoryEntries = uint64_t{1} << 25;
+
+  // A grain directory: where it lies and its non-zero entries (table index, table sector),
+  // sorted by table index. Zero entries are not kept, so the memory used follows the tables
+  // that really exist in the file, not the directory's claimed size.
+  struct Directory {
+    uint64_t offset = 0;
+    std::vector<std::pair<uint64_t, uint32_t>> tables;
+    uint32_t find(uint64_t t) const {
+      auto it = std::lower_bound(tables.begin(), tables.end(), std::make_pair(t, uint32_t{0}));
+      return it != tables.end() && it->first == t ? it->second : 0;
     }
-    return dir;
+    void set(uint64_t t, uint32_t at) {
+      auto it = std::lower_bound(tables.begin(), tables.end(), std::make_pair(t, uint32_t{0}));
+      if (it != tables.end() && it->first == t)
+        it->second = at;
+      else
+        tables.insert(it, {t, at});
+    }
+  };
+
+  // A range of sectors holding the image's own structures.
+  struct Region {
+    uint64_t first, end;
+    std::string what;
+    bool operator<(const Region& o) const { return first < o.first; }
+  };
+
+  void addMetadata(uint64_t first, uint64_t sectors, std::string what) {
+    if (first > fileSectors_ || sectors > fileSectors_ - first) fail(file_.path(), what + " lies outside the file");
+    metadata_.push_back({first, first + sectors, std::move(what)});
+  }
+
+  // Reads a directory in bounded pieces and checks every table it names.
+  void loadDirectory(Directory& dir, const std::string& what) {
+    const uint64_t sectors = (gdEntries_ * 4 + 511) / 512;
+    if (dir.offset > fileSectors_ || sectors > fileSectors_ - dir.offset)
+      fail(file_.path(), "the " + what + " lies outside the file");
+    addMetadata(dir.offset, sectors, "the " + what);
+    const uint64_t maxTables = fileSectors_ / gtSectors_;
+    std::vector<uint8_t> raw;
+    constexpr uint64_t kChunk = 16384;  // entries read at a time
+    for (uint64_t base = 0; base < gdEntries_; base += kChunk) {
+      const uint64_t n = std::min(kChunk, gdEntries_ - base);
+      raw.resize(static_cast<size_t>(n) * 4);
+      file_.readAt(dir.offset * 512 + base * 4, raw.data(), raw.size());
+      for (uint64_t i = 0; i < n; ++i) {
+        const uint32_t at = Core::get32(raw.data() + 4 * i);
+        if (!at) continue;
+        if (at + gtSectors_ > fileSectors_)
+          fail(file_.path(), "the " + what + " points beyond the end of the file");
+        if (dir.tables.size() >= maxTables)
+          fail(file_.path(), "the " + what + " names more grain tables than the file can hold");
+        dir.tables.emplace_back(base + i, at);
+        metadata_.push_back({at, at + gtSectors_, "grain table " + std::to_string(base + i) + " of the " + what});
+      }
+    }
+  }
+
+  // Reads grain table t from sector `at` and checks every entry.
+  std::vector<uint32_t> readTable(uint64_t t, uint32_t at) const {
+    std::vector<uint8_t> raw(static_cast<size_t>(h_.gtesPerGt) * 4);
+    file_.readAt(uint64_t{at} * 512, raw.data(), raw.size());
+    std::vector<uint32_t> gt(h_.gtesPerGt);
+    for (size_t i = 0; i < gt.size(); ++i) {
+      gt[i] = Core::get32(raw.data() + 4 * i);
+      if (gt[i] > 1) checkGrain(t, i, gt[i]);
+    }
+    return gt;
+  }
+
+  // A grain starts inside the file and lies on none of the image's structures.
+  void checkGrain(uint64_t t, size_t i, uint32_t at) const {
+    const std::string where = "grain table " + std::to_string(t) + " entry " + std::to_string(i);
+    if (at >= fileSectors_) fail(file_.path(), where + " points beyond the end of the file");
+    const uint64_t end = uint64_t{at} + h_.grainSize;
+    auto next = std::upper_bound(metadata_.begin(), metadata_.end(), Region{at, at, {}});
+    if (next != metadata_.begin() && std::prev(next)->end > at)
+      fail(file_.path(), where + " points into " + std::prev(next)->what);
+    if (next != metadata_.end() && next->first < end)
+      fail(file_.path(), where + " points into " + next->what);
   }
 
   std::vector<uint32_t>& table(uint64_t t) {
     auto it = tables_.find(t);
     if (it != tables_.end()) return it->second;
-    std::vector<uint32_t> gt(h_.gtesPerGt, 0);
-    if (gd_[t]) {
-      std::vector<uint8_t> raw(gt.size() * 4);
-      file_.readAt(uint64_t{gd_[t]} * 512, raw.data(), raw.size());
-      for (size_t i = 0; i < gt.size(); ++i) gt[i] = Core::get32(raw.data() + 4 * i);
-    }
+    const uint32_t at = gd_.find(t);
+    std::vector<uint32_t> gt = at ? readTable(t, at) : std::vector<uint32_t>(h_.gtesPerGt, 0);
     return tables_.emplace(t, std::move(gt)).first->second;
   }
 
   uint32_t entry(uint64_t grain) {
     uint64_t t = grain / h_.gtesPerGt;
-    if (t >= gd_.size() || !gd_[t]) return 0;
+    if (t >= gdEntries_ || !gd_.find(t)) return 0;
     return table(t)[grain % h_.gtesPerGt];
   }
 
@@ -294,19 +394,23 @@ class SparseVmdkAccess : public DiskDriveAccess {
   // Makes sure grain table t exists (in both copies) before a grain is entered in it.
   void ensureTable(uint64_t t) {
     table(t);
-    if (gd_[t] && (rgd_.empty() || rgd_[t])) return;
+    if (gd_.find(t) && (!rgd_.offset || rgd_.find(t))) return;
     std::vector<uint8_t> zeros(static_cast<size_t>(gtSectors_) * 512, 0);
-    auto place = [&](std::vector<uint32_t>& dir, uint64_t dirOffset) {
-      if (dir[t]) return;
+    auto place = [&](Directory& dir) {
+      if (dir.find(t)) return;
       uint64_t at = allocate(gtSectors_);
       file_.writeAt(at * 512, zeros.data(), zeros.size());
-      dir[t] = static_cast<uint32_t>(at);
+      // The empty table is on the medium before the directory points at it.
+      file_.sync();
       uint8_t e[4];
-      Core::put32(e, dir[t]);
-      file_.writeAt(dirOffset * 512 + t * 4, e, 4);
+      Core::put32(e, static_cast<uint32_t>(at));
+      file_.writeAt(dir.offset * 512 + t * 4, e, 4);
+      dir.set(t, static_cast<uint32_t>(at));
+      Region r{at, at + gtSectors_, "grain table " + std::to_string(t)};
+      metadata_.insert(std::upper_bound(metadata_.begin(), metadata_.end(), r), r);
     };
-    if (!rgd_.empty()) place(rgd_, h_.rgdOffset);
-    place(gd_, h_.gdOffset);
+    if (rgd_.offset) place(rgd_);
+    place(gd_);
   }
 
   void storeTable(uint64_t t, uint32_t at) {
@@ -319,7 +423,9 @@ class SparseVmdkAccess : public DiskDriveAccess {
   FileIo file_;
   SparseHeader h_;
   Geometry geometry_;
-  std::vector<uint32_t> gd_, rgd_;
+  uint64_t fileSectors_ = 0, gdEntries_ = 0;
+  Directory gd_, rgd_;
+  std::vector<Region> metadata_;  // sorted by first sector once the image is checked
   std::map<uint64_t, std::vector<uint32_t>> tables_;
   uint64_t gtSectors_ = 4;
   uint64_t nextFree_ = 0;
@@ -431,7 +537,7 @@ bool looksLikeVmdk(const uint8_t* head, size_t n) {
 
 std::unique_ptr<DiskDriveAccess> open(const std::string& path) {
   FileIo probe;
-  probe.openReadOnly(path);
+  probe.openReadOnly(path, FileIo::Accept::RegularOrBlock);
   uint8_t head[4] = {};
   if (probe.readSome(0, head, 4) == 4 && Core::get32(head) == kSparseMagic)
     return std::make_unique<SparseVmdkAccess>(path);

@@ -1,7 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <new>
+#include <stdexcept>
+
 #include "app/FixedDisks.h"
 #include "app/FakeDisks.h"
+#include "core/Config.h"
+#include "disk/DiskDrive.h"
 #include "support/TestSupport.h"
 
 using namespace Kdisk;
@@ -92,4 +97,56 @@ TEST(FixedDisks, SelectDiskList) {
     EXPECT_EQ(list, c.list) << c.args[0];
     EXPECT_EQ(cap.sink().errors, c.error) << c.args[0];
   }
+}
+
+// Whatever goes wrong while one disk is opened or its tables are read (memory running out
+// included) becomes that disk's own status; the disks around it keep their numbers and stay
+// usable.
+TEST(FixedDisks, AnyFailureIsThatDisksOwnStatus) {
+  struct ReadRunsOutOfMemory : MemoryAccess {
+    using MemoryAccess::MemoryAccess;
+    void read(uint64_t, uint64_t, void*) override { throw std::bad_alloc(); }
+  };
+  struct Case {
+    std::string path, status;  // status: empty for a usable disk
+  } cases[] = {
+      {"good-1", ""},
+      {"alloc", "Cannot open alloc -- not enough memory"},
+      {"throws", "Cannot open throws -- unexpected error: boom"},
+      {"read-alloc", "Cannot read the partition tables -- not enough memory"},
+      {"good-5", ""},
+  };
+  using namespace Corvo;
+  Core::Config::clear();
+  Core::Config::setBool("OsDrive::Disable", true);
+  for (const Case& c : cases) Core::Config::append(Core::Config::kAddDiskKey, c.path);
+  Disk::DiskManager& manager = Disk::DiskManager::instance();
+  manager.setImageOpener([](const std::string& path) -> std::unique_ptr<Disk::DiskDriveAccess> {
+    if (path == "alloc") throw std::bad_alloc();
+    if (path == "throws") throw std::runtime_error("boom");
+    if (path == "read-alloc") return std::make_unique<ReadRunsOutOfMemory>(2048);
+    return std::make_unique<MemoryAccess>(2048);
+  });
+  manager.enumerate();
+  buildFixedDiskTable();
+  ASSERT_EQ(fixedDisks().size(), std::size(cases));
+  std::string others;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const FixedDisk& d = *fixedDisks()[i];
+    EXPECT_EQ(d.index, i);
+    EXPECT_EQ(d.ok(), cases[i].status.empty()) << cases[i].path;
+    if (!cases[i].status.empty()) {
+      EXPECT_EQ(d.status->text(), cases[i].status);
+      others += "Cannot access fixed disk " + std::to_string(i + 1) + " -- " + cases[i].status + "\n";
+    }
+  }
+  {
+    ScopedCapture cap;
+    ASSERT_NE(findDisk(4), nullptr);
+    EXPECT_EQ(cap.sink().errors, others);
+  }
+  releaseFixedDiskTable();
+  manager.setImageOpener(nullptr);
+  manager.reset();
+  Core::Config::clear();
 }
