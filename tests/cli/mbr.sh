@@ -7,7 +7,7 @@ KDISK=${1:?usage: mbr.sh path/to/kdisk}
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/lib/partition.bash"
 require_partitioning
-need_tools sha256sum cmp blkid
+need_tools sha256sum cmp blkid perl
 work=$WORK
 img=$work/disk.img
 committed=${KDISK_SOURCE:-$here/../..}/tools/bootcode/MBR.BIN
@@ -16,7 +16,7 @@ committed=${KDISK_SOURCE:-$here/../..}/tools/bootcode/MBR.BIN
 # fresh: a disk with two primaries, an extended partition with two logical drives, disk
 # signature 0x12345678 and old boot code (0x5A bytes) before it.
 fresh() {
-  rm -f "$img"; truncate -s 32M "$img"
+  rm -f "$img"; truncate -s 16M "$img"
   sfdisk -q "$img" <<'T'
 label: dos
 label-id: 0x12345678
@@ -41,7 +41,7 @@ table_kept() {
 fresh
 printf '' >"$work/empty.bin"
 head -c 513 /dev/zero >"$work/big.bin"
-for i in $(seq 0 511); do printf "\\$(printf %03o $((i % 256)))"; done >"$work/sector.bin"
+perl -e 'print map { chr($_ % 256) } 0 .. 511' >"$work/sector.bin"
 refuse "$img" <<T
 2|Conflicting switches. Specify either /P or /Z|1 /MBR /P /Z /Y
 2|~Required parameter missing -- fixed disk number|/MBR /Y
@@ -119,7 +119,7 @@ for label in dos gpt; do
   [ "$pt" != gpt ] && [ "$pt" != PMBR ] || fail "/MBR /WIPE on $label: blkid finds $pt"
   blkid -p -o export "$img" 2>/dev/null | grep -q '^PART_ENTRY' && fail "/MBR /WIPE on $label: blkid finds entries"
   only_byte "$img" 1 1 0 || fail "/MBR /WIPE on $label: sector 1 not cleared"
-  only_byte "$img" 65535 1 0 || fail "/MBR /WIPE on $label: the last sector not cleared"
+  only_byte "$img" 32767 1 0 || fail "/MBR /WIPE on $label: the last sector not cleared"
   [ $label = gpt ] || only_byte "$img" 10240 1 0 || fail "/MBR /WIPE on $label: the first extended boot record is left"
   code_is "/MBR /WIPE on $label" "$committed" 440
   [ "$(bytes "$img" 510 2)" = 55aa ] || fail "/MBR /WIPE on $label: no boot signature"
