@@ -33,8 +33,8 @@ n=0
 while IFS='|' read -r switch version label; do
   n=$((n + 1))
   img=$WORK/v$n.img
-  truncate -s 40M "$img"
-  kd "$img" 1 /CRE /PRI /SZ:30 /FOR $switch "/V:$label"
+  truncate -s 24M "$img"
+  kd "$img" 1 /CRE /PRI /SZ:16 /FOR $switch "/V:$label"
   expect_rc 0 "$switch"
   expect_line "Format complete." "$switch"
   expect_line "NTFS version $version" "$switch"
