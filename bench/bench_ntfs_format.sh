@@ -45,7 +45,7 @@ if [ "$(id -u)" = 0 ]; then
   img=$work/disk.img
   truncate -s 64G "$img"
   loop=$(losetup -f --show "$img")
-  printf 'label: gpt\n' | sfdisk -q "$loop" >/dev/null
+  printf 'label: gpt\n' | sfdisk -q "$loop" >/dev/null 2>&1
   k=$(timed "$img" "$KDISK" /NOOSDISK "/ADDDISK=$loop" 1 /CRE /PRI /FOR /NTFS)
   m=$(timed "$img" mkntfs -Q -F "$loop")
   report "64G loop device" "$k" "$m"
