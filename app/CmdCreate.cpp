@@ -10,6 +10,7 @@
 #include "core/Error.h"
 #include "core/Message.h"
 #include "filesystem/fat/Fat.h"
+#include "filesystem/ntfs/Ntfs.h"
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -62,7 +63,6 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   if (request.formatKind == 0) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
-    if (request.formatKind == 3) throw Error(ErrorId::NotSupported, "The NTFS formatter is not available in this build");
     if (request.formatKind == 4) throw Error(ErrorId::NotSupported, "The ext2 formatter is not available in this build");
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
@@ -73,6 +73,16 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
     if (!request.label.empty()) options.label = request.label;
+    if (request.formatKind == 3) {
+      Corvo::Filesystem::NtfsFormatOptions ntfs;
+      ntfs.versionCode = request.versionCode;
+      ntfs.sectorsPerTrack = options.sectorsPerTrack;
+      ntfs.heads = options.heads;
+      ntfs.hiddenSectors = options.hiddenSectors;
+      ntfs.label = options.label;
+      Corvo::Filesystem::formatNtfs(device, ntfs);
+      return true;
+    }
     const PartitionedDisk& layout = *disk.layout;
     Corvo::Filesystem::formatFat(device, fatTypeIndexFor(part.type, part.blockCount, layout.fat32Support, layout.ntFat16),
                                  options);
@@ -323,6 +333,7 @@ int commandCreate(SwitchSet& set) {
       if ((request.formatKind == 1 || request.formatKind == 2) &&
           !Corvo::Filesystem::validateVolumeLabel(value, true))
         return 2;
+      if (request.formatKind == 3 && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
       request.label = value;
     }
   }

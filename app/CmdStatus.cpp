@@ -15,6 +15,7 @@
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
+#include "filesystem/ntfs/Ntfs.h"
 
 namespace Kdisk {
 
@@ -47,37 +48,6 @@ struct Content {
 std::string trimRight(std::string s) {
   while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
   return s;
-}
-
-std::string utf16ToUtf8(const uint8_t* p, size_t chars) {
-  std::string out;
-  for (size_t i = 0; i < chars; ++i) {
-    uint32_t c = get16(p + 2 * i);
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < chars) {
-      uint32_t lo = get16(p + 2 * (i + 1));
-      if (lo >= 0xDC00 && lo < 0xE000) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (lo - 0xDC00);
-        ++i;
-      }
-    }
-    if (c == 0) break;
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
 }
 
 // Reads sectors of the partition; false when the range lies outside it or the read fails.
@@ -121,44 +91,6 @@ std::string fatLabel(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, c
   return copy == "NO NAME" ? std::string() : copy;
 }
 
-// The NTFS volume name: the $VOLUME_NAME attribute of the $Volume file record (number 3).
-std::string ntfsLabel(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, const uint8_t* bs) {
-  uint32_t bytesPerSector = get16(bs + 11);
-  uint8_t spcByte = bs[13];
-  if (bytesPerSector != 512) return {};
-  uint64_t clusterSectors = spcByte <= 0x80 ? spcByte : (uint64_t{1} << (256 - spcByte)) / 512;
-  if (clusterSectors == 0) return {};
-  int8_t perRecord = static_cast<int8_t>(bs[64]);
-  uint64_t recordBytes = perRecord >= 0 ? perRecord * clusterSectors * 512 : (perRecord > -31 ? uint64_t{1} << -perRecord : 0);
-  if (recordBytes < 512 || recordBytes > 65536 || recordBytes % 512) return {};
-  uint64_t recordSector = get64(bs + 48) * clusterSectors + 3 * recordBytes / 512;
-  std::vector<uint8_t> rec;
-  if (!readPartition(drive, node, recordSector, recordBytes / 512, rec)) return {};
-  if (std::memcmp(rec.data(), "FILE", 4) != 0) return {};
-  // Undo the update sequence: the last two bytes of every sector were moved to the array.
-  uint32_t usaOffset = get16(&rec[4]), usaCount = get16(&rec[6]);
-  if (usaCount == 0 || usaOffset + 2 * usaCount > rec.size() || (usaCount - 1) * 512 > rec.size()) return {};
-  for (uint32_t i = 1; i < usaCount; ++i) {
-    uint8_t* tail = &rec[i * 512 - 2];
-    if (tail[0] != rec[usaOffset] || tail[1] != rec[usaOffset + 1]) return {};
-    tail[0] = rec[usaOffset + 2 * i];
-    tail[1] = rec[usaOffset + 2 * i + 1];
-  }
-  size_t off = get16(&rec[20]);
-  while (off + 24 <= rec.size()) {
-    uint32_t type = get32(&rec[off]), length = get32(&rec[off + 4]);
-    if (type == 0xFFFFFFFF || length < 16 || off + length > rec.size()) break;
-    if (type == 0x60 && rec[off + 8] == 0) {
-      uint32_t valueLength = get32(&rec[off + 16]);
-      uint32_t valueOffset = get16(&rec[off + 20]);
-      if (valueOffset + valueLength <= length) return utf16ToUtf8(&rec[off + valueOffset], valueLength / 2);
-      break;
-    }
-    off += length;
-  }
-  return {};
-}
-
 Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
   Content c;
   if (node.isExtendedType() || node.blockCount == 0) return c;
@@ -169,7 +101,12 @@ Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
     case Fs::ccFat12: c.system = "FAT12"; c.label = fatLabel(drive, node, buf.data(), false); break;
     case Fs::ccFat16: c.system = "FAT16"; c.label = fatLabel(drive, node, buf.data(), false); break;
     case Fs::ccFat32: c.system = "FAT32"; c.label = fatLabel(drive, node, buf.data(), true); break;
-    case Fs::ccNtfs: c.system = "NTFS"; c.label = ntfsLabel(drive, node, buf.data()); break;
+    case Fs::ccNtfs: {
+      c.system = "NTFS/HPFS";
+      Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, node.blockCount);
+      c.label = Fs::ntfsVolumeLabel(partition);
+      break;
+    }
     case Fs::ccLinuxSwap: c.system = "LINUX SWAP"; break;
     case Fs::ccExt2:
     case Fs::ccExt3:

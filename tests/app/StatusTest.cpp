@@ -3,6 +3,7 @@
 #include "app/FakeDisks.h"
 #include "app/Status.h"
 #include "core/Endian.h"
+#include "filesystem/ntfs/Ntfs.h"
 #include "support/TestSupport.h"
 
 using namespace Kdisk;
@@ -46,37 +47,15 @@ TEST(Status, PartitionsInDisplayOrderWithRemovedOneInItsOldPlace) {
 TEST(Status, NtfsVolumeNameFromTheVolumeFileRecord) {
   FakeDiskTable t;
   FakeLayout& d = t.add(4096);
-  d.addPrimary(1000, 2000, 0x07);
-  uint8_t* bs = t.lastAccess->data.data() + 1000 * 512;
-  std::memcpy(bs + 3, "NTFS    ", 8);
-  Corvo::Core::put16(bs + 11, 512);
-  bs[13] = 8;                         // sectors per cluster
-  Corvo::Core::put64(bs + 48, 4);     // $MFT at cluster 4: sector 32
-  bs[64] = 0xF6;                      // 1 KB file records
-  bs[68] = 1;                         // 4 KB index buffers
-  uint8_t* rec = bs + (32 + 3 * 2) * 512;  // record 3, $Volume
-  std::memcpy(rec, "FILE", 4);
-  Corvo::Core::put16(rec + 4, 48);    // update sequence array: value 0x0007, then two saved tails
-  Corvo::Core::put16(rec + 6, 3);
-  Corvo::Core::put16(rec + 48, 7);
-  Corvo::Core::put16(rec + 50, 0);
-  Corvo::Core::put16(rec + 52, 0x4B4B);
-  Corvo::Core::put16(rec + 510, 7);
-  Corvo::Core::put16(rec + 1022, 7);
-  Corvo::Core::put16(rec + 20, 56);   // first attribute
-  uint8_t* a = rec + 56;
-  Corvo::Core::put32(a, 0x30);        // a $FILE_NAME attribute to step over
-  Corvo::Core::put32(a + 4, 32);
-  a += 32;
-  const char16_t name[] = u"KD\u00c9TE";
-  Corvo::Core::put32(a, 0x60);
-  Corvo::Core::put32(a + 4, 40);
-  Corvo::Core::put32(a + 16, 10);
-  Corvo::Core::put16(a + 20, 24);
-  for (int i = 0; i < 5; ++i) Corvo::Core::put16(a + 24 + 2 * i, name[i]);
-  Corvo::Core::put32(a + 40, 0xFFFFFFFF);
+  d.addPrimary(1000, 3000, 0x07);
+  Corvo::Disk::RangeBlockDevice partition(*fixedDisks()[0]->drive, 1000, 3000);
   ScopedCapture cap;
+  Corvo::Filesystem::NtfsFormatOptions options;
+  options.versionCode = 6;
+  options.label = "KD\xc3\x89TE";
+  Corvo::Filesystem::formatNtfs(partition, options);
+  cap.sink().out.clear();
   printDiskStatus(*fixedDisks()[0]);
   EXPECT_NE(cap.sink().out.find("  07  NTFS/HPFS    KD\xc3\x89TE "), std::string::npos) << cap.sink().out;
-  EXPECT_NE(cap.sink().out.find("  NTFS        PRIMARY"), std::string::npos) << cap.sink().out;
+  EXPECT_NE(cap.sink().out.find("  NTFS/HPFS   PRIMARY"), std::string::npos) << cap.sink().out;
 }
