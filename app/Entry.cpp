@@ -12,6 +12,7 @@
 #include "app/Help.h"
 #include "core/Config.h"
 #include "core/Error.h"
+#include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/DiskDrive.h"
@@ -56,6 +57,7 @@ const std::vector<std::string>& processArguments() { return gArgs; }
 int processEntry(const std::vector<std::string>& args) {
   gArgs = args.empty() ? std::vector<std::string>{"kdisk"} : args;
   TraceScope scope("main");
+  installInterruptHandler();
 
   // Library start-up: its own switches become configuration keys, then the disks are found.
   std::vector<std::string> rest;
