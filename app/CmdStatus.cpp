@@ -13,6 +13,7 @@
 #include "core/Endian.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "core/Utf.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
@@ -51,34 +52,9 @@ std::string trimRight(std::string s) {
 }
 
 std::string utf16ToUtf8(const uint8_t* p, size_t chars) {
-  std::string out;
-  for (size_t i = 0; i < chars; ++i) {
-    uint32_t c = get16(p + 2 * i);
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < chars) {
-      uint32_t lo = get16(p + 2 * (i + 1));
-      if (lo >= 0xDC00 && lo < 0xE000) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (lo - 0xDC00);
-        ++i;
-      }
-    }
-    if (c == 0) break;
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
+  std::u16string text(chars, u'\0');
+  for (size_t i = 0; i < chars; ++i) text[i] = static_cast<char16_t>(get16(p + 2 * i));
+  return Corvo::Core::utf8FromUtf16(text);
 }
 
 // Reads sectors of the partition; false when the range lies outside it or the read fails.

@@ -6,6 +6,7 @@
 #include "app/Consistency.h"
 #include "app/Status.h"
 #include "core/Json.h"
+#include "core/Utf.h"
 #include "disk/layout/BiosBootRecord.h"
 #include "disk/layout/GptDisk.h"
 #include "disk/layout/GptGuid.h"
@@ -73,35 +74,6 @@ std::vector<std::string> consistencyFindings(const FixedDisk& d) {
   return out;
 }
 
-// A GPT partition name (UTF-16) as UTF-8; unpaired surrogates become U+FFFD.
-std::string utf8Of(const std::u16string& name) {
-  std::string out;
-  for (size_t i = 0; i < name.size(); ++i) {
-    uint32_t c = name[i];
-    if (c == 0) break;
-    if (c >= 0xD800 && c < 0xE000) {
-      const bool paired = c < 0xDC00 && i + 1 < name.size() && name[i + 1] >= 0xDC00 && name[i + 1] < 0xE000;
-      c = paired ? 0x10000 + ((c - 0xD800) << 10) + (name[++i] - 0xDC00) : 0xFFFD;
-    }
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
-
 std::string hexByte(uint8_t b) { return format("%02X", b); }
 
 void writeStrings(JsonWriter& w, const char* name, const std::vector<std::string>& list) {
@@ -121,16 +93,11 @@ void writePartition(JsonWriter& w, const FixedDisk& d, const PartitionNode& n, u
   w.number(static_cast<uint64_t>(n.slot < 0 ? 0 : n.slot));
   w.key("role");
   w.text(Corvo::Disk::roleName(n.role));
+  // Members of the other scheme are null.
   w.key("type");
-  if (gpt)
-    w.null();
-  else
-    w.text(hexByte(n.type));
+  w.textOrNull(gpt ? "" : hexByte(n.type));
   w.key("typeGuid");
-  if (gpt)
-    w.text(Corvo::Disk::guidToText(n.typeGuid));
-  else
-    w.null();
+  w.textOrNull(gpt ? Corvo::Disk::guidToText(n.typeGuid) : "");
   w.key("typeName");
   w.text(gpt ? Corvo::Disk::gptTypeName(n.typeGuid) : std::string(t.name));
   w.key("start");
@@ -146,16 +113,12 @@ void writePartition(JsonWriter& w, const FixedDisk& d, const PartitionNode& n, u
   w.key("label");
   w.textOrNull(content.label);
   w.key("name");
-  if (gpt) {
-    w.text(utf8Of(n.name));
-  } else {
-    w.null();
-  }
-  w.key("guid");
   if (gpt)
-    w.text(Corvo::Disk::guidToText(n.uniqueGuid));
+    w.text(Corvo::Core::utf8FromUtf16(n.name));
   else
     w.null();
+  w.key("guid");
+  w.textOrNull(gpt ? Corvo::Disk::guidToText(n.uniqueGuid) : "");
   w.endObject();
 }
 
@@ -211,10 +174,7 @@ void writeDisk(JsonWriter& w, const FixedDisk& d, bool raw) {
   w.key("serial");
   w.textOrNull(d.drive ? d.drive->serialNumber() : "");
   w.key("status");
-  if (d.ok())
-    w.null();
-  else
-    w.text(d.status ? d.status->text() : std::string("The disk could not be opened"));
+  w.textOrNull(d.ok() ? "" : d.status ? d.status->text() : std::string("The disk could not be opened"));
   if (d.drive) {
     const auto& g = d.drive->geometry();
     w.key("geometry");
@@ -242,16 +202,10 @@ void writeDisk(JsonWriter& w, const FixedDisk& d, bool raw) {
   w.key("scheme");
   w.text(gpt ? "GPT" : mbr.hasSignature() ? "MBR" : "none");
   w.key("signature");
-  if (!gpt && mbr.hasSignature())
-    w.text(format("%08X", mbr.getWindowsNtId()));
-  else
-    w.null();
+  w.textOrNull(!gpt && mbr.hasSignature() ? format("%08X", mbr.getWindowsNtId()) : "");
   w.key("guid");
   const auto* gptDisk = gpt ? dynamic_cast<const Corvo::Disk::PartitionedDiskGpt*>(&layout) : nullptr;
-  if (gptDisk && gptDisk->hasValidTable())
-    w.text(Corvo::Disk::guidToText(gptDisk->primaryHeader().diskGuid()));
-  else
-    w.null();
+  w.textOrNull(gptDisk && gptDisk->hasValidTable() ? Corvo::Disk::guidToText(gptDisk->primaryHeader().diskGuid()) : "");
   w.key("partitions");
   w.beginArray();
   const auto list = layout.displayList();

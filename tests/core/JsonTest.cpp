@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/Json.h"
+#include "core/Utf.h"
 
 using namespace Corvo::Core;
 
@@ -43,4 +44,19 @@ TEST(Json, WriterNestsWithCommasAndIndentation) {
   EXPECT_EQ(w.document(),
             "{\n  \"version\": 1,\n  \"list\": [\n    \"a\",\n    null,\n    true\n  ],\n  \"empty\": [],\n"
             "  \"none\": null\n}\n");
+}
+
+TEST(Utf, Utf16NamesBecomeUtf8) {
+  const struct {
+    std::u16string in;
+    std::string out;
+  } cases[] = {
+      {u"alpha", "alpha"},
+      {u"\u03b2eta \u03c9", "\xce\xb2" "eta \xcf\x89"},
+      {u"\U0001F4BE", "\xf0\x9f\x92\xbe"},                 // a surrogate pair
+      {std::u16string(1, 0xD800) + u"x", "\xef\xbf\xbdx"},  // unpaired: U+FFFD
+      {std::u16string(1, 0xDC00), "\xef\xbf\xbd"},
+      {std::u16string(u"ab\0cd", 5), "ab"},                // up to the first NUL
+  };
+  for (const auto& c : cases) EXPECT_EQ(utf8FromUtf16(c.in), c.out);
 }
