@@ -6,6 +6,7 @@
 #include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/ProgressLine.h"
+#include "support/TestSupport.h"
 
 using namespace Corvo::Core;
 
@@ -22,19 +23,11 @@ ProgressState state(uint64_t done, uint64_t total, double elapsed, unsigned pass
   return s;
 }
 
-// Records what the sink is told.
-class RecordingSink : public MessageSink {
+// Records every progress report.
+class RecordingSink : public KdiskTest::CaptureSink {
  public:
   std::vector<ProgressState> states;
-  void error(const std::string&) override {}
-  void warning(const std::string&) override {}
-  void information(const std::string&) override {}
-  bool question(const std::string&) override { return false; }
-  void output(const std::string&) override {}
-  void progress(const std::string&, uint64_t, uint64_t) override {}
   void progressState(const ProgressState& s) override { states.push_back(s); }
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
 };
 
 }  // namespace
