@@ -31,6 +31,7 @@ class JsonOutputScope::Sink : public MessageSink {
   bool question(const std::string& t) override { return inner->question(t); }
   void output(const std::string& t) override { inner->output(t); }
   void progress(const std::string& t, uint64_t d, uint64_t n) override { inner->progress(t, d, n); }
+  void progressState(const Corvo::Core::ProgressState& s) override { inner->progressState(s); }
   int readKey() override { return inner->readKey(); }
   bool readLine(std::string& line) override { return inner->readLine(line); }
 };

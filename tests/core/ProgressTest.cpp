@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -115,6 +116,30 @@ TEST(Progress, InterruptionCountsThePassBeingRun) {
   }
   setMessageSink(std::move(previous));
 }
+
+#if !defined(_WIN32)
+// Real signals: during a table write even repeated ones only set the request, and during a long
+// operation the first one does. (Without either, SIGINT would end the test program.)
+TEST(Interrupt, SignalsBecomeRequestsWhileHeldOrInterruptible) {
+  installInterruptHandler();
+  for (int sig : {SIGINT, SIGTERM}) {
+    clearInterrupt();
+    {
+      InterruptHold hold;
+      std::raise(sig);
+      std::raise(sig);
+    }
+    EXPECT_TRUE(interruptRequested()) << sig;
+    clearInterrupt();
+    {
+      InterruptibleOperation operation;
+      std::raise(sig);
+    }
+    EXPECT_TRUE(interruptRequested()) << sig;
+  }
+  clearInterrupt();
+}
+#endif
 
 TEST(Interrupt, RequestIsStickyUntilCleared) {
   clearInterrupt();
