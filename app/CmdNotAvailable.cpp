@@ -11,10 +11,7 @@ int commandNotAvailable(const char* switchName) {
   return 1;
 }
 
-int commandMbr(SwitchSet&) { return commandNotAvailable("/MBR"); }
 int commandDiskWipe(SwitchSet&) { return commandNotAvailable("/DISKWIPE"); }
-int commandBootIni(SwitchSet&) { return commandNotAvailable("/BOOTINI"); }
 int commandGpt(SwitchSet&) { return commandNotAvailable("/GPT"); }
-int commandRevert(SwitchSet&) { return commandNotAvailable("/REVERT"); }
 
 }  // namespace Kdisk

@@ -5,32 +5,11 @@
 
 #include "app/Version.h"
 #include "core/Message.h"
-
-#if defined(_WIN32)
-#include <windows.h>
-#elif defined(__linux__)
-#include <unistd.h>
-#endif
+#include "core/System.h"
 
 namespace Kdisk {
 
 using namespace Corvo::Core;
-
-std::string executableFolder() {
-#if defined(_WIN32)
-  char buffer[MAX_PATH * 2] = {};
-  DWORD n = GetModuleFileNameA(nullptr, buffer, sizeof buffer);
-  if (n == 0 || n >= sizeof buffer) return {};
-  return std::filesystem::path(std::string(buffer, n)).parent_path().string();
-#elif defined(__linux__)
-  char buffer[4096];
-  ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-  if (n <= 0) return {};
-  return std::filesystem::path(std::string(buffer, static_cast<size_t>(n))).parent_path().string();
-#else
-  return {};
-#endif
-}
 
 int AbortServerReporterKdisk::handle(const Error& error) {
   if (error.id() == ErrorId::AccessDenied) {

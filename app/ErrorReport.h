@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/AbortServerReporter.h"
+#include "core/System.h"
 
 namespace Kdisk {
 
@@ -27,6 +28,6 @@ class AbortServerReporterKdisk : public Corvo::Core::AbortServerReporter {
 };
 
 // The folder holding the running executable, or empty when it cannot be found.
-std::string executableFolder();
+inline std::string executableFolder() { return Corvo::Core::executableFolder(); }
 
 }  // namespace Kdisk

@@ -4,22 +4,10 @@
 #include <ctime>
 #include <filesystem>
 
+#include "core/Clock.h"
 #include "core/Message.h"
 
 namespace Corvo::Core {
-
-std::string localTimeStamp() {
-  std::time_t now = std::time(nullptr);
-  std::tm tm{};
-#if defined(_WIN32)
-  localtime_s(&tm, &now);
-#else
-  localtime_r(&now, &tm);
-#endif
-  char text[21] = {};  // "dd/mm/yyyy hh:mm:ss" plus the terminator
-  if (std::strftime(text, sizeof text, "%d/%m/%Y %H:%M:%S", &tm) == 0) text[0] = 0;
-  return text;
-}
 
 std::vector<std::string> AbortServerReporter::header() const {
   std::vector<std::string> lines;

@@ -35,7 +35,4 @@ class AbortServerReporter {
   virtual int exitCode() const { return 1; }
 };
 
-// The local time as "%d/%m/%Y %H:%M:%S".
-std::string localTimeStamp();
-
 }  // namespace Corvo::Core

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "core/Clock.h"
+
 namespace Corvo::Core {
 namespace {
 FILE* gLog = nullptr;
@@ -15,10 +17,7 @@ bool DiagnosticLog::open(const std::string& path, bool alsoConsole) {
   gLog = std::fopen(path.c_str(), "a");
   gConsole = alsoConsole;
   if (gLog) {
-    std::time_t t = std::time(nullptr);
-    char stamp[32] = {};
-    std::strftime(stamp, sizeof stamp, "%d/%m/%Y %H:%M:%S", std::localtime(&t));
-    std::fprintf(gLog, "--- diagnostic log opened %s\n", stamp);
+    std::fprintf(gLog, "--- diagnostic log opened %s\n", localTimeStamp().c_str());
   }
   return gLog != nullptr;
 }

@@ -12,7 +12,7 @@ bad() { echo "FAIL: $*" >&2; fails=$((fails + 1)); }
 
 want_deb=(./usr/bin/kdisk ./usr/share/man/man1/kdisk.1 ./usr/share/doc/kdisk/README.md)
 want_zip=(kdisk.exe README.md)
-if [ -f MBR.BIN ]; then want_deb+=(./usr/share/kdisk/MBR.BIN); want_zip+=(MBR.BIN); fi
+if [ -f tools/bootcode/MBR.BIN ]; then want_deb+=(./usr/bin/MBR.BIN); want_zip+=(MBR.BIN); fi
 
 (cd "$native" && cpack -G DEB >/dev/null)
 deb=$(ls -t "$native"/kdisk_*.deb | head -n 1)

@@ -122,17 +122,24 @@ void BiosBootRecord::setSlot(unsigned slot, uint64_t startBlock, uint64_t blockC
   Core::put32(p + 12, static_cast<uint32_t>(blockCount));
 }
 
-bool BiosBootRecord::isBootCodeRecognised() const {
-  static const char* const k169 = "5b4de9c1567ba294000a6f8cf791b1af";
-  static const char* const k218a = "6dde166a00ed7ffb13541ecd09d4d737";
-  static const char* const k218b = "be5a64baa2734460c93f32b4289dfa3f";
-  if (Md5::hex(Md5::of(bytes_.data(), 169)) == k169) return true;
-  std::string d = Md5::hex(Md5::of(bytes_.data(), 218));
-  return d == k218a || d == k218b;
+const std::vector<KnownBootCode>& knownBootCodes() {
+  static const std::vector<KnownBootCode> known = {{169, "5b4de9c1567ba294000a6f8cf791b1af"},
+                                                   {218, "6dde166a00ed7ffb13541ecd09d4d737"},
+                                                   {218, "be5a64baa2734460c93f32b4289dfa3f"}};
+  return known;
 }
 
-bool BiosBootRecord::is9xIdAvailable() const {
-  return bytes_[218] == 0 && bytes_[219] == 0 && isBootCodeRecognised();
+bool matchesKnownBootCode(const uint8_t* record, const std::vector<KnownBootCode>& known) {
+  for (const KnownBootCode& k : known)
+    if (k.length <= BiosBootRecord::kSize && Md5::hex(Md5::of(record, k.length)) == k.md5) return true;
+  return false;
+}
+
+bool BiosBootRecord::isBootCodeRecognised() const { return matchesKnownBootCode(bytes_.data(), knownBootCodes()); }
+
+bool BiosBootRecord::is9xIdAvailable() const { return is9xIdAvailable(knownBootCodes()); }
+bool BiosBootRecord::is9xIdAvailable(const std::vector<KnownBootCode>& known) const {
+  return bytes_[218] == 0 && bytes_[219] == 0 && matchesKnownBootCode(bytes_.data(), known);
 }
 uint32_t BiosBootRecord::getWindows9xId() const { return Core::get32(bytes_.data() + 220); }
 void BiosBootRecord::setWindows9xId(uint32_t id) {

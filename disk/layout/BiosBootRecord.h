@@ -18,6 +18,12 @@ struct Chs {
   bool operator==(const Chs&) const = default;
 };
 
+// A known boot-code image: the MD5 digest (lower-case hex) of a record's first `length` bytes.
+struct KnownBootCode {
+  size_t length;
+  const char* md5;
+};
+
 class BiosBootRecord {
  public:
   static constexpr size_t kSize = 512;
@@ -70,6 +76,8 @@ class BiosBootRecord {
   // and 219 zero. The setters leave the record untouched when it is not present.
   bool isBootCodeRecognised() const;
   bool is9xIdAvailable() const;
+  // The same test against another table of images.
+  bool is9xIdAvailable(const std::vector<KnownBootCode>& known) const;
   uint32_t getWindows9xId() const;
   void setWindows9xId(uint32_t id);
   void regenerateWindows9xId();
@@ -92,6 +100,11 @@ class BiosBootRecord {
   uint64_t slotCount_;
   bool hasTable_;
 };
+
+// The three images under which the Windows 9x identifier counts.
+const std::vector<KnownBootCode>& knownBootCodes();
+// True when the record's leading bytes match one of the images.
+bool matchesKnownBootCode(const uint8_t* record, const std::vector<KnownBootCode>& known);
 
 // A fresh non-zero value for a disk identifier.
 uint32_t newDiskIdentifier();

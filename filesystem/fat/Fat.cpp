@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 
+#include "core/Clock.h"
 #include "core/Endian.h"
 #include "core/Error.h"
 #include "core/Message.h"
@@ -28,17 +29,6 @@ constexpr uint32_t kDirEntrySize = 32;
 constexpr uint32_t kMaxWorkBlocks = 16384;
 
 const char kForbiddenLabelChars[] = "*?/\\|.,;:+=[]()&^<>\"";
-
-std::tm localNow() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-#if defined(_WIN32)
-  localtime_s(&tm, &t);
-#else
-  localtime_r(&t, &tm);
-#endif
-  return tm;
-}
 
 // The label as stored on disk: 11 bytes, space-padded.
 void putPaddedName(uint8_t* p, const std::string& text, size_t width) {
@@ -366,7 +356,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
     throw Error(ErrorId::InvalidArgument, "Invalid volume label").with("label", *options.label);
 
   if (!layout_) layout_ = std::make_unique<FatLayout>();
-  const std::tm now = localNow();
+  const std::tm now = Core::localNow();
   try {
     buildBpb(options, now);
   } catch (const Error& e) {

@@ -11,7 +11,7 @@
 
 using namespace Corvo::Filesystem;
 
-// The committed arrays are exactly what the assembly sources produce.
+// The committed arrays and MBR.BIN are exactly what the assembly sources produce.
 TEST(BootCode, ArraysMatchTheirAssemblySource) {
   // The source tree: KDISK_SOURCE, else two levels above this file.
   std::string root = std::getenv("KDISK_SOURCE") ? std::getenv("KDISK_SOURCE") : "";
@@ -23,11 +23,15 @@ TEST(BootCode, ArraysMatchTheirAssemblySource) {
     GTEST_SKIP() << "needs binutils (as, objcopy) and xxd";
   KdiskTest::TempDir dir;
   std::string out;
-  ASSERT_EQ(KdiskTest::runCommand("bash " + root + "/tools/bootcode/build.sh " + dir.file("BootCode.cpp"), &out), 0)
-      << out;
-  EXPECT_EQ(KdiskTest::runCommand("cmp " + dir.file("BootCode.cpp") + " " + root + "/filesystem/fat/BootCode.cpp", &out),
-            0)
-      << out;
+  ASSERT_EQ(KdiskTest::runCommand("bash " + root + "/tools/bootcode/build.sh " + dir.file(""), &out), 0) << out;
+  const struct {
+    const char* generated;
+    const char* committed;
+  } files[] = {{"BootCode.cpp", "/filesystem/fat/BootCode.cpp"},
+               {"MasterBootCode.cpp", "/disk/layout/MasterBootCode.cpp"},
+               {"MBR.BIN", "/tools/bootcode/MBR.BIN"}};
+  for (const auto& f : files)
+    EXPECT_EQ(KdiskTest::runCommand("cmp " + dir.file(f.generated) + " " + root + f.committed, &out), 0) << out;
 }
 
 // Boots freshly formatted volumes in an emulator and reads the messages off the text screen.

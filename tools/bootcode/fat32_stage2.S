@@ -1,18 +1,61 @@
 # The FAT32 boot-code sector, written at sectors 2 and 8 of the volume and run by the FAT32
-# loader at 0000:7E00. It does not start an operating system: it tells the user that the
-# volume is not a system disk, waits for a key and reboots. The whole 512 bytes are stored.
+# loader at 0000:7E00 with BP = 0x7C00 and the BPB's drive number set to the boot drive. It follows the
+# root directory's cluster chain looking for IO.SYS or WINBOOT.SYS and for MSDOS.SYS and
+# starts the system (start_system in disk.inc); otherwise "Invalid system disk".
         .code16
         .text
+        .set    ORIGIN, 0x7e00
+        .set    DIRBUF, 0x8000
+        .set    FATBUF, 0x8200
+        .set    HAVE_ALT, 1
+        .set    VAR_DRIVE, 64
+        .include "vars.inc"
 sector:
-        cld
-        call    base
-base:   popw    %di
-        pushw   %cs
-        popw    %ds
-        leaw    (msg_invalid - base)(%di), %si
-        call    print
-        jmp     replace_and_reboot
+        # The data area: after the reserved sectors and the FATs.
+        movzbl  16(%bp), %eax           # number of FATs
+        mull    36(%bp)                 # sectors per FAT (32-bit)
+        movzwl  14(%bp), %ecx           # reserved sectors
+        addl    %ecx, %eax
+        movl    %eax, VAR_DATA(%bp)
 
+        movl    44(%bp), %eax           # the root directory's first cluster
+cluster:
+        cmpl    $2, %eax
+        jb      done
+        cmpl    $0x0ffffff8, %eax
+        jae     done
+        pushl   %eax
+        subl    $2, %eax
+        movzbl  13(%bp), %ecx           # sectors per cluster
+        mull    %ecx
+        addl    VAR_DATA(%bp), %eax
+        movw    $DIRBUF, %bx
+1:      call    read_sector
+        call    scan
+        jc      2f
+        incl    %eax
+        loop    1b
+        popl    %eax
+        # The next cluster from the first FAT: 128 entries a sector.
+        movl    %eax, %esi
+        shrl    $7, %eax
+        movzwl  14(%bp), %ecx
+        addl    %ecx, %eax
+        movw    $FATBUF, %bx
+        call    read_sector
+        andw    $127, %si
+        shlw    $2, %si
+        movl    FATBUF(%si), %eax
+        andl    $0x0fffffff, %eax
+        jmp     cluster
+2:      popl    %eax
+done:   cmpw    $0x0101, VAR_IO(%bp)    # IO.SYS or WINBOOT.SYS, and MSDOS.SYS
+        jne     invalid
+        jmp     start_system
+
+        .include "disk.inc"
+        .include "scan.inc"
+name_alt:       .ascii  "WINBOOT SYS"
         .include "print.inc"
 
         .org    510

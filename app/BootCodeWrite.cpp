@@ -1,0 +1,42 @@
+#include "app/BootCodeWrite.h"
+
+#include "app/Status.h"
+#include "core/Error.h"
+#include "core/Message.h"
+
+namespace Kdisk {
+
+using namespace Corvo::Core;
+
+bool loadBootCodeFile(const std::string& path, std::vector<uint8_t>& code) {
+  try {
+    code = Corvo::Disk::readBootCodeFile(path);
+  } catch (const Error& e) {
+    message(mkError, "Cannot read boot code file %s -- %s", path.c_str(), e.text().c_str());
+    return false;
+  }
+  return true;
+}
+
+int writeBootCodeToDisk(FixedDisk& disk, const std::vector<uint8_t>& code, Corvo::Disk::DiskIdMode mode, bool wipe) {
+  std::string warning;
+  try {
+    warning = Corvo::Disk::writeMasterBootCode(*disk.layout, code, mode, wipe);
+  } catch (const Error& e) {
+    message(mkError, "Cannot write master boot record -- %s", e.text().c_str());
+    return 1;
+  }
+  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
+  message(mkInformation, "The master boot record of fixed disk %u has been reinitialised", disk.index + 1);
+  try {
+    disk.layout = Corvo::Disk::PartitionedDisk::load(*disk.drive);
+  } catch (const Error& e) {
+    // The record is written; only the display below is missing.
+    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
+    return 0;
+  }
+  printDiskStatus(disk);
+  return 0;
+}
+
+}  // namespace Kdisk

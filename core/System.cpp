@@ -1,0 +1,98 @@
+#include "core/System.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#if defined(_WIN32)
+#include <windows.h>
+#elif defined(__linux__)
+#include <sys/reboot.h>
+#include <unistd.h>
+#endif
+
+namespace Corvo::Core {
+
+namespace {
+
+std::string trimmed(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ' || text.back() == '.'))
+    text.pop_back();
+  return text;
+}
+
+#if defined(_WIN32)
+// The shutdown privilege must be enabled in the process token before ExitWindowsEx works.
+bool enableShutdownPrivilege() {
+  HANDLE token = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) return false;
+  TOKEN_PRIVILEGES tp{};
+  tp.PrivilegeCount = 1;
+  tp.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+  bool ok = LookupPrivilegeValueA(nullptr, "SeShutdownPrivilege", &tp.Privileges[0].Luid) &&
+            AdjustTokenPrivileges(token, FALSE, &tp, 0, nullptr, nullptr) && GetLastError() == ERROR_SUCCESS;
+  CloseHandle(token);
+  return ok;
+}
+#endif
+
+}  // namespace
+
+std::string systemErrorText(unsigned long code) {
+#if defined(_WIN32)
+  char buffer[512] = {};
+  DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                           static_cast<DWORD>(code), 0, buffer, sizeof buffer, nullptr);
+  std::string text = trimmed(std::string(buffer, n));
+#else
+  std::string text = trimmed(std::strerror(static_cast<int>(code)));
+#endif
+  return text.empty() ? "error " + std::to_string(code) : text;
+}
+
+std::string lastSystemErrorText() {
+#if defined(_WIN32)
+  return systemErrorText(GetLastError());
+#else
+  return systemErrorText(static_cast<unsigned long>(errno));
+#endif
+}
+
+std::string executableFolder() {
+#if defined(_WIN32)
+  char buffer[MAX_PATH * 2] = {};
+  DWORD n = GetModuleFileNameA(nullptr, buffer, sizeof buffer);
+  if (n == 0 || n >= sizeof buffer) return {};
+  return std::filesystem::path(std::string(buffer, n)).parent_path().string();
+#elif defined(__linux__)
+  char buffer[4096];
+  ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+  if (n <= 0) return {};
+  return std::filesystem::path(std::string(buffer, static_cast<size_t>(n))).parent_path().string();
+#else
+  return {};
+#endif
+}
+
+bool restartComputer(std::string& why) {
+#if defined(_WIN32)
+  if (!enableShutdownPrivilege() ||
+      !ExitWindowsEx(EWX_REBOOT | EWX_FORCEIFHUNG, SHTDN_REASON_MAJOR_OTHER | SHTDN_REASON_FLAG_PLANNED)) {
+    why = lastSystemErrorText();
+    return false;
+  }
+  return true;
+#elif defined(__linux__)
+  sync();
+  if (reboot(RB_AUTOBOOT) != 0) {
+    why = lastSystemErrorText();
+    return false;
+  }
+  return true;
+#else
+  why = "not supported on this platform";
+  return false;
+#endif
+}
+
+}  // namespace Corvo::Core

@@ -1,0 +1,21 @@
+// Small services of the operating system that the front end needs and may not call itself:
+// the text of a system error code, the folder of the running program, and the restart.
+#pragma once
+#include <string>
+
+namespace Corvo::Core {
+
+// The system's text for an error code (errno values, or Windows error codes on Windows),
+// trailing blanks and line ends trimmed; "error N" when the system has none.
+std::string systemErrorText(unsigned long code);
+// The text of the calling thread's last system error (GetLastError on Windows, errno elsewhere).
+std::string lastSystemErrorText();
+
+// The folder of the running executable; empty when it cannot be found.
+std::string executableFolder();
+
+// Flushes file buffers and restarts the computer. Returns false with the reason in `why`
+// when the restart could not be started.
+bool restartComputer(std::string& why);
+
+}  // namespace Corvo::Core

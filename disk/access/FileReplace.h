@@ -1,0 +1,29 @@
+// Whole-file reads and durable whole-file replacement for small files that must never be
+// seen half written (boot.ini, boot-sector files): the new bytes go to a temporary file in the
+// same folder, are flushed to the medium, and then take the file's name in one rename. A
+// crash at any point leaves either the old file or the new one.
+#pragma once
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace Corvo::Disk {
+
+bool fileExists(const std::string& path);
+
+// Reads the whole file. Throws Core::Error (OpenFailed, ReadFailed; InvalidArgument when it
+// is larger than limit bytes).
+std::string readWholeFile(const std::string& path, size_t limit);
+
+// Makes path hold exactly bytes. An existing file keeps its permissions (POSIX) or its
+// read-only, system and hidden attributes (Windows, cleared for the replacement and given
+// back afterwards). Every flush is checked; on failure the old file is untouched, the
+// temporary file is removed and Core::Error (WriteFailed) is thrown.
+void writeFileDurably(const std::string& path, std::string_view bytes);
+
+// writeFileDurably of previous to backupPath, then of bytes to path: the backup is on the
+// medium before the file changes.
+void replaceFileKeepingBackup(const std::string& path, std::string_view bytes, std::string_view previous,
+                              const std::string& backupPath);
+
+}  // namespace Corvo::Disk

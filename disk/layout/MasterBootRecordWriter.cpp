@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+#include "core/Error.h"
+#include "core/Trace.h"
+#include "disk/layout/GptFormat.h"
+#include "disk/layout/MasterBootCode.h"
+
+namespace Corvo::Disk {
+
+using Core::Error;
+using Core::ErrorId;
+
+std::vector<uint8_t> readBootCodeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw Error(ErrorId::OpenFailed, "The boot code file cannot be opened").with("path", path);
+  std::vector<uint8_t> code;
+  char c;
+  while (code.size() <= BiosBootRecord::kSize && in.get(c)) code.push_back(static_cast<uint8_t>(c));
+  if (in.bad()) throw Error(ErrorId::OpenFailed, "The boot code file cannot be read").with("path", path);
+  if (code.empty()) throw Error(ErrorId::InvalidImage, "The boot code file is empty").with("path", path);
+  if (code.size() > BiosBootRecord::kSize)
+    throw Error(ErrorId::InvalidImage, "The boot code file is larger than one sector (512 bytes)").with("path", path);
+  return code;
+}
+
+BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std::vector<uint8_t>& code, DiskIdMode mode) {
+  BiosBootRecord next(true, 4, current.data());
+  if (!current.hasSignature()) next = BiosBootRecord(true, 4);
+  next.setBootCode(code.data(), code.size());
+  switch (mode) {
+    case DiskIdMode::FromCode:
+      break;
+    case DiskIdMode::Preserve:
+      next.setWindowsNtId(current.getWindowsNtId());
+      // Written only where the new code leaves room for it (a recognised image).
+      if (current.is9xIdAvailable()) next.setWindows9xId(current.getWindows9xId());
+      break;
+    case DiskIdMode::Clear:
+      next.clearWindowsNtId();
+      next.setWindows9xId(0);
+      break;
+  }
+  return next;
+}
+
+namespace {
+
+bool hasGptHeader(DiskDrive& drive, uint64_t block) {
+  uint8_t buf[512];
+  drive.read(block, 1, buf);
+  return GptHeader(buf).hasSignature();
+}
+
+// The sectors that must be zeroed so that the old partitions are found nowhere: every extended
+// boot record, and the GPT headers (primary, backup at the end, and wherever the primary says
+// its backup is).
+std::set<uint64_t> staleTableBlocks(PartitionedDisk& layout) {
+  DiskDrive& drive = layout.drive();
+  const uint64_t blocks = drive.blockCount();
+  std::set<uint64_t> stale;
+  if (layout.scheme() == PartitionScheme::Mbr)
+    for (const RawBootRecord& r : layout.rawTables())
+      if (r.block > 0 && r.block < blocks) stale.insert(r.block);
+  if (blocks > 2) {
+    uint8_t buf[512];
+    drive.read(1, 1, buf);
+    GptHeader primary(buf);
+    if (primary.hasSignature()) {
+      stale.insert(1);
+      if (primary.alternateBlock() > 1 && primary.alternateBlock() < blocks && hasGptHeader(drive, primary.alternateBlock()))
+        stale.insert(primary.alternateBlock());
+    }
+    if (hasGptHeader(drive, blocks - 1)) stale.insert(blocks - 1);
+  }
+  return stale;
+}
+
+}  // namespace
+
+std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8_t>& code, DiskIdMode mode, bool wipe) {
+  Core::TraceScope scope("writeMasterBootCode");
+  DiskDrive& drive = layout.drive();
+  if (!drive.isWritable())
+    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(drive.geometry().bytesPerSector));
+  if (code.empty() || code.size() > BiosBootRecord::kSize)
+    throw Error(ErrorId::InvalidArgument, "The boot code does not fit one sector").with("size", std::to_string(code.size()));
+
+  std::set<uint64_t> stale;
+  if (wipe) {
+    // Every partition must be free to change before the first sector is written.
+    for (const PartitionNode* n : layout.displayList()) drive.prepareForChange(n->firstBlock, n->blockCount);
+    stale = staleTableBlocks(layout);
+  }
+  uint8_t buf[512];
+  drive.read(0, 1, buf);
+  BiosBootRecord next = composeMasterBootRecord(BiosBootRecord(true, 4, buf), code, mode);
+  if (wipe)
+    for (unsigned s = 0; s < BiosBootRecord::kMaxSlots; ++s) next.clearSlot(s);
+
+  // The master boot record first: once it is on the medium nothing links to the old extended
+  // boot records or GPT any more, and they can go.
+  drive.write(0, 1, next.data());
+  drive.flush();
+  if (!stale.empty()) {
+    const uint8_t zero[512] = {};
+    for (uint64_t b : stale) drive.write(b, 1, zero);
+    drive.flush();
+  }
+  if (!wipe) return {};
+  OsLayout empty;
+  empty.style = OsLayout::Mbr;
+  empty.signature = next.getWindowsNtId();
+  try {
+    drive.setNativePartitionLayout(empty);
+  } catch (const Error& e) {
+    return e.text();
+  }
+  return {};
+}
+
+}  // namespace Corvo::Disk

@@ -1,0 +1,128 @@
+#!/usr/bin/env bash
+# /MBR and /REVERT on images: the code area byte for byte under /P, /Z and neither, the code
+# from /REPLACE:file, MBR.BIN beside the program or the built-in copy, /WIPE leaving no table
+# that sfdisk or blkid finds, and every refusal leaving the image unchanged.
+set -euo pipefail
+KDISK=${1:?usage: mbr.sh path/to/kdisk}
+here=$(cd "$(dirname "$0")" && pwd)
+. "$here/lib/partition.bash"
+require_partitioning
+need_tools sha256sum cmp blkid
+work=$WORK
+img=$work/disk.img
+committed=${KDISK_SOURCE:-$here/../..}/tools/bootcode/MBR.BIN
+[ -f "$committed" ] || skip "no MBR.BIN in the source tree ($committed)"
+
+# fresh: a disk with two primaries, an extended partition with two logical drives, disk
+# signature 0x12345678 and old boot code (0x5A bytes) before it.
+fresh() {
+  rm -f "$img"; truncate -s 32M "$img"
+  sfdisk -q "$img" <<'T'
+label: dos
+label-id: 0x12345678
+start=2048, size=4096, type=6, bootable
+start=6144, size=4096, type=83
+start=10240, type=f
+size=4096, type=6
+size=4096, type=6
+T
+  head -c 440 /dev/zero | tr "\0" "\132" | dd of="$img" conv=notrunc status=none
+  TABLE=$(table_of "$img")
+}
+bytes() { dd if="$1" bs=1 skip="$2" count="$3" status=none | od -An -tx1 -v | tr -d ' \n'; }
+# code_is WHAT FILE LENGTH: bytes 0..LENGTH-1 of sector 0 are the file's.
+code_is() { [ "$(bytes "$img" 0 "$3")" = "$(bytes "$2" 0 "$3")" ] || fail "$1: the code area is not $2"; }
+table_kept() {
+  [ "$(table_of "$img")" = "$TABLE" ] || fail "$1: the table changed: $(table_of "$img")"
+  [ "$(bytes "$img" 510 2)" = 55aa ] || fail "$1: no boot signature"
+}
+
+# Refusals: exit code, message, arguments; the image unchanged.
+fresh
+printf '' >"$work/empty.bin"
+head -c 513 /dev/zero >"$work/big.bin"
+for i in $(seq 0 511); do printf "\\$(printf %03o $((i % 256)))"; done >"$work/sector.bin"
+refuse "$img" <<T
+2|Conflicting switches. Specify either /P or /Z|1 /MBR /P /Z /Y
+2|~Required parameter missing -- fixed disk number|/MBR /Y
+1|~No such fixed disk -- 2|2 /MBR /Y
+2|~Unknown switch -- /ALL|1 /MBR /ALL /Y
+1|~Cannot read boot code file $work/missing.bin -- The boot code file cannot be opened|1 /MBR /REPLACE:$work/missing.bin /Y
+1|~Cannot read boot code file $work/empty.bin -- The boot code file is empty|1 /MBR /REPLACE:$work/empty.bin /Y
+1|~Cannot read boot code file $work/big.bin -- The boot code file is larger than one sector (512 bytes)|1 /MBR /REPLACE:$work/big.bin /Y
+1|~The master boot record of fixed disk 1 will be reinitialised. Continue?|1 /MBR
+1|~All partitions on fixed disk 1 will be deleted and its master boot record reinitialised. Continue?|1 /MBR /WIPE /P
+1|Failed to determine system disk|/REVERT /Y
+2|~Too many parameters -- 1|1 /REVERT /Y
+1|~Cannot read boot code file mbr.bin -- The boot code file cannot be opened|/BOOTDISK=1 /REVERT /Y
+T
+# The answer No, typed.
+before=$(sha "$img")
+kd_answer $'n\n' "$img" 1 /MBR
+expect_rc 1 "/MBR answered No"
+[ "$(sha "$img")" = "$before" ] || fail "/MBR answered No: the image changed"
+
+# The code and the identifiers: switches, code file, bytes expected at 440..445 (hex).
+while IFS='|' read -r switches file want; do
+  fresh
+  # shellcheck disable=SC2086
+  kd "$img" 1 /MBR /Y $switches
+  expect_rc 0 "/MBR $switches"
+  expect_text "The master boot record of fixed disk 1 has been reinitialised" "/MBR $switches"
+  expect_text "Partitions on fixed disk 1" "/MBR $switches"
+  code_is "/MBR $switches" "$file" 440
+  [ "$(bytes "$img" 440 6)" = "$want" ] || fail "/MBR $switches: bytes 440..445 are $(bytes "$img" 440 6), expected $want"
+  table_kept "/MBR $switches"
+done <<T
+|$committed|000000000000
+/P|$committed|785634120000
+/Z|$committed|000000000000
+/P /REPLACE:$work/sector.bin|$work/sector.bin|78563412bcbd
+/REPLACE:$work/sector.bin|$work/sector.bin|b8b9babbbcbd
+T
+
+# MBR.BIN beside the program, else the built-in copy.
+mkdir -p "$work/bin"
+cp "$KDISK" "$work/bin/kdisk"
+fresh
+KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y
+expect_rc 0 "built-in code"
+code_is "built-in code" "$committed" 440
+head -c 300 /dev/zero | tr '\0' '\353' >"$work/bin/MBR.BIN"
+KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y /P
+expect_rc 0 "MBR.BIN beside the program"
+code_is "MBR.BIN beside the program" "$work/bin/MBR.BIN" 300
+[ "$(bytes "$img" 300 140)" = "$(head -c 140 /dev/zero | od -An -tx1 -v | tr -d ' \n')" ] ||
+  fail "MBR.BIN beside the program: the code area is not zero after the file's bytes"
+table_kept "MBR.BIN beside the program"
+
+# /REVERT: mbr.bin from the current folder onto the boot disk, identifiers kept.
+fresh
+head -c 446 /dev/zero | tr '\0' '\61' >"$work/mbr.bin"
+(cd "$work" && kd "$img" /BOOTDISK=1 /REVERT /Y)
+expect_rc 0 "/REVERT"
+code_is "/REVERT" "$work/mbr.bin" 440
+[ "$(bytes "$img" 440 4)" = 78563412 ] || fail "/REVERT: the disk signature was not kept"
+table_kept "/REVERT"
+
+# /WIPE: MBR with logical drives, and a GPT disk; afterwards neither tool finds a table entry
+# or a GPT, and the old extended boot records are gone.
+for label in dos gpt; do
+  fresh
+  if [ $label = gpt ]; then
+    sfdisk -q "$img" <<<$'label: gpt\nstart=2048, size=4096\nstart=8192, size=4096'
+  fi
+  kd "$img" 1 /MBR /WIPE /Y
+  expect_rc 0 "/MBR /WIPE on $label"
+  [ "$(count_parts "$img")" = 0 ] || fail "/MBR /WIPE on $label: sfdisk still finds $(parts "$img")"
+  pt=$(blkid -p -o value -s PTTYPE "$img" 2>/dev/null || true)
+  [ "$pt" != gpt ] && [ "$pt" != PMBR ] || fail "/MBR /WIPE on $label: blkid finds $pt"
+  blkid -p -o export "$img" 2>/dev/null | grep -q '^PART_ENTRY' && fail "/MBR /WIPE on $label: blkid finds entries"
+  only_byte "$img" 1 1 0 || fail "/MBR /WIPE on $label: sector 1 not cleared"
+  only_byte "$img" 65535 1 0 || fail "/MBR /WIPE on $label: the last sector not cleared"
+  [ $label = gpt ] || only_byte "$img" 10240 1 0 || fail "/MBR /WIPE on $label: the first extended boot record is left"
+  code_is "/MBR /WIPE on $label" "$committed" 440
+  [ "$(bytes "$img" 510 2)" = 55aa ] || fail "/MBR /WIPE on $label: no boot signature"
+  expect_text "Partitions on fixed disk 1" "/MBR /WIPE on $label"
+done
+finish

@@ -1,0 +1,81 @@
+// The message function's routing and prompt modes, the fixed test clock and random sequence,
+// and the system error text.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include "core/Clock.h"
+#include "core/Message.h"
+#include "core/System.h"
+#include "support/TestSupport.h"
+
+using namespace Corvo::Core;
+
+namespace {
+
+TEST(MessageFunction, RoutesEachKindAndAnswersQuestionsByPromptMode) {
+  struct Case {
+    MessageKind kind;
+    PromptMode mode;
+    bool answer;        // what the console would answer if asked
+    int result;         // 0 for statements, 1 yes, 2 no
+    bool asked;         // the sink saw the question
+  };
+  const Case cases[] = {
+      {mkError, 2, false, 0, false},
+      {mkWarning, 2, false, 0, false},
+      {mkInformation, 2, false, 0, false},
+      {mkQuestion, 0, false, 2, true},  // a plain question is always put to the user
+      {mkQuestion, 1, true, 1, true},
+      {mkQuestionPrompted, 0, false, 1, false},  // /Y: yes without asking
+      {mkQuestionPrompted, 1, true, 2, false},   // answered no in advance
+      {mkQuestionPrompted, 2, true, 1, true},
+      {mkQuestionPrompted, 2, false, 2, true},
+  };
+  for (const Case& c : cases) {
+    KdiskTest::ScopedCapture capture;
+    capture.sink().answers = {c.answer};
+    const PromptMode old = setPromptMode(c.mode);
+    const int r = message(c.kind, "Fixed disk %d -- %s", 3, "text");
+    setPromptMode(old);
+    SCOPED_TRACE(testing::Message() << "kind " << c.kind << " mode " << c.mode);
+    EXPECT_EQ(r, c.result);
+    const std::string line = "Fixed disk 3 -- text\n";
+    EXPECT_EQ(capture.sink().errors, c.kind == mkError ? line : "");
+    EXPECT_EQ(capture.sink().warnings, c.kind == mkWarning ? line : "");
+    EXPECT_EQ(capture.sink().infos, c.kind == mkInformation ? line : "");
+    EXPECT_EQ(!capture.sink().questions.empty(), c.asked);
+  }
+}
+
+TEST(MessageFunction, FormatsTextsOfAnyLength) {
+  const std::string longText(5000, 'x');
+  EXPECT_EQ(format("%s|%05.1f", longText.c_str(), 2.25), longText + "|002.2");
+  KdiskTest::ScopedCapture capture;
+  print("%s", longText.c_str());
+  EXPECT_EQ(capture.sink().out, longText);
+}
+
+TEST(Clock, TestClockAndSeedMakeRunsRepeatable) {
+  setenv("KDISK_TEST_CLOCK", "1262304000", 1);  // 01/01/2010 00:00:00 UTC
+  EXPECT_EQ(currentTime(), 1262304000);
+  EXPECT_EQ(localTimeStamp(), "01/01/2010 00:00:00");
+  EXPECT_EQ(localNow().tm_year, 110);
+  unsetenv("KDISK_TEST_CLOCK");
+  EXPECT_GT(currentTime(), 1262304000);
+
+  // Without a seed, two draws differ.
+  EXPECT_NE(randomValue<uint64_t>(), randomValue<uint64_t>());
+}
+
+TEST(SystemErrorText, IsTrimmedAndNeverEmpty) {
+  const std::string text = systemErrorText(ENOENT);
+  ASSERT_FALSE(text.empty());
+  EXPECT_NE(text.back(), '\n');
+  EXPECT_NE(text.back(), '.');
+  EXPECT_FALSE(systemErrorText(999999).empty());
+}
+
+}  // namespace
