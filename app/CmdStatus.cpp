@@ -9,9 +9,11 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "app/Status.h"
+#include "app/StatusJson.h"
 #include "core/Endian.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "core/Utf.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
@@ -283,6 +285,11 @@ void printDisk(FixedDisk& d, const PartitionMark* mark, const Options& opt) {
 
 }  // namespace
 
+PartitionContent partitionContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
+  Content c = readContent(drive, node);
+  return {c.system, c.label};
+}
+
 void printDiskStatus(FixedDisk& disk, const PartitionMark* mark) {
   Options opt;
   printDiskHeader();
@@ -292,7 +299,8 @@ void printDiskStatus(FixedDisk& disk, const PartitionMark* mark) {
 
 int commandStatus(SwitchSet& set) {
   Corvo::Core::TraceScope scope("commandStatus");
-  if (!set.validate({&swSTATUS, &swRAW, &swLBA, &swSER, &swX, &swI, &swU, &swS, &swY, &swSURE, &swR, &swDIAG}, 0, 1)) {
+  if (!set.validate({&swSTATUS, &swRAW, &swLBA, &swSER, &swJSON, &swX, &swI, &swU, &swS, &swY, &swSURE, &swR, &swDIAG},
+                    0, 1)) {
     message(mkError, "%s", set.errorText().c_str());
     return 2;
   }
@@ -304,11 +312,13 @@ int commandStatus(SwitchSet& set) {
     message(mkError, "Conflicting switches. Specify either /RAW or /LBA");
     return 2;
   }
+  const bool json = set.isPresent(swJSON);
   if (set.firstParameter()) {
     uint32_t index = parseDiskNumber(set);
     if (index == kNoDisk) return 2;
     FixedDisk* d = findDisk(index);
     if (!d) return 1;
+    if (json) return printStatusJson({d}, opt.raw || opt.lba);
     printDiskHeader();
     printDiskRow(*d, opt);
     printDisk(*d, nullptr, opt);
@@ -320,6 +330,7 @@ int commandStatus(SwitchSet& set) {
     return 1;
   }
   reportInaccessibleDisks();
+  if (json) return printStatusJson(disks, opt.raw || opt.lba);
   printDiskHeader();
   for (FixedDisk* d : disks) printDiskRow(*d, opt);
   for (FixedDisk* d : disks) printDisk(*d, nullptr, opt);

@@ -11,6 +11,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/FileKind.h"
+#include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/DiskDrive.h"
@@ -55,6 +56,7 @@ const std::vector<std::string>& processArguments() { return gArgs; }
 int processEntry(const std::vector<std::string>& args) {
   gArgs = args.empty() ? std::vector<std::string>{"kdisk"} : args;
   TraceScope scope("main");
+  installInterruptHandler();
 
   // Library start-up: its own switches become configuration keys, then the disks are found.
   std::vector<std::string> rest;

@@ -144,11 +144,12 @@ void printHelp(const std::string& program, CommandCode code) {
       if (code == ccDefault) break;
       describe("Displays information about fixed disk partitions.\n\n");
       print("%s [disk] [/STATUS] [/RAW|/LBA] [/X] [/I] [/U] [/S] \n", p);
-      print("%*s [/SER]\n", w, "");
+      print("%*s [/SER] [/JSON]\n", w, "");
       printList({{"disk", "The physical fixed disk (1-128).\nDefault is to list all fixed disks."},
                  {"/RAW", "Display the raw partition table."},
                  {"/LBA", "Display the raw partition table in LBA format."},
                  {"/SER", "Display the disk serial number instead of the model."},
+                 {"/JSON", "Print the disks and partitions as one JSON document instead of the tables."},
                  kX, kI, kU, kS});
       return;
     case ccActivate:

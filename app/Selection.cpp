@@ -4,6 +4,7 @@
 
 #include "app/FixedDisks.h"
 #include "app/Help.h"
+#include "app/StatusJson.h"
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
@@ -135,6 +136,7 @@ int runSingleCommand(SwitchSet& set) {
   if (code == ccHelpShown) return 0;
   int result;
   {
+    JsonOutputScope json(code, set);
     FixedDiskTableScope table;
     injectTestFault();
     result = runCommandBody(code, set);

@@ -2,6 +2,7 @@
 // creation, deletion, activation and hiding commands print through it.
 #pragma once
 #include <cstdint>
+#include <string>
 
 #include "app/FixedDisks.h"
 
@@ -21,5 +22,13 @@ struct PartitionMark {
 PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker, bool removed = false);
 
 void printDiskStatus(FixedDisk& disk, const PartitionMark* mark = nullptr);
+
+// What a partition holds, as the status display shows it: the filesystem's name ("FAT32",
+// "NTFS", "EXT2FS", ...; empty when nothing was recognised) and its volume label.
+struct PartitionContent {
+  std::string filesystem;
+  std::string label;
+};
+PartitionContent partitionContent(Corvo::Disk::DiskDrive& drive, const Corvo::Disk::PartitionNode& node);
 
 }  // namespace Kdisk

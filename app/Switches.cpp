@@ -24,7 +24,7 @@ const Switch swSZ{OPT "SZ:"}, swPRI{OPT "PRI"}, swEXT{OPT "EXT"}, swLOG{OPT "LOG
 const Switch swDelPRI{OPT "PRI>"}, swDelEXT{OPT "EXT>"}, swDelLOG{OPT "LOG:"}, swDelP{OPT "P:"}, swALL{OPT "ALL"},
     swQWIPE{OPT "QWIPE"}, swDODWIPE{OPT "DODWIPE"}, swCUSTOMWIPE{OPT "CUSTOMWIPE:"};
 const Switch swActP{REQ "P:"}, swBootiniP{OPT "P:"};
-const Switch swLBA{OPT "LBA"}, swRAW{OPT "RAW"}, swSER{OPT "SER"};
+const Switch swLBA{OPT "LBA"}, swRAW{OPT "RAW"}, swSER{OPT "SER"}, swJSON{OPT "JSON"};
 const Switch swWIPE{OPT "WIPE"}, swZ{OPT "Z"}, swMbrP{OPT "P"}, swREPLACE{OPT "REPLACE:"}, swDOD{OPT "DOD"},
     swCUSTOM{OPT "CUSTOM:"}, swHPA{OPT "HPA"}, swNoHPA{OPT "-HPA"}, swDISK{OPT "DISK:"},
     swKEEPCORVOBOOT{OPT "KEEPCORVOBOOT"};
@@ -45,7 +45,7 @@ const std::vector<const Switch*>& allSwitches() {
       &swDelLOG, &swDelP, &swActP, &swBootiniP, &swALL, &swQWIPE, &swDODWIPE, &swCUSTOMWIPE, &swLBA, &swRAW,
       &swSER, &swWIPE, &swZ, &swMbrP, &swREPLACE, &swDOD, &swCUSTOM, &swHPA, &swNoHPA, &swDISK,
       &swKEEPCORVOBOOT, &swADD, &swREMOVE, &swDEFAULT, &swENTRY, &swD, &swDESC, &swINIFILE, &swBSECTFILE,
-      &swTIMEOUT, &swWINNT, &swSYSFOLDER, &swNUM, &swPAGE};
+      &swTIMEOUT, &swWINNT, &swSYSFOLDER, &swNUM, &swPAGE, &swJSON};
   return all;
 }
 

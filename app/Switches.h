@@ -24,8 +24,8 @@ extern const Switch swSZ, swPRI, swEXT, swLOG, swNo32, swNTFAT16, swFOR, swQ, sw
 extern const Switch swDelPRI, swDelEXT, swDelLOG, swDelP, swALL, swQWIPE, swDODWIPE, swCUSTOMWIPE;
 // Activation and hiding; boot.ini.
 extern const Switch swActP, swBootiniP;
-// Status.
-extern const Switch swLBA, swRAW, swSER;
+// Status. JSON is this build's own: the status display as one JSON document.
+extern const Switch swLBA, swRAW, swSER, swJSON;
 // MBR, GPT, disk wipe.
 extern const Switch swWIPE, swZ, swMbrP, swREPLACE, swDOD, swCUSTOM, swHPA, swNoHPA, swDISK, swKEEPCORVOBOOT;
 // boot.ini.
@@ -34,7 +34,7 @@ extern const Switch swADD, swREMOVE, swDEFAULT, swENTRY, swD, swDESC, swINIFILE,
 // Sector view.
 extern const Switch swNUM, swPAGE;
 
-// Every switch object, in table order (79 of them).
+// Every switch object, in table order (the 79 of the table, then /JSON).
 const std::vector<const Switch*>& allSwitches();
 
 class SwitchSet {

@@ -73,6 +73,15 @@ class FailedRanges {
   std::map<uint64_t, uint64_t> ranges_;
 };
 
+// Ctrl-C: what was written so far is flushed to the medium and the wipe ends with an error, so
+// that the partition table is left alone.
+void stopIfInterrupted(Corvo::Core::Progress& progress, BlockDevice& device) {
+  if (!Corvo::Core::interruptRequested()) return;
+  Error stop = progress.interruption("Wipe");
+  device.flush();
+  throw stop;
+}
+
 }  // namespace
 
 std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount, unsigned partitionNumber,
@@ -102,6 +111,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
 
   FailedRanges failed;
   for (unsigned pass = 0; pass < passes; ++pass) {
+    progress.setPass(pass + 1, passes);
     const bool verifyPass = mode != wmQuick && pass == passes - 1;
     if (!verifyPass) std::memset(buffer.data(), mode == wmQuick ? 0x00 : pattern[pass % 3], buffer.size());
     auto transfer = [&](uint64_t first, uint64_t count) {
@@ -112,6 +122,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
     };
     for (const WipeExtent& e : ranges) {
       for (uint64_t done = 0; done < e.count;) {
+        stopIfInterrupted(progress, device);
         uint64_t n = std::min(chunk, e.count - done);
         uint64_t first = e.first + done;
         try {

@@ -31,6 +31,7 @@ enum class ErrorId : int {
   BpbFailed = 19,
   WriteProtected = 20,
   Overlap = 21,
+  Interrupted = 22,      // Ctrl-C stopped a long operation at a chunk boundary
 };
 
 class Error : public std::runtime_error {

@@ -1,14 +1,19 @@
 #include "core/Message.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <iostream>
 #include <vector>
 
+#include "core/ProgressLine.h"
+
 #if defined(_WIN32)
 #include <conio.h>
 #include <io.h>
+#include <windows.h>
 #else
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 #endif
@@ -24,6 +29,19 @@ bool isTerminal(FILE* f) {
 #else
   return isatty(fileno(f)) != 0;
 #endif
+}
+
+// Columns of the console standard output is drawn on; 80 when it does not say.
+unsigned terminalWidth() {
+#if defined(_WIN32)
+  CONSOLE_SCREEN_BUFFER_INFO info;
+  if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info))
+    return static_cast<unsigned>(info.srWindow.Right - info.srWindow.Left + 1);
+#else
+  winsize ws{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
+#endif
+  return 80;
 }
 
 class ConsoleSink : public MessageSink {
@@ -56,20 +74,45 @@ class ConsoleSink : public MessageSink {
     std::fputs(text.c_str(), stdout);
   }
   void progress(const std::string& title, uint64_t done, uint64_t total) override {
-    unsigned pct = total ? static_cast<unsigned>(done * 100 / total) : 100;
-    if (isTerminal(stdout)) {
-      std::printf("\r%s%3u%%", title.c_str(), pct);
+    ProgressState state;
+    state.title = title;
+    state.done = done;
+    state.total = total;
+    progressState(state);
+  }
+  // On a terminal one line redrawn in place; elsewhere no carriage returns and no bar: a plain
+  // line at the start, at every tenth and at the end.
+  void progressState(const ProgressState& s) override {
+    const bool end = s.done >= s.total;
+    if (terminal_) {
+      std::string line = progressTerminalLine(s, terminalWidth());
+      const size_t drawn = line.size();
+      if (drawn < lineLength_) line.append(lineLength_ - drawn, ' ');  // clear what was longer
+      std::fputs(("\r" + line).c_str(), stdout);
+      lineLength_ = drawn;
       inProgressLine_ = true;
-      if (done >= total) endProgressLine();
+      if (end) endProgressLine();
       std::fflush(stdout);
       return;
     }
-    // Not a terminal: a start line and an end line only.
-    if (done == 0 || (done >= total && lastPct_ != 100)) {
-      std::printf("%s%3u%%\n", title.c_str(), pct);
-      lastPct_ = pct;
+    const unsigned tenth = s.total == 0 || end ? 10 : static_cast<unsigned>(s.done * 10 / s.total);
+    if (s.done == 0 && !end) {
+      // A new display, or the same one naming its first pass: one start line.
+      if (!plainAtStart_) std::printf("%s\n", progressPlainLine(s, false).c_str());
+      plainAtStart_ = true;
+      plainTenth_ = 0;
+      std::fflush(stdout);
+      return;
     }
-    if (done == 0) lastPct_ = 0;
+    plainAtStart_ = false;
+    if (end) {
+      if (plainTenth_ != 10) std::printf("%s\n", progressPlainLine(s, false).c_str());
+      plainTenth_ = 10;
+    } else if (tenth > plainTenth_) {
+      plainTenth_ = tenth;
+      std::printf("%s\n", progressPlainLine(s, true).c_str());
+    }
+    std::fflush(stdout);
   }
   int readKey() override {
     std::fflush(stdout);
@@ -106,6 +149,7 @@ class ConsoleSink : public MessageSink {
     if (inProgressLine_) {
       std::fputs("\n", stdout);
       inProgressLine_ = false;
+      lineLength_ = 0;
     }
   }
   void toErr(const std::string& text) {
@@ -120,8 +164,11 @@ class ConsoleSink : public MessageSink {
     std::fputs(text.c_str(), stdout);
     if (text.empty() || text.back() != '\n') std::fputs("\n", stdout);
   }
+  const bool terminal_ = isTerminal(stdout);  // decided once
   bool inProgressLine_ = false;
-  unsigned lastPct_ = 0;
+  size_t lineLength_ = 0;
+  unsigned plainTenth_ = 10;
+  bool plainAtStart_ = false;
 };
 
 std::unique_ptr<MessageSink>& sinkSlot() {
@@ -208,23 +255,58 @@ std::string visibleText(const std::string& text) {
   return out;
 }
 
-Progress::Progress(std::string title, uint64_t total) : title_(std::move(title)), total_(total) {
-  messageSink().progress(title_, 0, total_);
+Progress::Progress(std::string title, uint64_t total)
+    : title_(std::move(title)), total_(total), start_(std::chrono::steady_clock::now()), lastReport_(start_) {
+  report();
 }
 Progress::~Progress() { complete(); }
-void Progress::advance(uint64_t amount) {
-  done_ += amount;
-  if (done_ > total_) done_ = total_;
-  // Report about every half per cent, so the sink is not flooded.
-  if (total_ == 0 || (done_ - lastReported_) * 200 >= total_ || done_ == total_) {
-    lastReported_ = done_;
-    if (done_ < total_) messageSink().progress(title_, done_, total_);
-  }
+
+void Progress::setPass(unsigned pass, unsigned passes) {
+  pass_ = pass;
+  passes_ = passes;
+  if (!completed_ && done_ < total_) report();
 }
+
+void Progress::advance(uint64_t amount) {
+  done_ = std::min(total_, done_ + amount);
+  if (completed_ || done_ >= total_) return;  // the end is reported by complete()
+  // A few reports a second, and one at every tenth for the plain lines.
+  const auto now = std::chrono::steady_clock::now();
+  const unsigned tenth = static_cast<unsigned>(done_ * 10 / total_);
+  if (tenth != lastTenth_ || now - lastReport_ >= std::chrono::milliseconds(200)) report();
+}
+
 void Progress::complete() {
   if (completed_) return;
+  done_ = total_;
+  report();
   completed_ = true;
-  messageSink().progress(title_, total_, total_);
+}
+
+void Progress::report() {
+  lastReport_ = std::chrono::steady_clock::now();
+  lastTenth_ = total_ ? static_cast<unsigned>(done_ * 10 / total_) : 10;
+  ProgressState s;
+  s.title = title_;
+  s.done = done_;
+  s.total = total_;
+  s.pass = pass_;
+  s.passes = passes_;
+  s.elapsedSeconds = std::chrono::duration<double>(lastReport_ - start_).count();
+  messageSink().progressState(s);
+}
+
+Error Progress::interruption(const char* what) {
+  completed_ = true;
+  uint64_t done = done_, total = total_;
+  if (passes_ > 1 && pass_ >= 1) {
+    total = total_ / passes_;
+    done = std::min(total, done_ - std::min(done_, total * (pass_ - 1)));
+  }
+  std::string text = format("%s interrupted after %llu of %llu sectors", what, static_cast<unsigned long long>(done),
+                            static_cast<unsigned long long>(total));
+  if (passes_ > 1) text += format(" in pass %u of %u", pass_, passes_);
+  return Error(ErrorId::Interrupted, text);
 }
 
 }  // namespace Corvo::Core

@@ -1,9 +1,13 @@
 // The one message function and its replaceable sink. Every console message of the front end
 // and every report of the library goes through here; nothing else prints.
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+
+#include "core/Error.h"
+#include "core/Interrupt.h"
 
 #if defined(_WIN32)
 #define KDISK_PRINTF_FORMAT gnu_printf
@@ -20,6 +24,14 @@ using PromptMode = unsigned;
 PromptMode getPromptMode();
 PromptMode setPromptMode(PromptMode mode);  // returns the previous mode
 
+// What a progress display shows at one moment. Amounts are in 512-byte sectors.
+struct ProgressState {
+  std::string title;
+  uint64_t done = 0, total = 0;   // over all passes
+  unsigned pass = 0, passes = 0;  // the pass being run (1-based); passes 0 or 1: no pass shown
+  double elapsedSeconds = 0;
+};
+
 class MessageSink {
  public:
   virtual ~MessageSink() = default;
@@ -33,6 +45,8 @@ class MessageSink {
   virtual void output(const std::string& text) = 0;
   // Progress of a long operation. done == total marks the end.
   virtual void progress(const std::string& title, uint64_t done, uint64_t total) = 0;
+  // The same with passes and time; sinks that draw no more than a percentage keep the default.
+  virtual void progressState(const ProgressState& state) { progress(state.title, state.done, state.total); }
   // Reads one key without echo (for paging); returns -1 at end of input.
   virtual int readKey() = 0;
   // Reads one line from the console; false at end of input.
@@ -69,19 +83,31 @@ std::string format(const char* format, ...)
 // echoing what a user typed without handing raw control sequences to the terminal.
 std::string visibleText(const std::string& text);
 
-// Progress display helper: reports through the sink at most a few hundred times.
+// A progress display over a long operation, in sectors. It reports to the sink a few times a
+// second and at every tenth of the total; while it exists, Ctrl-C is a request that the
+// operation checks at its chunk boundaries (interruptRequested()).
 class Progress {
  public:
   Progress(std::string title, uint64_t total);
   ~Progress();
+  // Pass numbers are shown when there is more than one pass; total covers all passes alike.
+  void setPass(unsigned pass, unsigned passes);
   void advance(uint64_t amount);
   void complete();
   // Ends the display without reporting completion (the operation failed).
   void abandon() { completed_ = true; }
+  // Ends the display and returns the error that reports where the operation stopped:
+  // "<what> interrupted after N of M sectors", counting the pass being run, followed by
+  // " in pass P of Q" when there are passes. The caller flushes its device, then throws it.
+  Error interruption(const char* what);
 
  private:
+  void report();
+  InterruptibleOperation interruptible_;
   std::string title_;
-  uint64_t total_, done_ = 0, lastReported_ = 0;
+  uint64_t total_, done_ = 0;
+  unsigned pass_ = 0, passes_ = 0, lastTenth_ = 0;
+  std::chrono::steady_clock::time_point start_, lastReport_;
   bool completed_ = false;
 };
 

@@ -18,6 +18,9 @@ cmake --build build -j"$jobs"
 
 (cd build && ctest --output-on-failure -j"$jobs")
 
+echo "== packages (.deb and Windows zip)"
+tools/package.sh build build-mingw
+
 echo "== AddressSanitizer + UBSan build and tests"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKDISK_SANITIZE=ON >/dev/null
 cmake --build build-asan -j"$jobs"

@@ -5,6 +5,7 @@
 
 #include "core/Crc32.h"
 #include "core/Endian.h"
+#include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/layout/GptGuid.h"
@@ -83,6 +84,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
 
   // Backup copy first, the protective MBR last: until it is written the disk still reads as
   // the old MBR disk.
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   drive.write(backup.entriesBlock(), arrayBlocks, array.data());
   drive.write(backup.myBlock(), 1, backupSector.data());
   drive.write(primary.entriesBlock(), arrayBlocks, array.data());
@@ -332,6 +334,7 @@ void PartitionedDiskGpt::reportLayout() {
 PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   Core::TraceScope scope("createPartitionInSlot");
   lastWarning_.clear();
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   requireWritable("create a partition");
   if (request.sizeBlocks == 0) throw Error(ErrorId::InvalidArgument, "A partition must be at least one sector long");
 
@@ -454,6 +457,7 @@ void PartitionedDiskGpt::remove(PartitionNode& node) {
   lastWarning_.clear();
   const int at = indexOf(node);
   if (at < 0) throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   requireWritable("delete the partition");
   drive_.prepareForChange(node.firstBlock, node.blockCount);
 
@@ -473,6 +477,7 @@ void PartitionedDiskGpt::remove(PartitionNode& node) {
 void PartitionedDiskGpt::removeAll() {
   Core::TraceScope scope("doDeleteChild");
   lastWarning_.clear();
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   requireWritable("delete the partitions");
   if (roots_.empty()) return;
   for (const auto& n : roots_) drive_.prepareForChange(n->firstBlock, n->blockCount);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/Error.h"
+#include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/layout/PartitionTypes.h"
@@ -519,6 +520,7 @@ void MbrDisk::locate(const PartitionNode& node, Chain*& chain, size_t& index) co
 
 PartitionNode* MbrDisk::createInMaster(CreationRequest& request, bool extended) {
   Core::TraceScope scope("createPartitionInSlot");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   request.largestAvailable = 0;
   if (extended)
@@ -562,6 +564,7 @@ PartitionNode* MbrDisk::createInMaster(CreationRequest& request, bool extended) 
 
 PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
   Core::TraceScope scope("createPartitionInSlot");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   request.largestAvailable = 0;
   PartitionNode* ext = nullptr;
@@ -627,6 +630,7 @@ PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
 
 void MbrDisk::remove(PartitionNode& node) {
   Core::TraceScope scope("doDeleteChild");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   const Geometry& g = drive().geometry();
   if (node.role == PartitionRole::Primary || node.role == PartitionRole::Extended) {
@@ -672,6 +676,7 @@ void MbrDisk::remove(PartitionNode& node) {
 
 void MbrDisk::removeAll() {
   Core::TraceScope scope("doDeleteChild");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   if (!masterValid_ || roots_.empty()) return;
   for (const auto& r : roots_) drive().prepareForChange(r->firstBlock, r->blockCount);
@@ -692,6 +697,7 @@ void MbrDisk::removeAll() {
 
 void MbrDisk::setActive(PartitionNode& node) {
   Core::TraceScope scope("setActive");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   if (node.role != PartitionRole::Primary || node.tableBlock != 0)
     throw Error(ErrorId::InvalidArgument, "Only primary partitions can be set active");
@@ -703,6 +709,7 @@ void MbrDisk::setActive(PartitionNode& node) {
 
 void MbrDisk::clearActive(PartitionNode& node) {
   Core::TraceScope scope("clearActive");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   if (node.tableBlock == 0) {
     BiosBootRecord mbr = master_->record();
@@ -722,6 +729,7 @@ void MbrDisk::clearActive(PartitionNode& node) {
 
 void MbrDisk::setType(PartitionNode& node, uint8_t type) {
   Core::TraceScope scope("setType");
+  Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   beginChange();
   if (type == 0) throw Error(ErrorId::InvalidArgument, "A partition cannot be given type 0");
   if (node.role == PartitionRole::Auxiliary)

@@ -375,6 +375,15 @@ void FAT::format(const FatFormatOptions& inOptions) {
                                        double(device_.blockCount()) * kSector / 1048576.0),
                           progressTotal);
 
+  // Ctrl-C, checked between steps and between chunks of the data area: the boot sector, written
+  // last, is not written, so no half-made filesystem is ever recognised.
+  auto stopIfInterrupted = [&] {
+    if (!Core::interruptRequested()) return;
+    Error stop = progress.interruption("Format");
+    device_.flush();
+    throw stop;
+  };
+
   // Reserved area: it must be readable before anything is written.
   try {
     device_.verify(0, L.reservedSectors);
@@ -382,6 +391,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
     stepFailed(progress, "Bad sectors in boot area -- %s", e);
   }
   progress.advance(L.reservedSectors);
+  stopIfInterrupted();
 
   // The FAT copies: a first sector with the reserved entries, the rest zero in long runs.
   const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
@@ -462,6 +472,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
       }
       done += n;
       progress.advance(n);
+      stopIfInterrupted();
     }
     if (!bad.empty()) {
       FatPatch patch(bitsPerFatEntry(), firstFatSector);
@@ -481,6 +492,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
 
   if (fat32) put32(L.fsInfo.data() + 488, L.freeClusters);
 
+  stopIfInterrupted();
   try {
     writeBootRegion();
     device_.flush();
