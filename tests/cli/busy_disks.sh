@@ -70,7 +70,7 @@ fi
 
 # A partition the kernel still shows after its table entry was removed behind its back: a new
 # partition over it is refused before the table is written, not when the format begins.
-dd if=/dev/zero of="$dev" bs=1M count=1 status=none
+dd if=/dev/zero of="$dev" bs=1M count=1 conv=fsync status=none
 kd "$dev" 1 /CRE /PRI /SZ:10
 expect_rc 0 "create the first partition on $dev"
 [ -e "/sys/block/$name/${name}p1" ] || skip "the kernel shows no partitions of $dev"
@@ -78,7 +78,7 @@ mkfs.ext2 -q "${dev}p1" || fail "mkfs.ext2 on ${dev}p1"
 if mount -o ro "${dev}p1" "$mnt" 2>/dev/null; then
   busy "mounted partition through the image" "is in use (mounted on $mnt)" "$img" 1 /DEL /P:1
   # The table loses the entry; the kernel keeps the partition and the mount.
-  dd if=/dev/zero of="$dev" bs=1 seek=446 count=16 conv=notrunc status=none
+  dd if=/dev/zero of="$dev" bs=1 seek=446 count=16 conv=notrunc,fsync status=none
   busy "new partition over a mounted one" "Partition ${dev}p1 is in use (mounted on $mnt)" "$dev" 1 /CRE /PRI /SZ:10 /FOR /Q
   busy "new partition over a mounted one, image" "${dev}p1 is in use (mounted on $mnt)" "$img" 1 /CRE /PRI /SZ:10 /FOR /Q
   [ "$(count_parts "$img")" -eq 0 ] || fail "a table entry was written"
