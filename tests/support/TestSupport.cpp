@@ -112,10 +112,17 @@ void writeSparseImage(const std::string& path, const std::vector<uint8_t>& image
   FILE* f = std::fopen(path.c_str(), "wb");
   if (!f) std::abort();
   static const std::array<uint8_t, 512> zero{};
-  for (size_t at = 0; at < image.size(); at += 512) {
-    if (std::memcmp(image.data() + at, zero.data(), 512) == 0) continue;
+  auto isZero = [&](size_t at) { return std::memcmp(image.data() + at, zero.data(), 512) == 0; };
+  for (size_t at = 0; at < image.size();) {
+    if (isZero(at)) {
+      at += 512;
+      continue;
+    }
+    size_t end = at + 512;  // one write per run of sectors that are not zero
+    while (end < image.size() && !isZero(end)) end += 512;
     std::fseek(f, static_cast<long>(at), SEEK_SET);
-    std::fwrite(image.data() + at, 1, 512, f);
+    std::fwrite(image.data() + at, 1, end - at, f);
+    at = end;
   }
   std::fclose(f);
   if (::truncate(path.c_str(), static_cast<off_t>(image.size())) != 0) std::abort();
