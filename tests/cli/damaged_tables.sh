@@ -59,7 +59,8 @@ elif recipe == "long_chain":        # 1030 logical drives of 3 sectors, each aft
     for i in range(n):
         nxt = (0x05, 4 * (i + 1), 4) if i + 1 < n else (0, 0, 0)
         record(2048 + 4 * i, [(0x83, 1, 3), nxt])
-elif recipe == "gpt_to_top":        # entry 2 ends at LBA 2^64 - 1, CRCs correct
+elif recipe in ("gpt_to_top", "gpt_lba0"):
+    # gpt_to_top: entry 2 ends at LBA 2^64 - 1; gpt_lba0: entry 1 starts at LBA 0. CRCs correct.
     subprocess.run(["sfdisk", "-q", "--no-reread", "--no-tell-kernel", path], check=True,
                    input=b"label: gpt\nstart=2048, size=8192\nstart=12288, size=8192\n")
     with open(path, "r+b") as f:
@@ -69,7 +70,10 @@ elif recipe == "gpt_to_top":        # entry 2 ends at LBA 2^64 - 1, CRCs correct
         h = header * 512
         entries = struct.unpack_from("<Q", data, h + 72)[0] * 512
         count, size = struct.unpack_from("<II", data, h + 80)
-        struct.pack_into("<Q", data, entries + size + 40, (1 << 64) - 1)
+        if recipe == "gpt_to_top":
+            struct.pack_into("<Q", data, entries + size + 40, (1 << 64) - 1)
+        else:
+            struct.pack_into("<Q", data, entries + 32, 0)
         struct.pack_into("<I", data, h + 88, zlib.crc32(data[entries:entries + count * size]))
         struct.pack_into("<I", data, h + 16, 0)
         struct.pack_into("<I", data, h + 16, zlib.crc32(data[h:h + struct.unpack_from("<I", data, h + 12)[0]]))
@@ -143,25 +147,7 @@ sed '1025d' "$WORK/long.before" | cmp -s - "$WORK/long.after" ||
 # A wipe of a GPT entry that covers LBA 0 cannot leave the protective MBR destroyed: the
 # surviving entry stays visible to sfdisk.
 img=$WORK/gpt_lba0.img
-mk gpt_to_top "$img"
-python3 - "$img" <<'PY'
-import struct, sys, zlib
-path = sys.argv[1]
-with open(path, "r+b") as f:
-    data = bytearray(f.read())
-    last = len(data) // 512 - 1
-    for header in (1, last):
-        h = header * 512
-        entries = struct.unpack_from("<Q", data, h + 72)[0] * 512
-        count, size = struct.unpack_from("<II", data, h + 80)
-        struct.pack_into("<QQ", data, entries + 32, 0, 10239)           # entry 1 from LBA 0
-        struct.pack_into("<Q", data, entries + size + 40, 20479)          # entry 2 back on the disk
-        struct.pack_into("<I", data, h + 88, zlib.crc32(data[entries:entries + count * size]))
-        struct.pack_into("<I", data, h + 16, 0)
-        struct.pack_into("<I", data, h + 16, zlib.crc32(data[h:h + 92]))
-    f.seek(0)
-    f.write(data)
-PY
+mk gpt_lba0 "$img"
 kd "$img" 1 /DEL /P:1 /QWIPE /Y
 expect_rc 0 "gpt_lba0: /DEL /P:1 /QWIPE"
 table_ok "$img" "gpt_lba0 after wipe"
