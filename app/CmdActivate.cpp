@@ -1,13 +1,10 @@
 // /ACT, /-ACT, /HIDE and /-HIDE: change the active flag or the hidden form of the type byte of
 // one partition. Every rule is checked before the disk layer is asked to write anything.
-#include <cctype>
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <string>
 
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
+#include "app/PartitionCommands.h"
 #include "app/Status.h"
 #include "core/Message.h"
 #include "core/Trace.h"
@@ -54,14 +51,8 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
   }
   std::string pText;
   set.isPresent(swActP, &pText);
-  // A whole decimal number (as "%d%c" reads exactly one item), at least 1.
-  char* end = nullptr;
-  errno = 0;
-  long parsed = std::strtol(pText.c_str(), &end, 10);
-  const bool whole = !pText.empty() && std::isdigit(static_cast<unsigned char>(pText.back())) && *end == '\0' &&
-                     errno != ERANGE && parsed <= INT_MAX;
-  const int number = whole ? static_cast<int>(parsed) : 0;
-  if (number < 1) {
+  int number = 0;
+  if (!scanPositiveNumber(pText, number)) {
     message(mkError, "Invalid partition number -- %s", pText.c_str());
     return 2;
   }

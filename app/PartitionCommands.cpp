@@ -40,7 +40,7 @@ PartitionNode* dosExtendedPartition(const PartitionedDisk& disk) {
   return nullptr;
 }
 
-int scanNumberChars(const std::string& text, int& number, char& c1, char& c2) {
+int scanNumberChars(const std::string& text, int& number, char& c1, char& c2, bool* overflow) {
   size_t i = 0;
   while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
   bool negative = false;
@@ -53,6 +53,7 @@ int scanNumberChars(const std::string& text, int& number, char& c1, char& c2) {
   }
   if (i == digits) return 0;
   if (negative) value = -value;
+  if (overflow) *overflow = value > INT_MAX || value < INT_MIN;
   number = static_cast<int>(value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : value);
   if (i >= text.size()) return 1;
   c1 = text[i++];
@@ -64,7 +65,8 @@ int scanNumberChars(const std::string& text, int& number, char& c1, char& c2) {
 bool scanPositiveNumber(const std::string& text, int& number) {
   char c1 = 0, c2 = 0;
   int n = 0;
-  if (scanNumberChars(text, n, c1, c2) != 1 || n < 1) return false;
+  bool overflow = false;
+  if (scanNumberChars(text, n, c1, c2, &overflow) != 1 || overflow || n < 1) return false;
   number = n;
   return true;
 }

@@ -21,9 +21,10 @@ Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedD
 // ---- Value scanning.
 
 // Reads "number, then at most two characters" the way "%d%c%c" does; returns the number of
-// items read (0 when no number was found).
-int scanNumberChars(const std::string& text, int& number, char& c1, char& c2);
-// Exactly one decimal number of at least 1 ("%d%c" reading one item).
+// items read (0 when no number was found). A number outside the int range is saturated and,
+// when overflow is given, reported there.
+int scanNumberChars(const std::string& text, int& number, char& c1, char& c2, bool* overflow = nullptr);
+// Exactly one decimal number of at least 1 and within the int range ("%d%c" reading one item).
 bool scanPositiveNumber(const std::string& text, int& number);
 
 enum class SizeStatus { Ok, Invalid, TooSmall };

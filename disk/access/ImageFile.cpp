@@ -39,6 +39,10 @@ class RawImageAccess : public DiskDriveAccess {
     file_.writeAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
   void flush() override { file_.sync(); }
+  // The image may be attached to a loop device whose filesystems are mounted.
+  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
+    LinuxDisks::refuseIfImageBusy(file_.path(), firstBlock, blockCount);
+  }
 
  private:
   FileIo file_;

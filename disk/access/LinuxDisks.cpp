@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -229,6 +230,78 @@ std::vector<std::string> swapDevices() {
   return out;
 }
 
+[[noreturn]] void refuseBusy(const char* what, const std::string& node, const std::string& why) {
+  throw Error(ErrorId::InUse, std::string(what) + " " + node + " is in use (" + why + "); unmount it first")
+      .with("device", node)
+      .with("reason", why);
+}
+
+// Why a block device is busy (mounted, swap, held by a device mapper or md device, or opened
+// exclusively by another program), or empty when it is free. sysDir is its sysfs directory.
+std::string busyReason(const std::string& node, const std::string& devno, const std::string& sysDir,
+                       const std::multimap<std::string, std::string>& mounts, const std::vector<std::string>& swaps,
+                       bool tryExclusive) {
+  if (auto m = mounts.find(devno); m != mounts.end()) return "mounted on " + m->second;
+  if (std::find(swaps.begin(), swaps.end(), devno) != swaps.end()) return "used as swap";
+  auto holders = listDir(sysDir + "/holders");
+  if (!holders.empty()) return "held by " + holders.front();
+  if (!tryExclusive) return {};
+  int fd = ::open(node.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+  if (fd < 0 && errno == EBUSY) return "it cannot be opened exclusively";
+  if (fd >= 0) ::close(fd);
+  return {};
+}
+
+std::vector<KernelPartition> kernelPartitionsOf(const std::string& sysfs) {
+  std::vector<KernelPartition> parts;
+  for (const std::string& n : listDir(sysfs)) {
+    std::string dir = sysfs + "/" + n;
+    if (::access((dir + "/partition").c_str(), F_OK) != 0) continue;
+    KernelPartition p;
+    p.name = n;
+    p.number = static_cast<uint32_t>(readSysfsNumber(dir + "/partition"));
+    p.start = readSysfsNumber(dir + "/start");
+    p.size = readSysfsNumber(dir + "/size");
+    parts.push_back(p);
+  }
+  std::sort(parts.begin(), parts.end(), [](auto& a, auto& b) { return a.number < b.number; });
+  return parts;
+}
+
+// Refuses (InUse) a write to sectors [first, first + count) of the block device `node` when
+// the device or a partition of it that overlaps the range is busy. A partition node is busy
+// as a whole. The whole disk counts as held exclusively only when none of its partitions is
+// the holder (a mounted partition claims its disk too).
+void refuseIfBusy(const std::string& node, dev_t dev, uint64_t first, uint64_t count) {
+  const std::string devno = devString(dev);
+  const std::string sys = realPath("/sys/dev/block/" + devno);
+  if (sys.empty()) return;
+  const auto mounts = mountedDevices();
+  const auto swaps = swapDevices();
+  const bool isPartition = ::access((sys + "/partition").c_str(), F_OK) == 0;
+  if (isPartition) {
+    std::string why = busyReason(node, devno, sys, mounts, swaps, true);
+    if (!why.empty()) refuseBusy("Partition", node, why);
+    return;
+  }
+  if (std::string why = busyReason(node, devno, sys, mounts, swaps, false); !why.empty()) refuseBusy("Disk", node, why);
+  bool partitionHeld = false;
+  for (const KernelPartition& p : kernelPartitionsOf(sys)) {
+    const std::string partNode = "/dev/" + p.name;
+    const std::string partDevno = readSysfs(sys + "/" + p.name + "/dev");
+    const bool overlaps = p.start < first + count && first < p.start + p.size;
+    std::string why = busyReason(partNode, partDevno, sys + "/" + p.name, mounts, swaps, true);
+    if (why.empty()) continue;
+    if (overlaps) refuseBusy("Partition", partNode, why);
+    partitionHeld = true;
+  }
+  if (!partitionHeld) {
+    int fd = ::open(node.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+    if (fd < 0 && errno == EBUSY) refuseBusy("Disk", node, "it cannot be opened exclusively");
+    if (fd >= 0) ::close(fd);
+  }
+}
+
 class LinuxBlockDeviceAccess : public DiskDriveAccess {
  public:
   explicit LinuxBlockDeviceAccess(const std::string& devPath) : path_(devPath) {
@@ -328,28 +401,7 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
 
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
     Core::TraceScope scope("prepareForChange");
-    if (sysfs_.empty()) return;
-    auto mounts = mountedDevices();
-    auto swaps = swapDevices();
-    auto refuse = [&](const std::string& dev, const std::string& why) {
-      throw Error(ErrorId::InUse, "Partition " + dev + " is in use (" + why + "); unmount it first")
-          .with("device", dev)
-          .with("reason", why);
-    };
-    // A filesystem on the whole disk covers every range.
-    if (auto m = mounts.find(devString(dev_)); m != mounts.end()) refuse(path_, "mounted on " + m->second);
-    for (const KernelPartition& p : kernelPartitions()) {
-      if (p.start >= firstBlock + blockCount || firstBlock >= p.start + p.size) continue;
-      const std::string node = "/dev/" + p.name;
-      const std::string devno = readSysfs(sysfs_ + "/" + p.name + "/dev");
-      if (auto m = mounts.find(devno); m != mounts.end()) refuse(node, "mounted on " + m->second);
-      if (std::find(swaps.begin(), swaps.end(), devno) != swaps.end()) refuse(node, "used as swap");
-      auto holders = listDir(sysfs_ + "/" + p.name + "/holders");
-      if (!holders.empty()) refuse(node, "held by " + holders.front());
-      int fd = ::open(node.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
-      if (fd < 0 && errno == EBUSY) refuse(node, "it cannot be opened exclusively");
-      if (fd >= 0) ::close(fd);
-    }
+    refuseIfBusy(path_, dev_, firstBlock, blockCount);
   }
 
   void setNativePartitionLayout(const OsLayout& layout) override {
@@ -384,21 +436,7 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
   }
 
  private:
-  std::vector<KernelPartition> kernelPartitions() const {
-    std::vector<KernelPartition> parts;
-    for (const std::string& n : listDir(sysfs_)) {
-      std::string dir = sysfs_ + "/" + n;
-      if (::access((dir + "/partition").c_str(), F_OK) != 0) continue;
-      KernelPartition p;
-      p.name = n;
-      p.number = static_cast<uint32_t>(readSysfsNumber(dir + "/partition"));
-      p.start = readSysfsNumber(dir + "/start");
-      p.size = readSysfsNumber(dir + "/size");
-      parts.push_back(p);
-    }
-    std::sort(parts.begin(), parts.end(), [](auto& a, auto& b) { return a.number < b.number; });
-    return parts;
-  }
+  std::vector<KernelPartition> kernelPartitions() const { return kernelPartitionsOf(sysfs_); }
 
   void loadIdentity() {
     if (sysfs_.empty()) return;
@@ -430,6 +468,36 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
 bool isBlockDevice(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISBLK(st.st_mode);
+}
+
+void refuseIfImageBusy(const std::string& imagePath, uint64_t firstBlock, uint64_t blockCount) {
+  Core::TraceScope scope("prepareForChange");
+  struct stat image {};
+  if (::stat(imagePath.c_str(), &image) != 0) return;
+  for (const std::string& n : listDir("/sys/block")) {
+    if (n.rfind("loop", 0) != 0) continue;
+    const std::string dir = "/sys/block/" + n;
+    std::string backing = readSysfs(dir + "/loop/backing_file");
+    if (backing.empty()) continue;
+    const std::string deleted = " (deleted)";
+    if (backing.size() > deleted.size() && backing.compare(backing.size() - deleted.size(), deleted.size(), deleted) == 0)
+      continue;  // a file that no longer exists is not this image
+    struct stat st {};
+    if (::stat(backing.c_str(), &st) != 0 || st.st_dev != image.st_dev || st.st_ino != image.st_ino) continue;
+    // Image sectors [offset, offset + size) are the loop device's sectors [0, size).
+    const uint64_t offset = readSysfsNumber(dir + "/loop/offset") / 512, size = readSysfsNumber(dir + "/size");
+    const uint64_t end = firstBlock + blockCount;
+    if (end <= offset || firstBlock >= offset + size) continue;
+    const uint64_t from = firstBlock > offset ? firstBlock - offset : 0, to = std::min(end - offset, size);
+    unsigned maj = 0, min = 0;
+    if (std::sscanf(readSysfs(dir + "/dev").c_str(), "%u:%u", &maj, &min) != 2) continue;
+    try {
+      refuseIfBusy("/dev/" + n, makedev(maj, min), from, to - from);
+    } catch (const Error& e) {
+      throw Error(ErrorId::InUse, "Disk image " + imagePath + " is attached to /dev/" + n + " -- " + e.text(),
+                  e.properties());
+    }
+  }
 }
 
 std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath) {
@@ -467,6 +535,8 @@ std::vector<OsDiskCandidate> enumerate() {
 #else
 
 bool isBlockDevice(const std::string&) { return false; }
+
+void refuseIfImageBusy(const std::string&, uint64_t, uint64_t) {}
 
 std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath) {
   throw Error(ErrorId::NotSupported, "Block devices are not supported on this system: " + devPath)

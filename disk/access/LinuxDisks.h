@@ -39,6 +39,10 @@ std::vector<KernelStep> planKernelUpdate(const std::vector<KernelPartition>& cur
 std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath);
 // True when the path names a block device node.
 bool isBlockDevice(const std::string& path);
+// Refuses (Core::Error InUse) a write to sectors of a disk image file when a loop device that
+// maps those sectors, or a partition of it over them, is mounted, swapped on or held (Linux
+// only; elsewhere it does nothing).
+void refuseIfImageBusy(const std::string& imagePath, uint64_t firstBlock, uint64_t blockCount);
 // The machine's whole disks in natural order (Linux only; elsewhere empty).
 std::vector<OsDiskCandidate> enumerate();
 

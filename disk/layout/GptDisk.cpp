@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "core/Crc32.h"
 #include "core/Endian.h"
@@ -22,6 +23,18 @@ constexpr uint8_t kProtectiveType = 0xEE;
 constexpr size_t kSlotTable = 446;
 
 uint64_t roundUp(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
+
+constexpr uint64_t kNoEnd = ~uint64_t{0};
+
+// An entry's first sector and sector count on the disk, saturated instead of wrapping: an
+// entry that runs to the end of the address space ends past the end of any disk.
+std::pair<uint64_t, uint64_t> entrySectors(uint64_t firstBlock, uint64_t lastBlock, uint32_t unit) {
+  const uint64_t first = firstBlock > kNoEnd / unit ? kNoEnd : firstBlock * unit;
+  const uint64_t blocks = lastBlock - firstBlock;  // the caller checked lastBlock >= firstBlock
+  uint64_t count = blocks >= kNoEnd / unit ? kNoEnd : (blocks + 1) * unit;
+  count = std::min(count, kNoEnd - first);  // first + count - 1 stays representable
+  return {first, std::max<uint64_t>(count, 1)};
+}
 uint64_t roundDown(uint64_t v, uint64_t a) { return v / a * a; }
 
 std::u16string asciiName(const char* text) {
@@ -87,8 +100,10 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
   drive.write(backup.entriesBlock(), arrayBlocks, array.data());
   drive.write(backup.myBlock(), 1, backupSector.data());
+  drive.flush();
   drive.write(primary.entriesBlock(), arrayBlocks, array.data());
   drive.write(primary.myBlock(), 1, primarySector.data());
+  drive.flush();
   drive.write(0, 1, mbr.data());
   drive.flush();
 
@@ -199,8 +214,7 @@ std::unique_ptr<PartitionNode> PartitionedDiskGpt::makeNode(uint32_t index) cons
   GptRecord rec = table_.record(index);
   auto node = std::make_unique<PartitionNode>();
   node->role = PartitionRole::Primary;
-  node->firstBlock = rec.firstBlock() * unit_;
-  node->blockCount = (rec.lastBlock() - rec.firstBlock() + 1) * unit_;
+  std::tie(node->firstBlock, node->blockCount) = entrySectors(rec.firstBlock(), rec.lastBlock(), unit_);
   node->type = 0;
   node->tableBlock = 0;
   node->slot = static_cast<int>(index);
@@ -269,42 +283,52 @@ void PartitionedDiskGpt::writeTables() {
     h.copyTo(sector.data());
     drive_.write(h.myBlock() * unit_, unit_, sector.data());
   };
+  // Nothing is written while the table areas are in use by the system (a filesystem on the
+  // whole disk, say).
+  const uint64_t blocks = drive_.blockCount() / unit_;
+  drive_.prepareForChange(0, primary_.firstUsableBlock() * unit_);
+  drive_.prepareForChange(backup_.entriesBlock() * unit_, (blocks - backup_.entriesBlock()) * unit_);
+
   // Backup first: until the primary header is rewritten a reader still sees the old primary
   // table; once the primary array is being rewritten its CRC fails and the (new) backup serves.
+  // The backup is on the disk before the primary copy changes.
   drive_.write(backup_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
   writeHeader(backup_);
+  drive_.flush();
   drive_.write(primary_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
   writeHeader(primary_);
   table_.header = primary_;
+  drive_.flush();
 
-  // The protective MBR: one 0xEE slot from block 1 over the whole disk (at most 2^32 - 1
-  // blocks). Only a wrong one is rewritten; boot code and disk signature stay.
-  const uint64_t blocks = drive_.blockCount() / unit_;
+  // The protective MBR last: one 0xEE slot from block 1 over the whole disk (at most 2^32 - 1
+  // blocks); boot code and disk signature stay as read. It is compared with what the disk
+  // holds now, not with what was read, so that a sector 0 overwritten since (a wipe of an entry
+  // that covers it) is put back.
   const uint32_t cover = static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull));
   uint8_t* slots = mbr_.data() + kSlotTable;
   int ee = -1;
   for (int s = 0; s < 4; ++s)
     if (slots[16 * s + 4] == kProtectiveType) ee = s;
-  bool ok = ee >= 0 && mbr_[510] == 0x55 && mbr_[511] == 0xAA && Core::get32(slots + 16 * ee + 8) == 1 &&
-            Core::get32(slots + 16 * ee + 12) == cover;
-  if (!ok) {
-    if (ee < 0) {
-      std::memset(slots, 0, 64);
-      ee = 0;
-    }
-    uint8_t* e = slots + 16 * ee;
+  if (ee < 0) {
+    std::memset(slots, 0, 64);
+    ee = 0;
+  }
+  uint8_t* e = slots + 16 * ee;
+  if (e[4] != kProtectiveType || Core::get32(e + 8) != 1 || Core::get32(e + 12) != cover) {
     const uint8_t entry[8] = {0x00, 0x00, 0x02, 0x00, kProtectiveType, 0xFF, 0xFF, 0xFF};
     std::memcpy(e, entry, sizeof entry);
     Core::put32(e + 8, 1);
     Core::put32(e + 12, cover);
-    mbr_[510] = 0x55;
-    mbr_[511] = 0xAA;
-    std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
-    drive_.read(0, unit_, sector.data());
+  }
+  mbr_[510] = 0x55;
+  mbr_[511] = 0xAA;
+  std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
+  drive_.read(0, unit_, sector.data());
+  if (!std::equal(mbr_.begin(), mbr_.end(), sector.begin())) {
     std::memcpy(sector.data(), mbr_.data(), mbr_.size());
     drive_.write(0, unit_, sector.data());
+    drive_.flush();
   }
-  drive_.flush();
 }
 
 void PartitionedDiskGpt::reportLayout() {
@@ -364,7 +388,7 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   };
   for (const auto& [a, b] : used) {
     if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
-    cursor = std::max(cursor, b + 1);
+    cursor = std::max(cursor, b == kNoEnd ? b : b + 1);
   }
   if (cursor <= lastUsable) addGap(cursor, lastUsable);
 
@@ -418,6 +442,7 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   rec.setAttributes(0);
   rec.setName(asciiName(linuxData ? "Linux filesystem" : "Basic data partition"));
 
+  drive_.prepareForChange(start * unit_, size * unit_);
   const GptTableCopy before = table_;
   table_.setRecord(index, rec);
   try {

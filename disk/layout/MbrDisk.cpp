@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <iterator>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -58,6 +60,9 @@ uint64_t roundDown(uint64_t v, uint64_t unit) { return v / unit * unit; }
 struct Chain {
   PartitionNode* extended = nullptr;
   std::vector<std::unique_ptr<PartitionNodeBiosPartitionContainerEbr>> records;  // chain order
+  // Why the chain cannot be edited (empty: it can): it was not read to its end, or it overlaps
+  // the master boot record or itself. Its records are then never relinked or rewritten.
+  std::string damage;
 };
 
 // Where a new partition goes: its boot record (logical drives) and its data.
@@ -96,6 +101,11 @@ class MbrDisk : public PartitionedDisk {
   // Editing helpers.
   void beginChange();
   void finishChange();
+  // Refuses (InUse) before anything is written when the sectors are in use by the system.
+  void guard(uint64_t first, uint64_t count) { drive().prepareForChange(first, count); }
+  // Makes every write so far durable before a write that makes it reachable.
+  void barrier() { drive().flush(); }
+  void requireIntact(const Chain& chain) const;
   void writeRecord(uint64_t block, const BiosBootRecord& record);
   void clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord);
   BiosBootRecord masterForWriting() const;
@@ -173,35 +183,50 @@ void MbrDisk::readChain(PartitionNode& extended) {
   const uint64_t diskBlocks = drive().blockCount();
   Chain chain;
   chain.extended = &extended;
-  std::set<uint64_t> seen;
+  std::set<uint64_t> seen;            // record sectors of this chain
+  std::map<uint64_t, uint64_t> drives;  // first -> last sector of the drives read so far
+  auto insideDrive = [&](uint64_t b) {
+    auto it = drives.upper_bound(b);
+    return it != drives.begin() && std::prev(it)->second >= b;
+  };
+  // A stop for damage: what was read is shown, the chain itself is not edited.
+  auto damaged = [&](std::string text) {
+    if (chain.damage.empty()) chain.damage = text;
+    problem(std::move(text));
+  };
   PartitionNode* holder = &extended;
   uint64_t block = start;
+  // Every record lies inside the extended partition and none repeats, so the chain ends.
   for (size_t n = 0;; ++n) {
-    if (n >= kMaxChainRecords) {
-      problem(format("The chain of extended boot records is longer than %u records; the rest is ignored",
-                     static_cast<unsigned>(kMaxChainRecords)));
+    if (block == 0) {
+      damaged("The chain of extended boot records reaches the master boot record");
       break;
     }
     if (block >= diskBlocks) {
-      problem(format("The extended boot record at sector %" PRIu64 " lies beyond the end of the disk", block));
+      damaged(format("The extended boot record at sector %" PRIu64 " lies beyond the end of the disk", block));
       break;
     }
     if (!seen.insert(block).second) {
-      problem(format("The chain of extended boot records loops back to sector %" PRIu64, block));
+      damaged(format("The chain of extended boot records loops back to sector %" PRIu64, block));
+      break;
+    }
+    if (insideDrive(block)) {
+      damaged(format("The extended boot record at sector %" PRIu64 " lies inside a logical drive of its own chain",
+                     block));
       break;
     }
     uint8_t buf[512];
     try {
       drive().read(block, 1, buf);
     } catch (const Error& e) {
-      problem(format("The extended boot record at sector %" PRIu64 " cannot be read -- %s", block, e.what()));
+      damaged(format("The extended boot record at sector %" PRIu64 " cannot be read -- %s", block, e.what()));
       break;
     }
     BiosBootRecord rec(true, 4, buf);
     if (!rec.hasSignature()) {
       // An extended partition whose first record was never written is simply empty.
       if (n > 0 || !rec.isAllZero())
-        problem(format("The extended boot record at sector %" PRIu64 " has no 0xAA55 signature", block));
+        damaged(format("The extended boot record at sector %" PRIu64 " has no 0xAA55 signature", block));
       break;
     }
     std::unique_ptr<PartitionNodeBiosPartitionContainerEbr> container;
@@ -225,8 +250,17 @@ void MbrDisk::readChain(PartitionNode& extended) {
       } else {
         auto node = container->makePartitionFromSlot(0, PartitionRole::Logical);
         node->parent = holder;
-        if (first == block)
+        const uint64_t last = node->lastBlock();
+        auto record = seen.lower_bound(first);
+        if (first == block) {
           problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
+          if (chain.damage.empty()) chain.damage = facts_.problems.back();
+        } else if (record != seen.end() && *record <= last && chain.damage.empty()) {
+          damaged(format("The logical drive at sector %" PRIu64 " covers the extended boot record at sector %" PRIu64
+                         " of its own chain",
+                         first, *record));
+        }
+        drives[first] = std::max(drives[first], last);
         container->logical = node.get();
         holder->children.push_back(std::move(node));
       }
@@ -244,19 +278,19 @@ void MbrDisk::readChain(PartitionNode& extended) {
       break;
     }
     if (!isExtendedClassType(linkType)) {
-      problem(format("The extended boot record at sector %" PRIu64
+      damaged(format("The extended boot record at sector %" PRIu64
                      " holds a partition of type 0x%02X where the link to the next record belongs",
                      block, linkType));
       break;
     }
     if (next < start || next >= end) {
-      problem(format("The extended boot record at sector %" PRIu64 " links to sector %" PRIu64
+      damaged(format("The extended boot record at sector %" PRIu64 " links to sector %" PRIu64
                      ", outside the extended partition",
                      block, next));
       break;
     }
     if (linkBlocks == 0) {
-      problem(format("The link in the extended boot record at sector %" PRIu64 " has no sectors", block));
+      damaged(format("The link in the extended boot record at sector %" PRIu64 " has no sectors", block));
       break;
     }
     auto aux = current->createContainerInSlot(1, PartitionRole::Auxiliary);
@@ -294,6 +328,15 @@ void MbrDisk::beginChange() {
   if (!drive().isWritable())
     throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
         .with("bytesPerSector", std::to_string(drive().geometry().bytesPerSector));
+  // Every change rewrites the master boot record or a record it reaches: a disk that holds a
+  // mounted filesystem of its own (or is held by another program) is never written.
+  guard(0, 1);
+}
+
+void MbrDisk::requireIntact(const Chain& chain) const {
+  if (!chain.damage.empty())
+    throw Error(ErrorId::InvalidTable,
+                "The chain of extended boot records is damaged and is left as it is (" + chain.damage + ")");
 }
 
 void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
@@ -549,11 +592,13 @@ PartitionNode* MbrDisk::createInMaster(CreationRequest& request, bool extended) 
   else
     type = chooseType(request, placement->first, placement->count, true);
 
+  guard(placement->first, placement->count);
   BiosBootRecord mbr = masterForWriting();
   mbr.setSlot(static_cast<unsigned>(slot), placement->first, placement->count, type, g.heads, g.sectorsPerTrack);
   if (extended) {
-    // The chain's first record goes down before the entry that makes it reachable.
+    // The chain's first record is on the disk before the entry that makes it reachable.
     writeRecord(placement->first, BiosBootRecord(true, 4));
+    barrier();
   }
   writeRecord(0, mbr);
   finishChange();
@@ -576,8 +621,7 @@ PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
   if (!ext) throw Error(ErrorId::InvalidArgument, "No extended DOS partition exists");
   Chain* chain = chainOf(ext);
   if (!chain) throw Error(ErrorId::InvalidTable, "The extended DOS partition's chain could not be read");
-  if (chain->records.size() >= kMaxChainRecords)
-    throw Error(ErrorId::NoSpace, "The extended DOS partition holds the largest number of logical drives");
+  requireIntact(*chain);
 
   const uint64_t S = ext->firstBlock;
   const uint64_t hi = std::min(drive().blockCount(), S + ext->blockCount);
@@ -593,6 +637,7 @@ PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
   checkNoOverlap({placement->record, placement->first + placement->count}, used);
   const uint8_t type = chooseType(request, placement->first, placement->count, false);
   const Geometry& g = drive().geometry();
+  guard(placement->record, placement->first + placement->count - placement->record);
 
   PartitionNodeBiosPartitionContainerEbr* firstRecord = chain->records.empty() ? nullptr : chain->records[0].get();
   if (placement->record == S) {
@@ -616,8 +661,12 @@ PartitionNode* MbrDisk::createLogical(CreationRequest& request) {
     BiosBootRecord prev = firstRecord ? chain->records[prevIndex]->record() : BiosBootRecord(true, 4);
     prev.setSlot(1, placement->record - S, placement->first + placement->count - placement->record, kLinkType, g.heads,
                  g.sectorsPerTrack, S);
+    const uint64_t prevBlock = firstRecord ? chain->records[prevIndex]->block() : S;
+    guard(prevBlock, 1);
+    // The new record is on the disk before the link that makes it reachable.
     writeRecord(placement->record, fresh);
-    writeRecord(firstRecord ? chain->records[prevIndex]->block() : S, prev);
+    barrier();
+    writeRecord(prevBlock, prev);
   }
   finishChange();
   for (PartitionNode* n : displayList())
@@ -640,19 +689,24 @@ void MbrDisk::remove(PartitionNode& node) {
     BiosBootRecord mbr = master_->record();
     mbr.clearSlot(static_cast<unsigned>(node.slot));
     writeRecord(0, mbr);
-    // The chain is unreachable now; clear its records so that no later extended partition
-    // finds stale drives.
-    if (Chain* chain = chainOf(&node))
+    // The chain is unreachable once the entry is gone from the disk; then its records are
+    // cleared so that no later extended partition finds stale drives.
+    if (Chain* chain = chainOf(&node)) {
+      barrier();
       for (const auto& r : chain->records) clearRecord(r->block(), &node, nullptr);
+    }
     finishChange();
     return;
   }
   Chain* chain = nullptr;
   size_t index = 0;
   locate(node, chain, index);
+  requireIntact(*chain);
   const auto& rec = *chain->records[index];
   const uint64_t S = chain->extended->firstBlock;
-  if (rec.logical) drive().prepareForChange(rec.logical->firstBlock, rec.logical->blockCount);
+  if (rec.logical) guard(rec.logical->firstBlock, rec.logical->blockCount);
+  guard(rec.block(), 1);
+  if (index > 0) guard(chain->records[index - 1]->block(), 1);
   if (index == 0) {
     if (node.role != PartitionRole::Logical) throw Error(ErrorId::InvalidArgument, "The partition cannot be removed");
     // The first record stays where the extended partition begins; only its drive goes.
@@ -669,6 +723,7 @@ void MbrDisk::remove(PartitionNode& node) {
       prev.clearSlot(1);
     }
     writeRecord(prevRec.block(), prev);  // unlink first
+    barrier();
     clearRecord(rec.block(), rec.logical, &rec);
   }
   finishChange();
@@ -683,6 +738,7 @@ void MbrDisk::removeAll() {
   BiosBootRecord mbr = master_->record();
   for (unsigned s = 0; s < 4; ++s) mbr.clearSlot(s);
   writeRecord(0, mbr);
+  barrier();
   std::vector<uint64_t> stale;
   for (const Chain& c : chains_)
     for (const auto& r : c.records) stale.push_back(r->block());
@@ -719,7 +775,9 @@ void MbrDisk::clearActive(PartitionNode& node) {
     Chain* chain = nullptr;
     size_t index = 0;
     locate(node, chain, index);
+    requireIntact(*chain);
     const auto& holder = node.role == PartitionRole::Logical ? *chain->records[index] : *chain->records[index - 1];
+    guard(holder.block(), 1);
     BiosBootRecord rec = holder.record();
     rec.deactivate(static_cast<unsigned>(node.slot));
     writeRecord(holder.block(), rec);
@@ -747,7 +805,9 @@ void MbrDisk::setType(PartitionNode& node, uint8_t type) {
     Chain* chain = nullptr;
     size_t index = 0;
     locate(node, chain, index);
+    requireIntact(*chain);
     drive().prepareForChange(node.firstBlock, node.blockCount);
+    guard(chain->records[index]->block(), 1);
     BiosBootRecord rec = chain->records[index]->record();
     rec.setType(0, type);
     writeRecord(chain->records[index]->block(), rec);

@@ -80,9 +80,6 @@ class PartitionNodeBiosPartitionContainerAuxiliary : public PartitionNodeBiosPar
   using PartitionNodeBiosPartitionContainerEbr::PartitionNodeBiosPartitionContainerEbr;
 };
 
-// Longest chain of extended boot records that is followed.
-inline constexpr size_t kMaxChainRecords = 1024;
-
 // Reads an MBR disk (sector 0 already read into sector0).
 std::unique_ptr<PartitionedDisk> loadMbrDisk(DiskDrive& drive);
 

@@ -330,9 +330,9 @@ const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& n
   return L;
 }
 
-void FAT::writeBootRegion() { device_.write(0, 1, layout_->bootSector.data()); }
+void FAT::writeReservedArea() {}
 
-void FAT32::writeBootRegion() {
+void FAT32::writeReservedArea() {
   const FatLayout& L = *layout_;
   std::array<uint8_t, kSector> zero{};
   device_.write(1, 1, L.fsInfo.data());
@@ -345,7 +345,6 @@ void FAT32::writeBootRegion() {
     device_.write(9, L.reservedSectors - 9, zeros.data());
   }
   device_.write(6, 1, L.bootSector.data());
-  device_.write(0, 1, L.bootSector.data());
 }
 
 void FAT::format(const FatFormatOptions& inOptions) {
@@ -392,6 +391,16 @@ void FAT::format(const FatFormatOptions& inOptions) {
   }
   progress.advance(L.reservedSectors);
   stopIfInterrupted();
+
+  // The old boot sector goes first, so that a format that stops half-way leaves neither the
+  // old filesystem (whose FATs are being overwritten) nor a half-made new one.
+  try {
+    const std::array<uint8_t, kSector> cleared{};
+    device_.write(0, 1, cleared.data());
+    device_.flush();
+  } catch (const Error& e) {
+    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+  }
 
   // The FAT copies: a first sector with the reserved entries, the rest zero in long runs.
   const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
@@ -494,7 +503,10 @@ void FAT::format(const FatFormatOptions& inOptions) {
 
   stopIfInterrupted();
   try {
-    writeBootRegion();
+    // Everything the boot sector describes is on the disk before the boot sector itself.
+    writeReservedArea();
+    device_.flush();
+    device_.write(0, 1, L.bootSector.data());
     device_.flush();
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area -- %s", e);

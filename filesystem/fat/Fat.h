@@ -75,8 +75,9 @@ class FAT {
   virtual uint32_t endOfChain() const = 0;
   // The bytes of FAT entries 0 and 1 for the given media byte.
   virtual std::vector<uint8_t> initialFatEntries(uint8_t media) const = 0;
-  // Writes the boot sector (and on FAT32 the rest of the reserved area), sector 0 last.
-  virtual void writeBootRegion();
+  // Writes the reserved area except the boot sector itself (FAT32: FSInfo, the backup copies
+  // and the zeroed rest); format() writes the boot sector after it.
+  virtual void writeReservedArea();
   // The FAT entry value that marks a cluster as bad.
   virtual uint32_t badClusterMark() const = 0;
 
@@ -140,7 +141,7 @@ class FAT32 : public FAT {
   std::vector<uint8_t> initialFatEntries(uint8_t media) const override {
     return {media, 0xFF, 0xFF, 0x0F, 0xFF, 0xFF, 0xFF, 0x0F};
   }
-  void writeBootRegion() override;
+  void writeReservedArea() override;
   uint32_t badClusterMark() const override { return 0x0FFFFFF7; }
 };
 

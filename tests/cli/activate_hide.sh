@@ -55,6 +55,10 @@ changed_checked=$(table_of "$img")
 refuse "$img" <<'T'
 2|~Invalid partition number -- 0|1 /ACT /P:0
 2|~Invalid partition number -- 2x|1 /ACT /P:2x
+2|~Invalid partition number -- -4294967295|1 /HIDE /P:-4294967295
+2|~Invalid partition number -- -1|1 /-HIDE /P:-1
+2|~Invalid partition number -- 4294967297|1 /ACT /P:4294967297
+2|~Invalid partition number -- 99999999999|1 /-ACT /P:99999999999
 2|~Required switch missing -- /P|1 /ACT
 1|~Invalid partition number -- 9|1 /HIDE /P:9
 2|~Required parameter missing -- fixed disk number|/ACT /P:1

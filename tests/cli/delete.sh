@@ -43,6 +43,9 @@ refuse "$img" <<'T'
 2|Invalid extended DOS partition number -- x|1 /DEL /EXT:x
 2|Invalid logical DOS drive number -- 2x|1 /DEL /LOG:2x
 2|Invalid partition number -- -1|1 /DEL /P:-1
+2|Invalid partition number -- -4294967295|1 /DEL /P:-4294967295
+2|Invalid partition number -- 2147483648|1 /DEL /P:2147483648
+2|Invalid logical DOS drive number -- 99999999999|1 /DEL /LOG:99999999999
 2|Switch requires a value -- /LOG|1 /DEL /LOG
 2|Conflicting switches. Specify one of /QWIPE, /DODWIPE, or /CUSTOMWIPE|1 /DEL /ALL /QWIPE /DODWIPE
 2|Invalid custom wipe passes -- 0|1 /DEL /ALL /CUSTOMWIPE:0

@@ -1,12 +1,14 @@
 #include "support/TestSupport.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -56,6 +58,74 @@ void FaultInjectingBlockDevice::doVerify(uint64_t first, uint64_t count) {
   ++transfers;
   if (failReads && hits(first, count)) throw Error(ErrorId::VerifyFailed, "Injected verify fault");
   inner_.verify(first, count);
+}
+
+void RecordingDiskAccess::read(uint64_t first, uint64_t count, void* buffer) {
+  std::memcpy(buffer, image.data() + first * 512, count * 512);
+}
+void RecordingDiskAccess::write(uint64_t first, uint64_t count, const void* buffer) {
+  if (writes >= stopAfter) throw Error(ErrorId::WriteFailed, "The disk stopped");
+  ++writes;
+  const auto* bytes = static_cast<const uint8_t*>(buffer);
+  std::memcpy(image.data() + first * 512, bytes, count * 512);
+  log.push_back({false, first, std::vector<uint8_t>(bytes, bytes + count * 512)});
+}
+
+void forEachCrashImage(const std::vector<uint8_t>& before, const std::vector<RecordingDiskAccess::Event>& log,
+                       const std::function<void(const std::vector<uint8_t>&)>& visit) {
+  constexpr size_t kAllSubsetsUpTo = 8;
+  std::vector<uint8_t> durable = before, image;
+  auto apply = [](std::vector<uint8_t>& to, const RecordingDiskAccess::Event& w) {
+    std::memcpy(to.data() + w.first * 512, w.data.data(), w.data.size());
+  };
+  size_t i = 0;
+  while (true) {
+    std::vector<const RecordingDiskAccess::Event*> group;
+    for (; i < log.size() && !log[i].flush; ++i) group.push_back(&log[i]);
+    if (group.size() <= kAllSubsetsUpTo) {
+      for (size_t mask = 0; mask < (size_t{1} << group.size()); ++mask) {
+        image = durable;
+        for (size_t k = 0; k < group.size(); ++k)
+          if (mask & (size_t{1} << k)) apply(image, *group[k]);
+        visit(image);
+      }
+    } else {
+      image = durable;
+      visit(image);
+      for (const auto* w : group) {
+        apply(image, *w);
+        visit(image);
+      }
+    }
+    for (const auto* w : group) apply(durable, *w);
+    if (i >= log.size()) break;
+    ++i;  // the flush
+  }
+  visit(durable);
+}
+
+size_t imageHash(const std::vector<uint8_t>& image) {
+  return std::hash<std::string_view>{}(std::string_view(reinterpret_cast<const char*>(image.data()), image.size()));
+}
+
+void writeSparseImage(const std::string& path, const std::vector<uint8_t>& image) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) std::abort();
+  static const std::array<uint8_t, 512> zero{};
+  auto isZero = [&](size_t at) { return std::memcmp(image.data() + at, zero.data(), 512) == 0; };
+  for (size_t at = 0; at < image.size();) {
+    if (isZero(at)) {
+      at += 512;
+      continue;
+    }
+    size_t end = at + 512;  // one write per run of sectors that are not zero
+    while (end < image.size() && !isZero(end)) end += 512;
+    std::fseek(f, static_cast<long>(at), SEEK_SET);
+    std::fwrite(image.data() + at, 1, end - at, f);
+    at = end;
+  }
+  std::fclose(f);
+  if (::truncate(path.c_str(), static_cast<off_t>(image.size())) != 0) std::abort();
 }
 
 bool CaptureSink::question(const std::string& t) {
