@@ -29,6 +29,10 @@ class BlockDevice {
   void write(uint64_t first, uint64_t count, const void* buffer);
   // Checks that the sectors can be read back; writes nothing. Throws VerifyFailed.
   void verify(uint64_t first, uint64_t count);
+  // Writes zeros over the sectors. Devices that can zero a range without moving its bytes (a
+  // hole punched in an image file, a disk's own zero-out command) do so; the others, and every
+  // failure of that quick way, write zero buffers. Throws like write().
+  void writeZeros(uint64_t first, uint64_t count);
   virtual void flush() {}
 
  protected:
@@ -37,6 +41,8 @@ class BlockDevice {
   virtual void doWrite(uint64_t first, uint64_t count, const void* buffer) = 0;
   // Default: reads the range in preferred-length transfers into a scratch buffer.
   virtual void doVerify(uint64_t first, uint64_t count);
+  // Default: zero buffers of the preferred transfer length (at most 8 MiB) through doWrite.
+  virtual void doWriteZeros(uint64_t first, uint64_t count);
 
  private:
   void checkRange(uint64_t first, uint64_t count, const char* what) const;
@@ -56,6 +62,7 @@ class RangeBlockDevice : public BlockDevice {
   void doRead(uint64_t first, uint64_t count, void* buffer) override;
   void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
   void doVerify(uint64_t first, uint64_t count) override;
+  void doWriteZeros(uint64_t first, uint64_t count) override;
 
  private:
   BlockDevice& parent_;

@@ -29,6 +29,9 @@ class FileIo {
   void writeAt(uint64_t offset, const void* buffer, size_t bytes);
   // Reads as much as there is; returns the byte count (0 at end of file).
   size_t readSome(uint64_t offset, void* buffer, size_t bytes) const;
+  // Makes the byte range read as zeros without writing it: a hole punched into the file (or a
+  // zeroed range where holes are not supported). False when the file system offers neither.
+  bool zeroRange(uint64_t offset, uint64_t bytes);
   void sync();
 
  private:

@@ -307,6 +307,13 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
       done += static_cast<size_t>(n);
     }
   }
+  // The device's own zero-out (the kernel writes zero pages itself where the device has no
+  // such command). It drops the cached pages of the range, so later reads see the zeros.
+  bool zeroRange(uint64_t first, uint64_t count) override {
+    if (!writeError_.empty()) return false;
+    uint64_t range[2] = {first * 512, count * 512};
+    return ::ioctl(fd_, BLKZEROOUT, range) == 0;
+  }
   void flush() override {
     if (writeError_.empty()) {
       ::fsync(fd_);
