@@ -12,8 +12,8 @@ need_tools e2fsck dumpe2fs debugfs blkid
 
 # field NAME: the value of one "NAME:   value" line of the last dumpe2fs -h output.
 field() { sed -n "s/^$1: *//p" "$WORK/dump"; }
-# summary TEXT: the number in front of TEXT in the last run's summary.
-summary() { sed -n "s/^ *\([0-9]*\) $1\$/\1/p" <<<"$OUT"; }
+# summary TEXT: the number in front of TEXT in the format's summary (kept in $FMT).
+summary() { sed -n "s/^ *\([0-9]*\) $1\$/\1/p" <<<"$FMT"; }
 
 # check IMAGE N ROW BLOCKSIZE LABEL FSCK CONTEXT: partition N of IMAGE (row ROW of /STATUS)
 # holds a clean ext2 filesystem as the last run's summary describes it. FSCK "-" leaves out
@@ -45,14 +45,16 @@ check() {
   debugfs -R 'ls -l /' "$at" >"$WORK/ls" 2>&1
   grep -q ' lost+found *$' "$WORK/ls" || fail "$ctx: debugfs shows no lost+found: $(cat "$WORK/ls")"
   [ "$(blkid -p -o value -s TYPE -O $((start * 512)) "$img")" = ext2 ] || fail "$ctx: blkid -p does not see ext2"
+  kd "$img" /STATUS
+  printf '%s\n' "$OUT" | grep -E "^ +$row .*${label}.*EXT2FS" >/dev/null || fail "$ctx: /STATUS row: $OUT"
   local groups backups
+  [ "$fsck" != - ] || return 0  # the group listing of 16384 groups alone takes seconds
   dumpe2fs "$at" >"$WORK/groups" 2>/dev/null
   groups=$(grep -c '^Group ' "$WORK/groups")
   [ "$groups" = "$(summary 'block groups of [0-9]* blocks')" ] || fail "$ctx: $groups groups, summary differs"
   backups=$(sed -n 's/.*Backup superblock at \([0-9]*\).*/\1/p' "$WORK/groups" | paste -sd, | sed 's/,/, /g')
-  if [ -n "$backups" ]; then expect_line "Superblock backups at blocks $backups" "$ctx"; fi
-  kd "$img" /STATUS
-  printf '%s\n' "$OUT" | grep -E "^ +$row .*${label}.*EXT2FS" >/dev/null || fail "$ctx: /STATUS row: $OUT"
+  [ -z "$backups" ] || grep -Fxq "Superblock backups at blocks $backups" <<<"$FMT" ||
+    fail "$ctx: backups at $backups, summary: $FMT"
 }
 
 # ---- Sizes and kinds: IMAGE SIZE|PREPARE|CREATE ARGS|PARTITION|STATUS ROW|BLOCK SIZE|LABEL|FSCK
@@ -69,6 +71,7 @@ while IFS='|' read -r size prepare args n row bs label fsck; do
   kd "$img" 1 /CRE $args
   expect_rc 0 "$size $args"
   expect_line "Format complete." "$size $args"
+  FMT=$OUT
   table_ok "$img" "$size $args"
   [ "$prepare" = gpt ] || [ "$(part "$img" "$n" | cut -d' ' -f3)" = 83 ] || fail "$size: type is not 83: $(parts "$img")"
   [ "$prepare" != gpt ] || [ "$(part "$img" "$n" | cut -d' ' -f3)" = 0FC63DAF-8483-4772-8E79-3D69D8477DE4 ] ||
@@ -78,7 +81,7 @@ while IFS='|' read -r size prepare args n row bs label fsck; do
   check "$img" "$n" "$row" "$bs" "$label" "$fsck" "$size $args"
 done <<'T'
 8M|-|/PRI /FOR /EXT2 /V:SMALL|1|1|1024|SMALL|y
-64M|ff|/PRI /ALIGN:1MB /FOR /EXT2 /V:sixteen-bytes-ok|1|1|1024|sixteen-bytes-ok|y
+24M|ff|/PRI /ALIGN:1MB /FOR /EXT2 /V:sixteen-bytes-ok|1|1|1024|sixteen-bytes-ok|y
 100M|ext|/LOG /SZ:90 /FOR /EXT2|5|2|1024||y
 1G|-|/PRI /FOR /EXT2 /V:DATA|1|1|4096|DATA|y
 20G|-|/PRI /FOR /EXT2 /V:TWENTY|1|1|4096|TWENTY|y
