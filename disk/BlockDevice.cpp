@@ -37,6 +37,11 @@ void BlockDevice::writeZeros(uint64_t first, uint64_t count) {
   if (count) doWriteZeros(first, count);
 }
 
+bool BlockDevice::zeroQuickly(uint64_t first, uint64_t count) {
+  checkRange(first, count, "write");
+  return count == 0 || doZeroQuickly(first, count);
+}
+
 void BlockDevice::doWriteZeros(uint64_t first, uint64_t count) {
   constexpr uint64_t kMaxZeroBlocks = 16384;  // 8 MiB
   const uint64_t chunk = std::clamp<uint64_t>(preferredTransferBlocks(), 1, kMaxZeroBlocks);

@@ -33,6 +33,10 @@ class BlockDevice {
   // hole punched in an image file, a disk's own zero-out command) do so; the others, and every
   // failure of that quick way, write zero buffers. Throws like write().
   void writeZeros(uint64_t first, uint64_t count);
+  // Zeros the sectors only when the device can do it without writing them (a hole punched in
+  // a sparse image file, a disk's own zero-out command); false, with nothing changed, when it
+  // cannot. Throws OutOfRange for a range outside the device.
+  bool zeroQuickly(uint64_t first, uint64_t count);
   virtual void flush() {}
 
  protected:
@@ -43,6 +47,7 @@ class BlockDevice {
   virtual void doVerify(uint64_t first, uint64_t count);
   // Default: zero buffers of the preferred transfer length (at most 8 MiB) through doWrite.
   virtual void doWriteZeros(uint64_t first, uint64_t count);
+  virtual bool doZeroQuickly(uint64_t /*first*/, uint64_t /*count*/) { return false; }
 
  private:
   void checkRange(uint64_t first, uint64_t count, const char* what) const;
@@ -63,6 +68,7 @@ class RangeBlockDevice : public BlockDevice {
   void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
   void doVerify(uint64_t first, uint64_t count) override;
   void doWriteZeros(uint64_t first, uint64_t count) override;
+  bool doZeroQuickly(uint64_t first, uint64_t count) override { return parent_.zeroQuickly(first_ + first, count); }
 
  private:
   BlockDevice& parent_;

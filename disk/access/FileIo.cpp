@@ -107,8 +107,12 @@ void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   }
 }
 
-bool FileIo::zeroRange(uint64_t offset, uint64_t bytes) {
+bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
   if (!writable_) return false;
+  BY_HANDLE_FILE_INFORMATION info{};
+  if (quickOnly && (!GetFileInformationByHandle(static_cast<HANDLE>(handle_), &info) ||
+                    !(info.dwFileAttributes & FILE_ATTRIBUTE_SPARSE_FILE)))
+    return false;  // the file system would write the zeros
   FILE_ZERO_DATA_INFORMATION range{};
   range.FileOffset.QuadPart = static_cast<LONGLONG>(offset);
   range.BeyondFinalZero.QuadPart = static_cast<LONGLONG>(offset + bytes);
@@ -189,7 +193,7 @@ void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   }
 }
 
-bool FileIo::zeroRange(uint64_t offset, uint64_t bytes) {
+bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {
 #if defined(__linux__)
   if (!writable_) return false;
   const off_t at = static_cast<off_t>(offset), length = static_cast<off_t>(bytes);

@@ -329,9 +329,14 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
   Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * 512.0 / kMiB),
                           L.groupCount + 2);
   try {
-    // Whatever superblock was here stops counting before any new metadata is written.
-    const std::vector<uint8_t> head(X::kSuperblockOffset + 3 * X::kSuperblockSize, 0);
-    device.write(0, head.size() / Disk::kSectorSize, head.data());
+    // Whatever superblock was here stops counting before any new metadata is written. Where
+    // the device zeros the whole partition without writing it (a sparse image, a disk's own
+    // zero-out), the inode tables need no zeroing of their own.
+    const bool allZero = device.zeroQuickly(0, device.blockCount());
+    if (!allZero) {
+      const std::vector<uint8_t> head(X::kSuperblockOffset + 3 * X::kSuperblockSize, 0);
+      device.write(0, head.size() / Disk::kSectorSize, head.data());
+    }
     device.flush();
     progress.advance(1);
 
@@ -361,7 +366,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
         fillDirectoryInode(table + (X::kLostFoundInode - 1) * L.inodeSize, L, id.now, 0700, 2, root + 1,
                            L.lostFoundBlocks);
       }
-      out.zeros(L.inodeTableBlock(g) + written, L.inodeTableBlocks - written);
+      if (!allZero) out.zeros(L.inodeTableBlock(g) + written, L.inodeTableBlocks - written);
       if (g == 0) fillDirectories(out.put(L.rootDirectoryBlock(), 1 + L.lostFoundBlocks), L);
       progress.advance(1);
     }
@@ -370,7 +375,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
     const uint32_t last = L.groupCount - 1;
     const uint64_t metadataEnd = (uint64_t{L.groupFirstBlock(last)} + L.groupUsedBlocks(last)) * sectorsPerBlock;
     const uint64_t tailFirst = std::max(metadataEnd, total > kTailSectors ? total - kTailSectors : 0);
-    if (tailFirst < total) device.writeZeros(tailFirst, total - tailFirst);
+    if (tailFirst < total && !allZero) device.writeZeros(tailFirst, total - tailFirst);
     // Everything the superblock points at is on the medium before the superblock itself.
     device.flush();
 

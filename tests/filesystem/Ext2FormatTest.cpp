@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -228,6 +229,15 @@ TEST(BlockDeviceZeros, ExactlyTheRangeBecomesZero) {
     }
     EXPECT_THROW(c.device.writeZeros(c.device.blockCount() - 1, 2), Core::Error);
   }
+  // Only the image zeros without writing; memory says so and stays unchanged.
+  memory.data() = ones;
+  EXPECT_FALSE(memory.zeroQuickly(0, 10));
+  EXPECT_EQ(memory.data(), ones);
+  image.write(0, kSectors, ones.data());
+  ASSERT_TRUE(image.zeroQuickly(10, kSectors - 10));
+  std::vector<uint8_t> back(kSectors * 512);
+  image.read(0, kSectors, back.data());
+  EXPECT_EQ(std::count(back.begin(), back.end(), 0), std::ptrdiff_t((kSectors - 10) * 512));
   // The image's zeroed sectors were given back to the file system, not written.
   image.flush();
   struct stat st {};
