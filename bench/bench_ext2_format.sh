@@ -37,8 +37,10 @@ one() {
   measure "$WORK/kd" "$KDISK" /NOOSDISK "/ADDDISK=$disk" 1 /CRE /PRI /FOR /EXT2
   read -r start count < <(sfdisk -J "$img" | jq -r '.partitiontable.partitions[0] | "\(.start) \(.size)"')
   fresh "$size" "$kind"
-  printf 'start=%s, size=%s, type=L\n' "$start" "$count" | sfdisk -q --append "$disk" >/dev/null 2>&1
+  # sfdisk may fail to have the kernel re-read a loop device's table; partx adds the partition.
+  printf 'start=%s, size=%s, type=L\n' "$start" "$count" | sfdisk -q --append "$disk" >/dev/null 2>&1 || true
   if [ "$kind" = loop ]; then
+    [ -b "${loop}p1" ] || partx -a "$loop" 2>/dev/null || true
     measure "$WORK/mk" mke2fs -q -t ext2 -F "${loop}p1"
   else
     measure "$WORK/mk" mke2fs -q -t ext2 -F -E offset=$((start * 512)) "$img" $((count / 8))
