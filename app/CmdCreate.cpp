@@ -9,6 +9,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
 
@@ -63,9 +64,14 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   if (request.formatKind == 0) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
-    if (request.formatKind == 4) throw Error(ErrorId::NotSupported, "The ext2 formatter is not available in this build");
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
+    if (request.formatKind == 4) {
+      Corvo::Filesystem::Ext2FormatOptions ext2;
+      if (!request.label.empty()) ext2.label = request.label;
+      Corvo::Filesystem::formatExt2(device, ext2);
+      return true;
+    }
     Corvo::Filesystem::FatFormatOptions options;
     options.verify = request.formatKind == 1;
     options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
@@ -334,6 +340,10 @@ int commandCreate(SwitchSet& set) {
           !Corvo::Filesystem::validateVolumeLabel(value, true))
         return 2;
       if (request.formatKind == 3 && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
+      if (const char* problem = request.formatKind == 4 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
+        message(mkError, "%s", problem);
+        return 2;
+      }
       request.label = value;
     }
   }

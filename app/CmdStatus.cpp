@@ -17,6 +17,7 @@
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
+#include "filesystem/ext2/Ext2Structures.h"
 #include "filesystem/ntfs/Ntfs.h"
 
 namespace Kdisk {
@@ -113,7 +114,7 @@ Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
     case Fs::ccExt2:
     case Fs::ccExt3:
       c.system = buf[1116] & 0x4 ? "EXT3FS" : "EXT2FS";
-      c.label = trimRight(std::string(reinterpret_cast<const char*>(&buf[1024 + 120]), 16));
+      c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
       break;
     case Fs::ccReiser: c.system = "REISERFS"; break;
     default: break;

@@ -32,6 +32,28 @@ void BlockDevice::verify(uint64_t first, uint64_t count) {
   if (count) doVerify(first, count);
 }
 
+void BlockDevice::writeZeros(uint64_t first, uint64_t count) {
+  checkRange(first, count, "write");
+  if (count) doWriteZeros(first, count);
+}
+
+bool BlockDevice::zeroQuickly(uint64_t first, uint64_t count) {
+  checkRange(first, count, "write");
+  return count == 0 || doZeroQuickly(first, count);
+}
+
+void BlockDevice::doWriteZeros(uint64_t first, uint64_t count) {
+  constexpr uint64_t kMaxZeroBlocks = 16384;  // 8 MiB
+  const uint64_t chunk = std::clamp<uint64_t>(preferredTransferBlocks(), 1, kMaxZeroBlocks);
+  const std::vector<uint8_t> zeros(static_cast<size_t>(std::min(chunk, count)) * kSectorSize, 0);
+  while (count) {
+    const uint64_t n = std::min(chunk, count);
+    doWrite(first, n, zeros.data());
+    first += n;
+    count -= n;
+  }
+}
+
 void BlockDevice::doVerify(uint64_t first, uint64_t count) {
   uint64_t chunk = std::max<uint32_t>(1, preferredTransferBlocks());
   std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
@@ -60,5 +82,6 @@ void RangeBlockDevice::doWrite(uint64_t first, uint64_t count, const void* buffe
   parent_.write(first_ + first, count, buffer);
 }
 void RangeBlockDevice::doVerify(uint64_t first, uint64_t count) { parent_.verify(first_ + first, count); }
+void RangeBlockDevice::doWriteZeros(uint64_t first, uint64_t count) { parent_.writeZeros(first_ + first, count); }
 
 }  // namespace Corvo::Disk

@@ -29,6 +29,14 @@ class BlockDevice {
   void write(uint64_t first, uint64_t count, const void* buffer);
   // Checks that the sectors can be read back; writes nothing. Throws VerifyFailed.
   void verify(uint64_t first, uint64_t count);
+  // Writes zeros over the sectors. Devices that can zero a range without moving its bytes (a
+  // hole punched in an image file, a disk's own zero-out command) do so; the others, and every
+  // failure of that quick way, write zero buffers. Throws like write().
+  void writeZeros(uint64_t first, uint64_t count);
+  // Zeros the sectors only when the device can do it without writing them (a hole punched in
+  // a sparse image file, a disk's own zero-out command); false, with nothing changed, when it
+  // cannot. Throws OutOfRange for a range outside the device.
+  bool zeroQuickly(uint64_t first, uint64_t count);
   virtual void flush() {}
 
  protected:
@@ -37,6 +45,9 @@ class BlockDevice {
   virtual void doWrite(uint64_t first, uint64_t count, const void* buffer) = 0;
   // Default: reads the range in preferred-length transfers into a scratch buffer.
   virtual void doVerify(uint64_t first, uint64_t count);
+  // Default: zero buffers of the preferred transfer length (at most 8 MiB) through doWrite.
+  virtual void doWriteZeros(uint64_t first, uint64_t count);
+  virtual bool doZeroQuickly(uint64_t /*first*/, uint64_t /*count*/) { return false; }
 
  private:
   void checkRange(uint64_t first, uint64_t count, const char* what) const;
@@ -56,6 +67,8 @@ class RangeBlockDevice : public BlockDevice {
   void doRead(uint64_t first, uint64_t count, void* buffer) override;
   void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
   void doVerify(uint64_t first, uint64_t count) override;
+  void doWriteZeros(uint64_t first, uint64_t count) override;
+  bool doZeroQuickly(uint64_t first, uint64_t count) override { return parent_.zeroQuickly(first_ + first, count); }
 
  private:
   BlockDevice& parent_;

@@ -47,6 +47,8 @@ class DiskDrive : public BlockDevice {
   void doRead(uint64_t first, uint64_t count, void* buffer) override;
   void doWrite(uint64_t first, uint64_t count, const void* buffer) override;
   void doVerify(uint64_t first, uint64_t count) override;
+  void doWriteZeros(uint64_t first, uint64_t count) override;
+  bool doZeroQuickly(uint64_t first, uint64_t count) override;
 
  private:
   uint32_t id_;

@@ -57,6 +57,11 @@ class DiskDriveAccess {
   virtual void write(uint64_t first, uint64_t count, const void* buffer) = 0;
   // Reads back without writing; the default reads into a scratch buffer.
   virtual void verify(uint64_t first, uint64_t count);
+  // Zeros the sectors without transferring them when the backend has a reliable way (punching
+  // or zeroing a range of an image file, the device's zero-out). quickOnly: only a way that
+  // does not write the range (a hole, an unmapped range), never one that writes zeros itself.
+  // False when it has none or it failed; the caller then writes zeros itself.
+  virtual bool zeroRange(uint64_t /*first*/, uint64_t /*count*/, bool /*quickOnly*/) { return false; }
   virtual void flush() {}
 
   // The disk the running system started from.

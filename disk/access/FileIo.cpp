@@ -7,6 +7,7 @@
 
 #if defined(_WIN32)
 #include <windows.h>
+#include <winioctl.h>
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <cstring>
 #endif
 #if defined(__linux__)
+#include <linux/falloc.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #endif
@@ -113,6 +115,20 @@ void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   }
 }
 
+bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
+  if (!writable_) return false;
+  BY_HANDLE_FILE_INFORMATION info{};
+  if (quickOnly && (!GetFileInformationByHandle(static_cast<HANDLE>(handle_), &info) ||
+                    !(info.dwFileAttributes & FILE_ATTRIBUTE_SPARSE_FILE)))
+    return false;  // the file system would write the zeros
+  FILE_ZERO_DATA_INFORMATION range{};
+  range.FileOffset.QuadPart = static_cast<LONGLONG>(offset);
+  range.BeyondFinalZero.QuadPart = static_cast<LONGLONG>(offset + bytes);
+  DWORD returned = 0;
+  return DeviceIoControl(static_cast<HANDLE>(handle_), FSCTL_SET_ZERO_DATA, &range, sizeof range, nullptr, 0,
+                         &returned, nullptr) != 0;
+}
+
 void FileIo::sync() {
   if (writable_) FlushFileBuffers(static_cast<HANDLE>(handle_));
 }
@@ -194,6 +210,22 @@ void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
           .with("offset", std::to_string(offset + done));
     done += static_cast<size_t>(n);
   }
+}
+
+bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {
+#if defined(__linux__)
+  if (!writable_) return false;
+  const off_t at = static_cast<off_t>(offset), length = static_cast<off_t>(bytes);
+  for (int mode : {FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE}) {
+    int rc;
+    do rc = ::fallocate(fd_, mode, at, length);
+    while (rc != 0 && errno == EINTR);
+    if (rc == 0) return true;
+  }
+#else
+  (void)offset, (void)bytes;
+#endif
+  return false;
 }
 
 void FileIo::sync() {

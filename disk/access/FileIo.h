@@ -34,6 +34,10 @@ class FileIo {
   void writeAt(uint64_t offset, const void* buffer, size_t bytes);
   // Reads as much as there is; returns the byte count (0 at end of file).
   size_t readSome(uint64_t offset, void* buffer, size_t bytes) const;
+  // Makes the byte range read as zeros without writing it through here: a hole punched into
+  // the file (or a zeroed range where holes are not supported). quickOnly: only where the file
+  // system does not write the zeros itself (Windows: sparse files). False when it cannot.
+  bool zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly);
   void sync();
 
  private:

@@ -38,6 +38,9 @@ class RawImageAccess : public DiskDriveAccess {
   void write(uint64_t first, uint64_t count, const void* buffer) override {
     file_.writeAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
+  bool zeroRange(uint64_t first, uint64_t count, bool quickOnly) override {
+    return file_.zeroRange(first * 512, count * 512, quickOnly);
+  }
   void flush() override { file_.sync(); }
   // The image may be attached to a loop device whose filesystems are mounted.
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {

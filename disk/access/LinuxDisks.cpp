@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/blkpg.h>
+#include <linux/falloc.h>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
 #include <sys/ioctl.h>
@@ -379,6 +380,17 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
             .with("sector", std::to_string(first + done / 512));
       done += static_cast<size_t>(n);
     }
+  }
+  // The device's own zero-out. Punching a hole asks for it without the kernel's fallback of
+  // writing zero pages (the quick way); BLKZEROOUT may fall back to that. Both drop the cached
+  // pages of the range, so later reads see the zeros.
+  bool zeroRange(uint64_t first, uint64_t count, bool quickOnly) override {
+    if (!writeError_.empty()) return false;
+    if (::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(first * 512),
+                    static_cast<off_t>(count * 512)) == 0)
+      return true;
+    uint64_t range[2] = {first * 512, count * 512};
+    return !quickOnly && ::ioctl(fd_, BLKZEROOUT, range) == 0;
   }
   void flush() override {
     if (writeError_.empty()) {
