@@ -12,9 +12,7 @@ int commandNotAvailable(const char* switchName) {
 }
 
 int commandMbr(SwitchSet&) { return commandNotAvailable("/MBR"); }
-int commandDiskWipe(SwitchSet&) { return commandNotAvailable("/DISKWIPE"); }
 int commandBootIni(SwitchSet&) { return commandNotAvailable("/BOOTINI"); }
-int commandGpt(SwitchSet&) { return commandNotAvailable("/GPT"); }
 int commandRevert(SwitchSet&) { return commandNotAvailable("/REVERT"); }
 
 }  // namespace Kdisk

@@ -38,7 +38,26 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   int64_t bytes = Core::Config::getInt("SequentialAccessDevice::preferredBlockLength", 0);
   if (bytes >= static_cast<int64_t>(kSectorSize) && bytes <= (int64_t{64} << 20))
     return std::max<uint32_t>(kDefaultTransferBlocks, static_cast<uint32_t>(bytes / kSectorSize));
-  return kDefaultTransferBlocks;
+  return std::max<uint32_t>(kDefaultTransferBlocks, access_->preferredTransferBlocks());
+}
+
+Error DiskDrive::sectorSizeError() const {
+  return Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+      .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
+}
+
+void DiskDrive::requireWritable() const {
+  if (!isWritable()) throw sectorSizeError();
+  access_->requireWritable();
+}
+
+void DiskDrive::flush() {
+  try {
+    access_->flush();
+  } catch (const Error& e) {
+    failed(e);
+    throw;
+  }
 }
 
 bool DiskDrive::isBootDisk() const {
@@ -68,12 +87,30 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
 }
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize,
-                "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
+  if (!isWritable()) throw sectorSizeError();
   try {
     access_->write(first, count, buffer);
+    ++okCount_;
+  } catch (const Error& e) {
+    failed(e);
+    throw;
+  }
+}
+
+void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
+  try {
+    access_->readMedium(first, count, buffer);
+    ++okCount_;
+  } catch (const Error& e) {
+    failed(e);
+    throw;
+  }
+}
+
+void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
+  if (!isWritable()) throw sectorSizeError();
+  try {
+    access_->writeMedium(first, count, buffer);
     ++okCount_;
   } catch (const Error& e) {
     failed(e);

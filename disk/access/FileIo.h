@@ -29,7 +29,14 @@ class FileIo {
   void writeAt(uint64_t offset, const void* buffer, size_t bytes);
   // Reads as much as there is; returns the byte count (0 at end of file).
   size_t readSome(uint64_t offset, void* buffer, size_t bytes) const;
+  // Reads what the storage under the file holds, not the system's cached copy (call sync()
+  // first). Throws like readAt.
+  void readMediumAt(uint64_t offset, void* buffer, size_t bytes);
+  // Makes the writes so far durable; throws Core::Error (WriteFailed) naming the file when the
+  // system reports that they could not be stored. Does nothing on a read-only file.
   void sync();
+  // Throws the error writeAt would give (WriteProtected) when the file is open read-only.
+  void requireWritable() const;
 
  private:
   void doOpen(const std::string& path, bool tryWrite);
@@ -37,6 +44,9 @@ class FileIo {
   bool writable_ = false;
 #if defined(_WIN32)
   void* handle_ = nullptr;
+  // A second, unbuffered handle and its sector-aligned buffer for readMediumAt.
+  void* uncached_ = nullptr;
+  uint8_t* aligned_ = nullptr;
 #else
   int fd_ = -1;
 #endif

@@ -39,6 +39,10 @@ class RawImageAccess : public DiskDriveAccess {
     file_.writeAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
   void flush() override { file_.sync(); }
+  void readMedium(uint64_t first, uint64_t count, void* buffer) override {
+    file_.readMediumAt(first * 512, buffer, static_cast<size_t>(count) * 512);
+  }
+  void requireWritable() const override { file_.requireWritable(); }
 
  private:
   FileIo file_;
