@@ -114,7 +114,9 @@ TEST(Wipe, PassesPatternChunksAndFlushes) {
         EXPECT_EQ(op.first, k * 8u);
         EXPECT_EQ(op.count, k == 2 ? 4u : 8u);
       }
-      if (pass < c.writes) EXPECT_EQ(dev.ops[pass * 4 + 3].byte, -2) << "no flush after pass " << pass;
+      if (pass < c.writes) {
+        EXPECT_EQ(dev.ops[pass * 4 + 3].byte, -2) << "no flush after pass " << pass;
+      }
     }
   }
 }
@@ -207,9 +209,12 @@ TEST(Wipe, VerifyingPassReadsTheMedium) {
     EXPECT_EQ(cap.sink().errors, c.errors) << c.name;
     EXPECT_EQ(bad.empty(), std::string(c.errors).empty()) << c.name;
     EXPECT_EQ(dev.writes, c.writes) << c.name;
-    if (c.readOnly) EXPECT_EQ(cap.sink().warnings, "") << "a refused wipe announced itself";
-    if (c.name == std::string("sound"))
+    if (c.readOnly) {
+      EXPECT_EQ(cap.sink().warnings, "") << "a refused wipe announced itself";
+    }
+    if (c.name == std::string("sound")) {
       for (uint64_t s = 0; s < 40; ++s) EXPECT_NE(dev.medium.sector(s)[0], 0x77) << s;
+    }
   }
   EXPECT_EQ(unwrittenSectorsText({{3, 2}, {39, 1}}), "3 sectors could not be written");
   EXPECT_EQ(unwrittenSectorsText({{7, 1}}), "1 sector could not be written");
