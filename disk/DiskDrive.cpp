@@ -51,14 +51,6 @@ void DiskDrive::requireWritable() const {
   access_->requireWritable();
 }
 
-void DiskDrive::flush() {
-  try {
-    access_->flush();
-  } catch (const Error& e) {
-    failed(e);
-    throw;
-  }
-}
 
 bool DiskDrive::isBootDisk() const {
   if (Core::Config::has("DiskManager::bootDisk"))
@@ -76,42 +68,39 @@ void DiskDrive::failed(const Error& e) {
   Core::DiagnosticLog::write("Disk error");
 }
 
-void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
+template <class Transfer>
+void DiskDrive::counted(Transfer transfer) {
   try {
-    access_->read(first, count, buffer);
+    transfer();
     ++okCount_;
   } catch (const Error& e) {
     failed(e);
     throw;
   }
+}
+
+void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
+  counted([&] { access_->read(first, count, buffer); });
 }
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
   if (!isWritable()) throw sectorSizeError();
-  try {
-    access_->write(first, count, buffer);
-    ++okCount_;
-  } catch (const Error& e) {
-    failed(e);
-    throw;
-  }
+  counted([&] { access_->write(first, count, buffer); });
 }
 
 void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
-  try {
-    access_->readMedium(first, count, buffer);
-    ++okCount_;
-  } catch (const Error& e) {
-    failed(e);
-    throw;
-  }
+  counted([&] { access_->readMedium(first, count, buffer); });
 }
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
   if (!isWritable()) throw sectorSizeError();
+  counted([&] { access_->writeMedium(first, count, buffer); });
+}
+
+// A failed flush counts as a failed write; a successful one is not a transfer of its own.
+void DiskDrive::flush() {
   try {
-    access_->writeMedium(first, count, buffer);
-    ++okCount_;
+    access_->flush();
   } catch (const Error& e) {
     failed(e);
     throw;

@@ -61,6 +61,9 @@ class DiskDrive : public BlockDevice {
   // Counts a failed transfer (media errors apart from the rest), keeps its text and notes it
   // in the diagnostic log.
   void failed(const Core::Error& e);
+  // Runs one transfer (or flush) of the backend and counts its outcome.
+  template <class Transfer>
+  void counted(Transfer transfer);
   uint64_t okCount_ = 0, errCount_ = 0, badMediaCount_ = 0;
   std::string lastError_;
 };

@@ -2,7 +2,8 @@
 # Wipes that must reach the medium, on loop devices and full storage: every pass of /DODWIPE
 # is counted by the kernel, a read-only device is refused before the first pass, a wipe that
 # cannot write and a flush that fails end with 1 and leave the table alone, and a disk with a
-# mounted filesystem is refused by /DISKWIPE and /GPT /WIPE while /DISK:ALL wipes the others.
+# mounted filesystem is refused by /DISKWIPE and /GPT /WIPE while /DISK:ALL wipes the others;
+# the kernel's view follows both commands.
 set -u
 KDISK=$1
 . "$(dirname "$0")/lib/partition.bash"
@@ -41,6 +42,25 @@ after=$(written "$dev")
 r=$(first_byte "$img" 2048)
 only_byte "$img" 2048 40960 "$r" || fail "/DODWIPE left other bytes than $r"
 [ "$(count_parts "$img")" -eq 0 ] || fail "/DODWIPE: partition not deleted"
+detach
+
+# ---- The system is told: a partition the kernel showed is gone after /GPT /WIPE and after
+# /DISKWIPE.
+img=$WORK/os.img
+truncate -s 16M "$img"
+attach -P "$img"
+name=$(basename "$dev")
+shown() { [ -e "/sys/block/$name/${name}p1" ]; }
+kd "$dev" 1 /CRE /PRI /SZ:4
+shown || fail "set-up: the kernel does not show ${name}p1"
+kd "$dev" 1 /GPT /WIPE /Y
+expect_rc 0 "/GPT /WIPE on $dev"
+shown && fail "the kernel still shows ${name}p1 after /GPT /WIPE"
+kd "$dev" 1 /CRE /PRI /SZ:4
+shown || fail "the kernel does not show the new GPT partition"
+kd "$dev" 1 /DISKWIPE /Y
+expect_rc 0 "/DISKWIPE on $dev"
+shown && fail "the kernel still shows ${name}p1 after /DISKWIPE"
 detach
 
 # ---- A read-only device is refused before the first pass, with the disk layer's reason.
