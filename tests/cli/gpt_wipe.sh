@@ -77,7 +77,7 @@ kd "$img" 1 /GPT /WIPE /Y
 expect_rc 0 "grown GPT disk"
 empty_gpt "$img" 49152 "grown GPT disk"
 [ "$(sfdisk -J "$img" | jq -r .partitiontable.id)" != "$old_guid" ] || fail "the disk GUID was kept"
-[ "$(dd if="$img" bs=512 skip=32767 count=1 status=none | head -c 8)" != "EFI PART" ] ||
+[ "$(dd if="$img" bs=512 skip=32767 count=1 status=none | head -c 8 | tr -d "\\0")" != "EFI PART" ] ||
   fail "the old backup header at the old end is still there"
 
 # 4 TiB: the whole size in the GPT, the protective entry capped at 0xFFFFFFFF sectors.
