@@ -44,8 +44,13 @@ bool wipeNode(FixedDisk& disk, const PartitionNode& node, int wipeMode, unsigned
               const std::vector<WipeExtent>& keep = {}) {
   if (wipeMode == wmNone) return true;
   try {
-    wipePartition(*disk.drive, node.firstBlock, node.blockCount, wipeMode, customCount,
-                  displayNumberOf(*disk.layout, node), disk.index + 1, keep);
+    std::vector<WipeExtent> failed = wipePartition(*disk.drive, node.firstBlock, node.blockCount, wipeMode,
+                                                   customCount, displayNumberOf(*disk.layout, node), disk.index + 1, keep);
+    // Sectors left unwritten make the wipe a failed one: the table stays as it is.
+    if (!failed.empty()) {
+      message(mkError, failText, unwrittenSectorsText(failed).c_str());
+      return false;
+    }
   } catch (const Error& e) {
     message(mkError, failText, e.text().c_str());
     return false;

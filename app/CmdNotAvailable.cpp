@@ -11,7 +11,4 @@ int commandNotAvailable(const char* switchName) {
   return 1;
 }
 
-int commandDiskWipe(SwitchSet&) { return commandNotAvailable("/DISKWIPE"); }
-int commandGpt(SwitchSet&) { return commandNotAvailable("/GPT"); }
-
 }  // namespace Kdisk

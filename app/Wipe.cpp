@@ -88,6 +88,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
                                    unsigned diskNumber, const std::vector<WipeExtent>& extents) {
   const unsigned passes = wipePassCount(mode, customCount);
   if (passes == 0) throw Error(ErrorId::InvalidArgument, "Invalid wipe mode");
+  device.requireWritable();
 
   std::vector<WipeExtent> ranges = extents;
   if (ranges.empty()) ranges.push_back({0, device.blockCount()});
@@ -107,71 +108,96 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   const uint64_t chunk = std::max<uint32_t>(1, device.preferredTransferBlocks());
   uint64_t largest = 0;
   for (const WipeExtent& e : ranges) largest = std::max(largest, e.count);
-  std::vector<uint8_t> buffer(static_cast<size_t>(std::min(chunk, largest)) * kSectorSize);
+  const size_t bufferBytes = static_cast<size_t>(std::min(chunk, largest)) * kSectorSize;
+  // The pattern of the pass; during the verifying pass it still holds the last pattern
+  // written, which the medium is compared with.
+  std::vector<uint8_t> buffer(bufferBytes);
+  std::vector<uint8_t> readBack(mode == wmQuick ? 0 : bufferBytes);
 
   FailedRanges failed;
-  for (unsigned pass = 0; pass < passes; ++pass) {
-    progress.setPass(pass + 1, passes);
-    const bool verifyPass = mode != wmQuick && pass == passes - 1;
-    if (!verifyPass) std::memset(buffer.data(), mode == wmQuick ? 0x00 : pattern[pass % 3], buffer.size());
-    auto transfer = [&](uint64_t first, uint64_t count) {
-      if (verifyPass)
-        device.verify(first, count);
-      else
-        device.write(first, count, buffer.data());
-    };
-    for (const WipeExtent& e : ranges) {
-      for (uint64_t done = 0; done < e.count;) {
-        stopIfInterrupted(progress, device);
-        uint64_t n = std::min(chunk, e.count - done);
-        uint64_t first = e.first + done;
-        try {
-          transfer(first, n);
-        } catch (const Error&) {
-          // Get past the failing chunk one sector at a time; sectors that still fail are
-          // reported once the wipe is over.
-          for (uint64_t s = first; s < first + n; ++s) {
-            try {
-              transfer(s, 1);
-            } catch (const Error&) {
-              failed.add(s);
+  // One chunk: a write, or a read of the medium compared sector by sector with the pattern.
+  auto transfer = [&](uint64_t first, uint64_t count, bool verifyPass) {
+    if (!verifyPass) return device.writeMedium(first, count, buffer.data());
+    device.readMedium(first, count, readBack.data());
+    for (uint64_t s = 0; s < count; ++s)
+      if (std::memcmp(readBack.data() + s * kSectorSize, buffer.data() + s * kSectorSize, kSectorSize) != 0)
+        failed.add(first + s);
+  };
+  try {
+    for (unsigned pass = 0; pass < passes; ++pass) {
+      progress.setPass(pass + 1, passes);
+      const bool verifyPass = mode != wmQuick && pass == passes - 1;
+      if (!verifyPass) std::memset(buffer.data(), mode == wmQuick ? 0x00 : pattern[pass % 3], buffer.size());
+      for (const WipeExtent& e : ranges) {
+        for (uint64_t done = 0; done < e.count;) {
+          stopIfInterrupted(progress, device);
+          uint64_t n = std::min(chunk, e.count - done);
+          uint64_t first = e.first + done;
+          try {
+            transfer(first, n, verifyPass);
+          } catch (const Error&) {
+            // Get past the failing chunk one sector at a time; sectors that still fail are
+            // reported once the wipe is over.
+            for (uint64_t s = first; s < first + n; ++s) {
+              try {
+                transfer(s, 1, verifyPass);
+              } catch (const Error&) {
+                failed.add(s);
+              }
             }
           }
+          progress.advance(n);
+          done += n;
         }
-        progress.advance(n);
-        done += n;
       }
+      // The pass is on the medium before the next one begins (or the verifying read).
+      if (!verifyPass) device.flush();
     }
+  } catch (...) {
+    progress.abandon();
+    throw;
   }
   progress.complete();
-  device.flush();
 
   std::vector<WipeExtent> bad = failed.list();
-  for (const WipeExtent& e : bad)
-    message(mkError, "Cannot write sectors %s to %s of partition %u on fixed disk %u", std::to_string(e.first).c_str(),
-            std::to_string(e.first + e.count - 1).c_str(), partitionNumber, diskNumber);
+  for (const WipeExtent& e : bad) {
+    const std::string from = std::to_string(e.first), to = std::to_string(e.first + e.count - 1);
+    if (partitionNumber == 0)
+      message(mkError, "Cannot write sectors %s to %s of fixed disk %u", from.c_str(), to.c_str(), diskNumber);
+    else
+      message(mkError, "Cannot write sectors %s to %s of partition %u on fixed disk %u", from.c_str(), to.c_str(),
+              partitionNumber, diskNumber);
+  }
   return bad;
 }
 
-std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
-                                      unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
-                                      const std::vector<WipeExtent>& keep) {
-  if (!drive.isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported");
-  drive.prepareForChange(first, count);
-  Corvo::Disk::RangeBlockDevice device(drive, first, count);
+std::string unwrittenSectorsText(const std::vector<WipeExtent>& failed) {
+  uint64_t sectors = 0;
+  for (const WipeExtent& e : failed) sectors += e.count;
+  return std::to_string(sectors) + (sectors == 1 ? " sector" : " sectors") + " could not be written";
+}
 
-  // The extents to wipe: the whole range except the kept extents.
-  std::vector<WipeExtent> kept = keep;
-  std::sort(kept.begin(), kept.end(), [](const WipeExtent& a, const WipeExtent& b) { return a.first < b.first; });
+std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> keep) {
+  std::sort(keep.begin(), keep.end(), [](const WipeExtent& a, const WipeExtent& b) { return a.first < b.first; });
   std::vector<WipeExtent> extents;
   uint64_t at = 0;
-  for (const WipeExtent& k : kept) {
+  for (const WipeExtent& k : keep) {
     uint64_t kFirst = std::min(k.first, count), kEnd = std::min(k.first + k.count, count);
     if (kFirst > at) extents.push_back({at, kFirst - at});
     at = std::max(at, kEnd);
   }
   if (at < count) extents.push_back({at, count - at});
+  return extents;
+}
+
+std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+                                      unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
+                                      const std::vector<WipeExtent>& keep) {
+  drive.requireWritable();
+  drive.prepareForChange(first, count);
+  Corvo::Disk::RangeBlockDevice device(drive, first, count);
+
+  std::vector<WipeExtent> extents = extentsOutside(count, keep);
   if (extents.empty()) return {};  // nothing of its own to overwrite
   return wipeDevice(device, mode, customCount, partitionNumber, diskNumber, extents);
 }

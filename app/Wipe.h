@@ -4,6 +4,7 @@
 // 0x35 and 0xCA.
 #pragma once
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "disk/DiskDrive.h"
@@ -25,11 +26,15 @@ unsigned wipePassCount(int mode, unsigned customCount);
 // 1000 times while it equals 0x35 or 0xCA.
 uint8_t drawWipeRandomByte();
 
-// Overwrites the given extents of the device (all of it when extents is empty). A chunk that
-// fails is retried sector by sector and the pass goes on; every range that could still not be
-// written (or verified) is reported as an error naming the 1-based partition and disk numbers,
-// and returned. Throws Core::Error only for failures that are not about single sectors.
-// Uses one buffer of the device's transfer length.
+// Overwrites the given extents of the device (all of it when extents is empty). A device that
+// cannot be written is refused before the first pass (the disk layer's error is thrown). Every
+// writing pass goes past the system's cache and is flushed before the next begins; the
+// verifying pass of modes 2 and 3 reads the medium and compares it with the last pattern. A
+// chunk that fails is retried sector by sector and the pass goes on; every range that could
+// not be written (or did not read back as written) is reported as an error naming the 1-based
+// partition and disk numbers (partitionNumber 0: the whole disk), and returned: a wipe that
+// returns ranges has failed. Throws Core::Error for failures that are not about single
+// sectors, such as a failed flush. Uses two buffers of the device's transfer length.
 std::vector<WipeExtent> wipeDevice(Corvo::Disk::BlockDevice& device, int mode, unsigned customCount,
                                    unsigned partitionNumber, unsigned diskNumber,
                                    const std::vector<WipeExtent>& extents = {});
@@ -40,5 +45,11 @@ std::vector<WipeExtent> wipeDevice(Corvo::Disk::BlockDevice& device, int mode, u
 std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
                                       const std::vector<WipeExtent>& keep = {});
+
+// The runs of [0, count) that lie outside every `keep` extent, in order.
+std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> keep);
+
+// The error text of a wipe that left sectors unwritten: "N sector(s) could not be written".
+std::string unwrittenSectorsText(const std::vector<WipeExtent>& failed);
 
 }  // namespace Kdisk

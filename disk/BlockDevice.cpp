@@ -54,6 +54,16 @@ void BlockDevice::doWriteZeros(uint64_t first, uint64_t count) {
   }
 }
 
+void BlockDevice::readMedium(uint64_t first, uint64_t count, void* buffer) {
+  checkRange(first, count, "read");
+  if (count) doReadMedium(first, count, buffer);
+}
+
+void BlockDevice::writeMedium(uint64_t first, uint64_t count, const void* buffer) {
+  checkRange(first, count, "write");
+  if (count) doWriteMedium(first, count, buffer);
+}
+
 void BlockDevice::doVerify(uint64_t first, uint64_t count) {
   uint64_t chunk = std::max<uint32_t>(1, preferredTransferBlocks());
   std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
@@ -83,5 +93,11 @@ void RangeBlockDevice::doWrite(uint64_t first, uint64_t count, const void* buffe
 }
 void RangeBlockDevice::doVerify(uint64_t first, uint64_t count) { parent_.verify(first_ + first, count); }
 void RangeBlockDevice::doWriteZeros(uint64_t first, uint64_t count) { parent_.writeZeros(first_ + first, count); }
+void RangeBlockDevice::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
+  parent_.readMedium(first_ + first, count, buffer);
+}
+void RangeBlockDevice::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
+  parent_.writeMedium(first_ + first, count, buffer);
+}
 
 }  // namespace Corvo::Disk

@@ -37,12 +37,22 @@ class BlockDevice {
   // a sparse image file, a disk's own zero-out command); false, with nothing changed, when it
   // cannot. Throws OutOfRange for a range outside the device.
   bool zeroQuickly(uint64_t first, uint64_t count);
+  // Makes every write so far durable; throws Core::Error (WriteFailed) when it cannot.
   virtual void flush() {}
+  // Transfers past the system's cache (see DiskDriveAccess): a write handed to the device at
+  // once, a read of what the medium holds. Devices without such a path read and write.
+  void readMedium(uint64_t first, uint64_t count, void* buffer);
+  void writeMedium(uint64_t first, uint64_t count, const void* buffer);
+  // Throws the device's own error (WriteProtected, UnsupportedSectorSize) when it cannot be
+  // written at all.
+  virtual void requireWritable() const {}
 
  protected:
   // Implementations receive only ranges that lie inside the device.
   virtual void doRead(uint64_t first, uint64_t count, void* buffer) = 0;
   virtual void doWrite(uint64_t first, uint64_t count, const void* buffer) = 0;
+  virtual void doReadMedium(uint64_t first, uint64_t count, void* buffer) { doRead(first, count, buffer); }
+  virtual void doWriteMedium(uint64_t first, uint64_t count, const void* buffer) { doWrite(first, count, buffer); }
   // Default: reads the range in preferred-length transfers into a scratch buffer.
   virtual void doVerify(uint64_t first, uint64_t count);
   // Default: zero buffers of the preferred transfer length (at most 8 MiB) through doWrite.
@@ -61,6 +71,7 @@ class RangeBlockDevice : public BlockDevice {
   uint32_t preferredTransferBlocks() const override { return parent_.preferredTransferBlocks(); }
   uint8_t mediaByte() const override { return parent_.mediaByte(); }
   void flush() override { parent_.flush(); }
+  void requireWritable() const override { parent_.requireWritable(); }
   uint64_t firstBlock() const { return first_; }
 
  protected:
@@ -69,6 +80,8 @@ class RangeBlockDevice : public BlockDevice {
   void doVerify(uint64_t first, uint64_t count) override;
   void doWriteZeros(uint64_t first, uint64_t count) override;
   bool doZeroQuickly(uint64_t first, uint64_t count) override { return parent_.zeroQuickly(first_ + first, count); }
+  void doReadMedium(uint64_t first, uint64_t count, void* buffer) override;
+  void doWriteMedium(uint64_t first, uint64_t count, const void* buffer) override;
 
  private:
   BlockDevice& parent_;

@@ -38,8 +38,19 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   int64_t bytes = Core::Config::getInt("SequentialAccessDevice::preferredBlockLength", 0);
   if (bytes >= static_cast<int64_t>(kSectorSize) && bytes <= (int64_t{64} << 20))
     return std::max<uint32_t>(kDefaultTransferBlocks, static_cast<uint32_t>(bytes / kSectorSize));
-  return kDefaultTransferBlocks;
+  return std::max<uint32_t>(kDefaultTransferBlocks, access_->preferredTransferBlocks());
 }
+
+Error DiskDrive::sectorSizeError() const {
+  return Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
+      .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
+}
+
+void DiskDrive::requireWritable() const {
+  if (!isWritable()) throw sectorSizeError();
+  access_->requireWritable();
+}
+
 
 bool DiskDrive::isBootDisk() const {
   if (Core::Config::has("DiskManager::bootDisk"))
@@ -57,9 +68,10 @@ void DiskDrive::failed(const Error& e) {
   Core::DiagnosticLog::write("Disk error");
 }
 
-void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
+template <class Transfer>
+void DiskDrive::counted(Transfer transfer) {
   try {
-    access_->read(first, count, buffer);
+    transfer();
     ++okCount_;
   } catch (const Error& e) {
     failed(e);
@@ -67,14 +79,28 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
   }
 }
 
+void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
+  counted([&] { access_->read(first, count, buffer); });
+}
+
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize,
-                "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
+  if (!isWritable()) throw sectorSizeError();
+  counted([&] { access_->write(first, count, buffer); });
+}
+
+void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
+  counted([&] { access_->readMedium(first, count, buffer); });
+}
+
+void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
+  if (!isWritable()) throw sectorSizeError();
+  counted([&] { access_->writeMedium(first, count, buffer); });
+}
+
+// A failed flush counts as a failed write; a successful one is not a transfer of its own.
+void DiskDrive::flush() {
   try {
-    access_->write(first, count, buffer);
-    ++okCount_;
+    access_->flush();
   } catch (const Error& e) {
     failed(e);
     throw;

@@ -26,10 +26,13 @@ class DiskDrive : public BlockDevice {
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
   bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
+  // Throws what a write would throw on a disk that cannot be written at all: a sector size
+  // other than 512 bytes, or a backend that could open the disk only for reading.
+  void requireWritable() const override;
   // The disk the running system started from. "DiskManager::bootDisk" (the /BOOTDISK= start-up
   // switch) names it instead, by its 1-based number, so that images can stand in for it.
   bool isBootDisk() const;
-  void flush() override { access_->flush(); }
+  void flush() override;
 
   // Tells the OS the new layout unless "Disk::noOsLayout" is set or the backend has no OS
   // view. Throws Core::Error (OsLayoutFailed); the caller reports it as a warning.
@@ -49,8 +52,11 @@ class DiskDrive : public BlockDevice {
   void doVerify(uint64_t first, uint64_t count) override;
   void doWriteZeros(uint64_t first, uint64_t count) override;
   bool doZeroQuickly(uint64_t first, uint64_t count) override;
+  void doReadMedium(uint64_t first, uint64_t count, void* buffer) override;
+  void doWriteMedium(uint64_t first, uint64_t count, const void* buffer) override;
 
  private:
+  Core::Error sectorSizeError() const;
   uint32_t id_;
   std::unique_ptr<DiskDriveAccess> access_;
   Geometry geometry_;
@@ -58,6 +64,9 @@ class DiskDrive : public BlockDevice {
   // Counts a failed transfer (media errors apart from the rest), keeps its text and notes it
   // in the diagnostic log.
   void failed(const Core::Error& e);
+  // Runs one transfer (or flush) of the backend and counts its outcome.
+  template <class Transfer>
+  void counted(Transfer transfer);
   uint64_t okCount_ = 0, errCount_ = 0, badMediaCount_ = 0;
   std::string lastError_;
 };

@@ -62,7 +62,21 @@ class DiskDriveAccess {
   // does not write the range (a hole, an unmapped range), never one that writes zeros itself.
   // False when it has none or it failed; the caller then writes zeros itself.
   virtual bool zeroRange(uint64_t /*first*/, uint64_t /*count*/, bool /*quickOnly*/) { return false; }
+  // Makes every write so far durable. A flush the system reports as failed throws
+  // Core::Error (WriteFailed): the data written before it may not be on the medium.
   virtual void flush() {}
+
+  // Transfers that bypass the system's cache where the backend can (the passes of a wipe and
+  // its verifying read): writeMedium hands the sectors to the device at once, readMedium
+  // returns what the medium holds rather than a cached copy. Only a flush() afterwards makes
+  // the writes durable. The defaults are read() and write().
+  virtual void readMedium(uint64_t first, uint64_t count, void* buffer) { read(first, count, buffer); }
+  virtual void writeMedium(uint64_t first, uint64_t count, const void* buffer) { write(first, count, buffer); }
+  // Sectors the backend moves best in one transfer; 0 leaves the disk layer's default.
+  virtual uint32_t preferredTransferBlocks() const { return 0; }
+  // Throws the error a write would give (WriteProtected) when the disk can only be read, so
+  // that a long operation is refused before it starts.
+  virtual void requireWritable() const {}
 
   // The disk the running system started from.
   virtual bool isBootDisk() const { return false; }

@@ -81,10 +81,13 @@ class DiskDriveAccessNt : public DiskDriveAccess {
     transfer(first, count, buffer, false);
   }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
+    requireWritable();
+    transfer(first, count, const_cast<void*>(buffer), true);
+  }
+  void requireWritable() const override {
     if (!writable_)
       throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- the disk could only be opened read-only")
           .with("path", path_);
-    transfer(first, count, const_cast<void*>(buffer), true);
   }
   void verify(uint64_t first, uint64_t count) override {
     Core::TraceScope scope("verify");
@@ -104,8 +107,11 @@ class DiskDriveAccessNt : public DiskDriveAccess {
       count -= n;
     }
   }
+  // The handle is unbuffered and write-through, so reads and writes already reach the
+  // medium; the flush still asks the disk to empty its own cache.
   void flush() override {
-    if (writable_) FlushFileBuffers(h_);
+    if (writable_ && !FlushFileBuffers(h_))
+      throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
   }
 
   bool isBootDisk() const override {

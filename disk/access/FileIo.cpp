@@ -1,6 +1,7 @@
 #include "disk/access/FileIo.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "core/Error.h"
 #include "core/FileKind.h"
@@ -14,7 +15,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #endif
 #if defined(__linux__)
 #include <linux/falloc.h>
@@ -42,6 +42,8 @@ std::string lastSystemError() {
 
 FileIo::~FileIo() {
   if (handle_) CloseHandle(static_cast<HANDLE>(handle_));
+  if (uncached_) CloseHandle(static_cast<HANDLE>(uncached_));
+  if (aligned_) VirtualFree(aligned_, 0, MEM_RELEASE);
 }
 
 bool FileIo::isOpen() const { return handle_ != nullptr; }
@@ -96,9 +98,7 @@ size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
 }
 
 void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
-  if (!writable_)
-    throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- it could only be opened read-only")
-        .with("path", path_);
+  requireWritable();
   size_t done = 0;
   while (done < bytes) {
     OVERLAPPED ov{};
@@ -130,7 +130,53 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
 }
 
 void FileIo::sync() {
-  if (writable_) FlushFileBuffers(static_cast<HANDLE>(handle_));
+  if (writable_ && !FlushFileBuffers(static_cast<HANDLE>(handle_)))
+    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
+}
+
+namespace {
+// Unbuffered reads need offsets, lengths and buffers aligned to the volume's sector size;
+// 4096 covers every sector size in use.
+constexpr uint64_t kUncachedAlign = 4096;
+constexpr size_t kUncachedBytes = size_t{1} << 20;
+}  // namespace
+
+void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {
+  if (!uncached_) {
+    HANDLE h = CreateFileA(path_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_NO_BUFFERING, nullptr);
+    aligned_ = static_cast<uint8_t*>(VirtualAlloc(nullptr, kUncachedBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    if (h == INVALID_HANDLE_VALUE || !aligned_) {
+      // No unbuffered path to the file: after sync() the cached copy is what was stored.
+      if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+      readAt(offset, buffer, bytes);
+      return;
+    }
+    uncached_ = h;
+  }
+  auto* out = static_cast<uint8_t*>(buffer);
+  while (bytes) {
+    const uint64_t start = offset / kUncachedAlign * kUncachedAlign, lead = offset - start;
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes, kUncachedBytes - lead));
+    const DWORD span = static_cast<DWORD>((lead + n + kUncachedAlign - 1) / kUncachedAlign * kUncachedAlign);
+    OVERLAPPED ov{};
+    ov.Offset = static_cast<DWORD>(start);
+    ov.OffsetHigh = static_cast<DWORD>(start >> 32);
+    DWORD got = 0;
+    // The last span may reach past the end of the file; only the bytes asked for must be there.
+    if (!ReadFile(static_cast<HANDLE>(uncached_), aligned_, span, &got, &ov) && GetLastError() != ERROR_HANDLE_EOF)
+      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+          .with("path", path_)
+          .with("offset", std::to_string(offset));
+    if (got < lead + n)
+      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- unexpected end of file")
+          .with("path", path_)
+          .with("offset", std::to_string(offset));
+    std::memcpy(out, aligned_ + lead, n);
+    out += n;
+    offset += n;
+    bytes -= n;
+  }
 }
 
 #else
@@ -196,9 +242,7 @@ size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
 }
 
 void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
-  if (!writable_)
-    throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- it could only be opened read-only")
-        .with("path", path_);
+  requireWritable();
   size_t done = 0;
   while (done < bytes) {
     ssize_t n =
@@ -229,7 +273,16 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {
 }
 
 void FileIo::sync() {
-  if (writable_) ::fsync(fd_);
+  if (writable_ && ::fsync(fd_) != 0)
+    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
+}
+
+void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {
+#if defined(POSIX_FADV_DONTNEED)
+  // Written pages are clean after sync(); dropping them makes the read go to the storage.
+  ::posix_fadvise(fd_, static_cast<off_t>(offset), static_cast<off_t>(bytes), POSIX_FADV_DONTNEED);
+#endif
+  readAt(offset, buffer, bytes);
 }
 
 #endif
@@ -243,6 +296,13 @@ void FileIo::refuseKind(const std::string& path, const char* what, Accept accept
       .with("path", path)
       .with("kind", what);
 }
+
+void FileIo::requireWritable() const {
+  if (!writable_)
+    throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- it could only be opened read-only")
+        .with("path", path_);
+}
+
 
 void FileIo::readAt(uint64_t offset, void* buffer, size_t bytes) const {
   if (readSome(offset, buffer, bytes) != bytes)

@@ -38,7 +38,14 @@ class FileIo {
   // the file (or a zeroed range where holes are not supported). quickOnly: only where the file
   // system does not write the zeros itself (Windows: sparse files). False when it cannot.
   bool zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly);
+  // Reads what the storage under the file holds, not the system's cached copy (call sync()
+  // first). Throws like readAt.
+  void readMediumAt(uint64_t offset, void* buffer, size_t bytes);
+  // Makes the writes so far durable; throws Core::Error (WriteFailed) naming the file when the
+  // system reports that they could not be stored. Does nothing on a read-only file.
   void sync();
+  // Throws the error writeAt would give (WriteProtected) when the file is open read-only.
+  void requireWritable() const;
 
  private:
   void doOpen(const std::string& path, bool tryWrite, Accept accept);
@@ -47,6 +54,9 @@ class FileIo {
   bool writable_ = false;
 #if defined(_WIN32)
   void* handle_ = nullptr;
+  // A second, unbuffered handle and its sector-aligned buffer for readMediumAt.
+  void* uncached_ = nullptr;
+  uint8_t* aligned_ = nullptr;
 #else
   int fd_ = -1;
 #endif

@@ -46,6 +46,10 @@ class RawImageAccess : public DiskDriveAccess {
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
     LinuxDisks::refuseIfImageBusy(file_.path(), firstBlock, blockCount);
   }
+  void readMedium(uint64_t first, uint64_t count, void* buffer) override {
+    file_.readMediumAt(first * 512, buffer, static_cast<size_t>(count) * 512);
+  }
+  void requireWritable() const override { file_.requireWritable(); }
 
  private:
   FileIo file_;

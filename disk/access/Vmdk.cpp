@@ -146,6 +146,13 @@ class FlatVmdkAccess : public DiskDriveAccess {
     for (auto& p : pieces_)
       if (p.file) p.file->sync();
   }
+  void requireWritable() const override {
+    for (const auto& p : pieces_) {
+      if (!p.file || !p.extent.writable)
+        throw Error(ErrorId::WriteProtected, "Cannot write " + path_ + " -- the extent is read-only").with("path", path_);
+      p.file->requireWritable();
+    }
+  }
 
  private:
   struct Piece {
@@ -283,6 +290,7 @@ class SparseVmdkAccess : public DiskDriveAccess {
   }
 
   void flush() override { file_.sync(); }
+  void requireWritable() const override { file_.requireWritable(); }
 
  private:
   // A header may claim no more grain tables than a disk of the largest supported capacity

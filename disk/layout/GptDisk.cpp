@@ -49,11 +49,37 @@ std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive) {
   return std::make_unique<PartitionedDiskGpt>(drive);
 }
 
+namespace {
+
+// Sectors of the old tables that another tool could still find once a new GPT covers the disk
+// and that the new table does not overwrite: extended boot records, and a backup GPT header
+// that the old primary header placed before the disk's last block. Only sectors inside the
+// new usable area [firstUsable, lastUsable] are listed.
+std::vector<uint64_t> staleTableBlocks(DiskDrive& drive, uint64_t firstUsable, uint64_t lastUsable) {
+  std::vector<uint64_t> blocks;
+  auto add = [&](uint64_t b) {
+    if (b >= firstUsable && b <= lastUsable && std::find(blocks.begin(), blocks.end(), b) == blocks.end())
+      blocks.push_back(b);
+  };
+  for (const RawBootRecord& r : PartitionedDisk::load(drive)->rawTables()) add(r.block);
+  std::vector<uint8_t> sector(kSectorSize);
+  drive.read(1, 1, sector.data());
+  GptHeader old(sector.data());
+  if (old.hasSignature()) {
+    const uint64_t alternate = old.alternateBlock();
+    if (alternate < drive.blockCount()) {
+      drive.read(alternate, 1, sector.data());
+      if (GptHeader(sector.data()).hasSignature()) add(alternate);
+    }
+  }
+  return blocks;
+}
+
+}  // namespace
+
 std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   Core::TraceScope scope("initializeGptDisk");
-  if (!drive.isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(drive.geometry().bytesPerSector));
+  drive.requireWritable();
   GptHeader primary, backup;
   const uint64_t blocks = drive.blockCount();
   const uint64_t arrayBlocks = gptEntryArrayBlocks(primary.entryCount(), primary.entrySize(), 1);
@@ -95,17 +121,27 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
     h->copyTo(sector->data());
   }
 
-  // Backup copy first, the protective MBR last: until it is written the disk still reads as
-  // the old MBR disk.
   Core::InterruptHold hold;  // Ctrl-C waits until the tables are written and flushed
+  const std::vector<uint64_t> stale = staleTableBlocks(drive, firstUsable, lastUsable);
+
+  // Each step is on the medium before the next. The old primary GPT header goes first, so an
+  // old GPT disk reads from its old backup until the new backup replaces it; then the new
+  // backup, the new primary, and the protective MBR last: until it is written an old MBR disk
+  // still reads as that disk. What is left of the old tables lies in the new free space and
+  // is cleared at the end.
+  const std::vector<uint8_t> zeros(kSectorSize, 0);
+  auto step = [&](uint64_t block, uint64_t count, const uint8_t* data) {
+    drive.write(block, count, data);
+    drive.flush();
+  };
+  step(primary.myBlock(), 1, zeros.data());
   drive.write(backup.entriesBlock(), arrayBlocks, array.data());
-  drive.write(backup.myBlock(), 1, backupSector.data());
-  drive.flush();
+  step(backup.myBlock(), 1, backupSector.data());
   drive.write(primary.entriesBlock(), arrayBlocks, array.data());
-  drive.write(primary.myBlock(), 1, primarySector.data());
-  drive.flush();
-  drive.write(0, 1, mbr.data());
-  drive.flush();
+  step(primary.myBlock(), 1, primarySector.data());
+  step(0, 1, mbr.data());
+  for (uint64_t block : stale) drive.write(block, 1, zeros.data());
+  if (!stale.empty()) drive.flush();
 
   auto disk = std::make_unique<PartitionedDiskGpt>(drive);
   disk->reportLayout();

@@ -16,9 +16,11 @@ std::unique_ptr<PartitionedDisk> loadGptDisk(DiskDrive& drive);
 
 // Writes a new, empty GPT over the whole disk: a protective MBR (the boot code area and the
 // disk signature of the old boot record stay), both headers built from the defaults with a
-// new random disk GUID, usable blocks 34 to (last block - 33), and zeroed entry arrays. The
-// caller has already prepared (locked or checked) every existing partition. Returns the disk
-// as read back.
+// new random disk GUID, usable blocks 34 to (last block - 33), and zeroed entry arrays; the
+// old extended boot records and an old backup GPT header away from the last block are
+// cleared. Every step is flushed before the next, in an order that leaves the old table or
+// the new one readable at every point. The caller has already prepared (locked or checked)
+// every existing partition. Returns the disk as read back, the OS told.
 std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive);
 
 class PartitionedDiskGpt : public PartitionedDisk {

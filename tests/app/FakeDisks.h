@@ -29,8 +29,15 @@ class MemoryAccess : public Corvo::Disk::DiskDriveAccess {
     std::memcpy(buffer, data.data() + first * 512, count * 512);
   }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
+    requireWritable();
     std::memcpy(data.data() + first * 512, buffer, count * 512);
     sectorsWritten += count;
+  }
+  void flush() override {
+    if (failFlush) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "Cannot flush memory -- injected");
+  }
+  void requireWritable() const override {
+    if (readOnly) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteProtected, "Cannot write memory -- read-only");
   }
   bool isBootDisk() const override { return bootDisk; }
   void prepareForChange(uint64_t, uint64_t) override {
@@ -40,7 +47,7 @@ class MemoryAccess : public Corvo::Disk::DiskDriveAccess {
   std::vector<uint8_t> data;
   Corvo::Disk::Geometry geometry{};
   std::set<uint64_t> badSectors;
-  bool bootDisk = false, busy = false;
+  bool bootDisk = false, busy = false, readOnly = false, failFlush = false;
   mutable uint64_t reads = 0;
   uint64_t sectorsWritten = 0;
 };
