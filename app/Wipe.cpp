@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "core/Clock.h"
 #include "core/Error.h"
 #include "core/Message.h"
 
@@ -95,7 +96,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   uint64_t total = 0;
   for (const WipeExtent& e : ranges) total += e.count;
 
-  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  std::srand(static_cast<unsigned>(Corvo::Core::currentTime()));
   const uint8_t pattern[3] = {0x35, 0xCA, drawWipeRandomByte()};
   message(mkWarning, "Partition will contain 0x%02X for all bytes in all sectors when wipe complete.\n",
           mode == wmQuick ? 0x00 : pattern[2]);

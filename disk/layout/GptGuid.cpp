@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <random>
 
+#include "core/Clock.h"
 #include "core/Error.h"
 
 namespace Corvo::Disk {
@@ -59,16 +60,8 @@ GuidBytes guidFromText(const char* text) {
 }
 
 GuidBytes randomGuid() {
-  static std::mt19937_64 engine = [] {
-    std::random_device device;
-    std::seed_seq seed{device(), device(), device(), device()};
-    return std::mt19937_64(seed);
-  }();
   GuidBytes g{};
-  for (int i = 0; i < 16; i += 8) {
-    uint64_t v = engine();
-    for (int k = 0; k < 8; ++k) g[i + k] = static_cast<uint8_t>(v >> (8 * k));
-  }
+  Core::randomBytes(g.data(), g.size());
   g[7] = static_cast<uint8_t>((g[7] & 0x0F) | 0x40);  // version 4 (high nibble of field 3)
   g[8] = static_cast<uint8_t>((g[8] & 0x3F) | 0x80);  // RFC 4122 variant
   return g;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/Clock.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "core/Trace.h"
@@ -323,7 +324,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
   const Ext2Layout L = computeExt2Layout(device.blockCount());
   id.uuid = options.uuid ? *options.uuid : randomUuid();
   id.hashSeed = options.hashSeed ? *options.hashSeed : randomUuid();
-  id.now = options.now ? *options.now : static_cast<uint32_t>(std::time(nullptr));
+  id.now = options.now ? *options.now : static_cast<uint32_t>(Core::currentTime());
 
   const uint32_t B = L.blockSize;
   Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * 512.0 / kMiB),

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <random>
 
+#include "core/Clock.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "core/Trace.h"
@@ -232,7 +233,7 @@ std::vector<uint8_t> attrDefData(const Target& t) {
 // ---- File records -------------------------------------------------------------------------
 
 uint64_t ntfsTimeNow() {
-  const int64_t unixSeconds = static_cast<int64_t>(std::time(nullptr));
+  const int64_t unixSeconds = static_cast<int64_t>(Core::currentTime());
   return static_cast<uint64_t>(unixSeconds + 11644473600LL) * 10000000ull;
 }
 
@@ -694,10 +695,7 @@ class Writer {
 };
 
 uint64_t randomSerial() {
-  std::random_device rd;
-  uint64_t s = (uint64_t(rd()) << 32) ^ rd();
-  s ^= static_cast<uint64_t>(std::chrono::high_resolution_clock::now().time_since_epoch().count()) * 0x9E3779B97F4A7C15ull;
-  return s;
+  return Core::randomValue<uint64_t>();
 }
 
 uint64_t roundUp(uint64_t v, uint64_t unit) { return (v + unit - 1) / unit * unit; }
