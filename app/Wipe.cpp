@@ -74,15 +74,6 @@ class FailedRanges {
   std::map<uint64_t, uint64_t> ranges_;
 };
 
-// Ctrl-C: what was written so far is flushed to the medium and the wipe ends with an error, so
-// that the partition table is left alone.
-void stopIfInterrupted(Corvo::Core::Progress& progress, BlockDevice& device) {
-  if (!Corvo::Core::interruptRequested()) return;
-  Error stop = progress.interruption("Wipe");
-  device.flush();
-  throw stop;
-}
-
 }  // namespace
 
 std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount, unsigned partitionNumber,
@@ -131,7 +122,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
       if (!verifyPass) std::memset(buffer.data(), mode == wmQuick ? 0x00 : pattern[pass % 3], buffer.size());
       for (const WipeExtent& e : ranges) {
         for (uint64_t done = 0; done < e.count;) {
-          stopIfInterrupted(progress, device);
+          Corvo::Disk::stopIfInterrupted(progress, device, "Wipe");
           uint64_t n = std::min(chunk, e.count - done);
           uint64_t first = e.first + done;
           try {

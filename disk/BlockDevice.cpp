@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string>
 
+#include "core/Interrupt.h"
+
 namespace Corvo::Disk {
 
 using Core::Error;
@@ -98,6 +100,13 @@ void RangeBlockDevice::doReadMedium(uint64_t first, uint64_t count, void* buffer
 }
 void RangeBlockDevice::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
   parent_.writeMedium(first_ + first, count, buffer);
+}
+
+void stopIfInterrupted(Core::Progress& progress, BlockDevice& device, const char* operation) {
+  if (!Core::interruptRequested()) return;
+  Core::Error stop = progress.interruption(operation);
+  device.flush();
+  throw stop;
 }
 
 }  // namespace Corvo::Disk

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/Error.h"
+#include "core/Message.h"
 
 namespace Corvo::Disk {
 
@@ -87,5 +88,10 @@ class RangeBlockDevice : public BlockDevice {
   BlockDevice& parent_;
   uint64_t first_, count_;
 };
+
+// Ctrl-C between the chunks of a long operation (a wipe, a format): when the user asked to
+// stop, flushes what was written and throws the progress display's interruption error naming
+// the operation ("Wipe", "Format"). Does nothing otherwise.
+void stopIfInterrupted(Core::Progress& progress, BlockDevice& device, const char* operation);
 
 }  // namespace Corvo::Disk

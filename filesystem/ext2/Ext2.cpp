@@ -345,6 +345,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
     const uint64_t descriptorsPerBlock = B / X::kGroupDescriptorSize;
     const uint32_t chunkBlocks = static_cast<uint32_t>(kWriteBufferBytes / B) - 1;
     for (uint32_t g = 0; g < L.groupCount; ++g) {
+      Disk::stopIfInterrupted(progress, device, "Format");  // the primary superblock is never written
       const uint32_t first = L.groupFirstBlock(g);
       if (L.hasSuperblockCopy(g)) {
         if (g > 0) fillSuperblock(out.put(first, 1), L, id, g);  // group 0's comes last
@@ -379,6 +380,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
     if (tailFirst < total && !allZero) device.writeZeros(tailFirst, total - tailFirst);
     // Everything the superblock points at is on the medium before the superblock itself.
     device.flush();
+    Disk::stopIfInterrupted(progress, device, "Format");
 
     std::vector<uint8_t> sb(X::kSuperblockSize);
     fillSuperblock(sb.data(), L, id, 0);

@@ -376,12 +376,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
 
   // Ctrl-C, checked between steps and between chunks of the data area: the boot sector, written
   // last, is not written, so no half-made filesystem is ever recognised.
-  auto stopIfInterrupted = [&] {
-    if (!Core::interruptRequested()) return;
-    Error stop = progress.interruption("Format");
-    device_.flush();
-    throw stop;
-  };
+  auto stopIfInterrupted = [&] { Disk::stopIfInterrupted(progress, device_, "Format"); };
 
   // Reserved area: it must be readable before anything is written.
   try {

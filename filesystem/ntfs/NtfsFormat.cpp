@@ -675,6 +675,7 @@ class Writer {
     const uint64_t sectors = (bytes + spc_ * kSector - 1) / (spc_ * kSector) * spc_;
     std::vector<uint8_t> buffer(std::min<uint64_t>(sectors, chunk_) * kSector);
     for (uint64_t done = 0; done < sectors;) {
+      Disk::stopIfInterrupted(progress_, device_, "Format");  // the boot sectors come last
       const uint64_t n = std::min<uint64_t>(chunk_, sectors - done);
       std::fill(buffer.begin(), buffer.end(), 0);
       fill(done * kSector, buffer.data(), static_cast<size_t>(n * kSector));
@@ -852,6 +853,7 @@ void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
     w.put(L.upCaseLcn, upCase);
     if (t.v3()) w.put(L.secureLcn, sds);
     device.flush();
+    Disk::stopIfInterrupted(progress, device, "Format");
     // The backup boot sector, then the primary one: only now is the volume there.
     device.write(sectors - 1, 1, boot.data());
     device.flush();

@@ -7,7 +7,10 @@
 
 #include "app/Wipe.h"
 #include "core/Interrupt.h"
+#include "filesystem/Recognition.h"
+#include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
+#include "filesystem/ntfs/Ntfs.h"
 #include "support/TestSupport.h"
 
 using namespace Corvo;
@@ -91,6 +94,41 @@ TEST(Interrupt, FormatStopsBeforeItsBootSector) {
           << "the boot sector was written";
       EXPECT_GE(dev.flushes, 1u);
     }
+  }
+  Core::clearInterrupt();
+}
+
+TEST(Interrupt, Ext2AndNtfsFormatsStopBeforeTheyAreRecognisable) {
+  const struct {
+    const char* name;
+    uint64_t afterWrites;
+    void (*format)(Disk::BlockDevice&);
+  } cases[] = {
+      {"ext2, first write", 1, [](Disk::BlockDevice& d) { Filesystem::formatExt2(d, {}); }},
+      {"ext2, tenth write", 10, [](Disk::BlockDevice& d) { Filesystem::formatExt2(d, {}); }},
+      {"NTFS, first write", 1, [](Disk::BlockDevice& d) { Filesystem::formatNtfs(d, {}); }},
+      {"NTFS, tenth write", 10, [](Disk::BlockDevice& d) { Filesystem::formatNtfs(d, {}); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Core::clearInterrupt();
+    CtrlCDevice dev(65536, c.afterWrites, 64);  // 32 MiB
+    ScopedCapture capture;
+    try {
+      c.format(dev);
+      ADD_FAILURE() << "the format ran to its end";
+    } catch (const Core::Error& e) {
+      EXPECT_EQ(e.id(), Core::ErrorId::Interrupted);
+      EXPECT_EQ(e.text().rfind("Format interrupted after ", 0), 0u) << e.text();
+    }
+    // ext2 finishes the block group it is writing; NTFS stops at the next transfer.
+    if (c.name[0] == 'N') {
+      EXPECT_EQ(dev.writesAfterRequest, 0u);
+    }
+    EXPECT_GE(dev.flushes, 1u);
+    std::vector<uint8_t> head((Filesystem::kContentBytes + 511) / 512 * 512);
+    dev.read(0, head.size() / 512, head.data());
+    EXPECT_EQ(Filesystem::detectContent(head.data(), head.size(), 0), unsigned{Filesystem::ccNothing});
   }
   Core::clearInterrupt();
 }
