@@ -10,6 +10,7 @@
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/access/FileIo.h"
+#include "disk/access/LinuxDisks.h"
 
 namespace Corvo::Disk::Vmdk {
 
@@ -145,6 +146,13 @@ class FlatVmdkAccess : public DiskDriveAccess {
   void flush() override {
     for (auto& p : pieces_)
       if (p.file) p.file->sync();
+  }
+  // An extent file attached to a loop device whose filesystems are mounted is as busy as the
+  // device itself.
+  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) override {
+    forEachPiece(firstBlock, blockCount, [&](Piece& p, uint64_t inPiece, uint64_t n) {
+      if (p.file) LinuxDisks::refuseIfImageBusy(p.file->path(), p.extent.offset + inPiece, n);
+    });
   }
   void requireWritable() const override {
     for (const auto& p : pieces_) {
@@ -291,6 +299,11 @@ class SparseVmdkAccess : public DiskDriveAccess {
 
   void flush() override { file_.sync(); }
   void requireWritable() const override { file_.requireWritable(); }
+  // Grains lie anywhere in the file: a loop device over any part of it that is in use makes
+  // the whole image busy.
+  void prepareForChange(uint64_t, uint64_t) override {
+    LinuxDisks::refuseIfImageBusy(file_.path(), 0, std::max<uint64_t>(fileSectors_, nextFree_));
+  }
 
  private:
   // A header may claim no more grain tables than a disk of the largest supported capacity

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Busy disks are never written: a filesystem mounted on the whole loop device, a mounted
 # partition that the new partition would cover, swap on the whole device, and the same disk
-# reached through its image file while the image is attached to a loop device. Every refusal
+# reached through its image file (raw, or the extent of a VMDK) while the image is attached to a
+# loop device. Every refusal
 # comes before the first write (the device and the image are unchanged).
 set -u
 KDISK=$1
@@ -36,12 +37,18 @@ busy() {
   [ "$(sha "$img")" = "$before" ] || fail "$what: the disk changed"
 }
 
+# The same image as the flat extent of a VMDK descriptor beside it.
+vmdk=$WORK/busy.vmdk
+printf '%s\n' '# Disk DescriptorFile' 'version=1' 'CID=fffffffe' 'parentCID=ffffffff' \
+  'createType="monolithicFlat"' 'RW 131072 FLAT "busy.img" 0' >"$vmdk"
+
 # A filesystem on the whole device, mounted read-only so that the kernel writes nothing either.
 mkfs.ext2 -q "$dev" || fail "mkfs.ext2 on $dev"
 if mount -o ro "$dev" "$mnt" 2>/dev/null; then
   while IFS='|' read -r target args; do
     t=$dev
     [ "$target" = image ] && t=$img
+    [ "$target" = vmdk ] && t=$vmdk
     # shellcheck disable=SC2086
     busy "whole-disk filesystem, $target: $args" "is in use (mounted on $mnt)" "$t" 1 $args
   done <<'T'
@@ -49,6 +56,7 @@ device|/CRE /EXT /END
 device|/CRE /PRI /SZ:10 /FOR /Q
 image|/CRE /EXT /END
 image|/CRE /PRI /SZ:10
+vmdk|/CRE /EXT /END
 T
   kd "$img" 1 /STATUS
   expect_rc 0 "a busy disk can still be listed"
