@@ -1,57 +1,79 @@
 #!/usr/bin/env bash
-# Quick ext2 format: Kdisk against mke2fs -t ext2 -F on the same sizes, one run side by side,
-# reported as time ratios (target: at most 1.0) with the peak memory of each. Sparse images of
-# 64 GiB and 2 TiB, and (as root, when a loop device is free) a 64 GiB loop device over a
-# sparse image. Not run by the test suite.
-#   bench/bench_ext2_format.sh path/to/kdisk [work-dir]
+# Quick ext2 format: Kdisk against mke2fs -t ext2 -F on the same partition, one run side by side,
+# reported as the median time ratio of several rounds (target: at most 1.0) with the peak memory
+# of each. Sparse images of 64 GiB and 2 TiB, and (as root, when a loop device is free) a 64 GiB
+# loop device over a sparse image. Every run gets a fresh image; the rounds alternate which tool
+# goes first. Not run by the test suite.
+#   bench/bench_ext2_format.sh path/to/kdisk [work-dir] [rounds]
 set -euo pipefail
-KDISK=${1:?usage: $0 path/to/kdisk [work-dir]}
+KDISK=${1:?usage: $0 path/to/kdisk [work-dir] [rounds]}
 WORK=$(mktemp -d "${2:-${TMPDIR:-/tmp}}/kdisk-bench-XXXXXX")
+ROUNDS=${3:-5}
 loop=""
 cleanup() { [ -z "$loop" ] || losetup -d "$loop"; rm -rf "$WORK"; }
 trap cleanup EXIT
-command -v mke2fs >/dev/null || { echo "mke2fs is not installed"; exit 1; }
+for tool in mke2fs sfdisk jq; do command -v $tool >/dev/null || { echo "$tool is not installed"; exit 1; }; done
 
-# measure OUTFILE COMMAND...: runs the command, leaves "seconds kilobytes" in OUTFILE.
+# measure OUTFILE COMMAND...: runs the command, appends "seconds kilobytes" to OUTFILE.
 measure() {
   local out=$1; shift
-  /usr/bin/time -f "%e %M" -o "$out" "$@" >/dev/null 2>&1
+  /usr/bin/time -f "%e %M" -a -o "$out" "$@" >/dev/null 2>&1
 }
 
-# fresh SIZE KIND: a new sparse image with an empty GPT; for KIND loop also a loop device over
-# it. Sets disk (what the tools are given) and img.
+# fresh SIZE KIND: a new sparse image with an empty GPT, written out before the timed run; for
+# KIND loop also a loop device over it. Sets disk (what the tools are given) and img.
 fresh() {
   [ -z "$loop" ] || { losetup -d "$loop"; loop=""; }
   img=$WORK/bench.img
   rm -f "$img"; truncate -s "$1" "$img"
   printf 'label: gpt\n' | sfdisk -q "$img" >/dev/null
   disk=$img
-  if [ "$2" = loop ]; then loop=$(losetup -f --show -P "$img"); disk=$loop; fi
+  if [ "$2" = loop ]; then loop=$(losetup -f --show -P "$img") || return 1; disk=$loop; fi
+  sync
 }
 
-# one NAME SIZE KIND: KIND image (a partition in an image file) or loop (a partition on a loop
-# device). Each tool formats the same partition (1 MiB in, to the end) on a fresh disk.
-one() {
-  local name=$1 size=$2 kind=$3 start count
-  fresh "$size" "$kind" || { echo "$name: skipped (no loop device)"; return; }
+run_kdisk() {
+  fresh "$1" "$2" || return 1
   measure "$WORK/kd" "$KDISK" /NOOSDISK "/ADDDISK=$disk" 1 /CRE /PRI /FOR /EXT2
   read -r start count < <(sfdisk -J "$img" | jq -r '.partitiontable.partitions[0] | "\(.start) \(.size)"')
-  fresh "$size" "$kind"
-  # sfdisk may fail to have the kernel re-read a loop device's table; partx adds the partition.
+}
+
+# mke2fs formats the partition Kdisk made (same start and size) on a fresh disk. Its size
+# argument is given in KiB: without a unit it would be read as 1 KiB blocks.
+run_mke2fs() {
+  fresh "$1" "$2"
   printf 'start=%s, size=%s, type=L\n' "$start" "$count" | sfdisk -q --append "$disk" >/dev/null 2>&1 || true
-  if [ "$kind" = loop ]; then
+  if [ "$2" = loop ]; then
+    # sfdisk may fail to have the kernel re-read a loop device's table; partx adds the partition.
     [ -b "${loop}p1" ] || partx -a "$loop" 2>/dev/null || true
     measure "$WORK/mk" mke2fs -q -t ext2 -F "${loop}p1"
   else
-    measure "$WORK/mk" mke2fs -q -t ext2 -F -E offset=$((start * 512)) "$img" $((count / 8))
+    measure "$WORK/mk" mke2fs -q -t ext2 -F -E offset=$((start * 512)) "$img" "$((count / 2))k"
   fi
-  read -r kt km <"$WORK/kd"
-  read -r mt mm <"$WORK/mk"
-  awk -v n="$name" -v kt="$kt" -v mt="$mt" -v km="$km" -v mm="$mm" 'BEGIN {
-    printf "%-22s kdisk %7.2f s %7d KiB   mke2fs %7.2f s %7d KiB   time ratio %.2f\n",
-           n, kt, km, mt, mm, (mt > 0 ? kt / mt : 0) }'
 }
 
+# one NAME SIZE KIND: KIND image (a partition in an image file) or loop (a partition on a loop
+# device), ROUNDS rounds, odd rounds Kdisk first, even rounds mke2fs first.
+one() {
+  local name=$1 size=$2 kind=$3 round
+  rm -f "$WORK/kd" "$WORK/mk"
+  run_kdisk "$size" "$kind" || { echo "$name: skipped (no free loop device)"; return; }
+  rm -f "$WORK/kd"  # the first run only learns the partition's place
+  for ((round = 1; round <= ROUNDS; round++)); do
+    if ((round % 2)); then run_kdisk "$size" "$kind"; run_mke2fs "$size" "$kind"
+    else run_mke2fs "$size" "$kind"; run_kdisk "$size" "$kind"; fi
+  done
+  paste -d' ' "$WORK/kd" "$WORK/mk" | awk -v n="$name" '
+    { kt[NR] = $1; km = $2 > km ? $2 : km; mt[NR] = $3; mm = $4 > mm ? $4 : mm; r[NR] = ($3 > 0 ? $1 / $3 : 0)
+      runs = runs sprintf(" %.2f/%.2f", $1, $3) }
+    function median(a, n,   i, j, t) {
+      for (i = 1; i <= n; i++) for (j = i + 1; j <= n; j++) if (a[j] < a[i]) { t = a[i]; a[i] = a[j]; a[j] = t }
+      return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2 }
+    END { printf "%-20s kdisk %6.2f s %6d KiB  mke2fs %6.2f s %6d KiB  median time ratio %.2f  (kdisk/mke2fs s:%s)\n",
+                 n, median(kt, NR), km, median(mt, NR), mm, median(r, NR), runs }'
+}
+
+echo "load: $(cut -d' ' -f1-3 /proc/loadavg), $ROUNDS rounds"
 one "64 GiB sparse image" 64G image
 one "2 TiB sparse image" 2T image
 if [ "$(id -u)" -eq 0 ] && command -v losetup >/dev/null; then
@@ -59,3 +81,4 @@ if [ "$(id -u)" -eq 0 ] && command -v losetup >/dev/null; then
 else
   echo "64 GiB loop device: skipped (needs root and losetup)"
 fi
+echo "load: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -37,8 +37,16 @@ bool isPowerOf(uint32_t n, uint32_t base) {
   return n == 1;
 }
 
+// Whole bytes at a time: the padding of an inode bitmap alone is tens of thousands of bits in
+// every group.
 void setBits(uint8_t* bitmap, uint32_t from, uint32_t to) {
-  for (uint32_t i = from; i < to; ++i) bitmap[i / 8] = static_cast<uint8_t>(bitmap[i / 8] | (1u << (i % 8)));
+  for (; from < to && from % 8; ++from) bitmap[from / 8] = static_cast<uint8_t>(bitmap[from / 8] | (1u << (from % 8)));
+  const uint32_t wholeEnd = to / 8 * 8;
+  if (from < wholeEnd) {
+    std::memset(bitmap + from / 8, 0xFF, (wholeEnd - from) / 8);
+    from = wholeEnd;
+  }
+  for (; from < to; ++from) bitmap[from / 8] = static_cast<uint8_t>(bitmap[from / 8] | (1u << (from % 8)));
 }
 
 void putBytes(uint8_t* base, X::Bytes field, const uint8_t* data, size_t size) {

@@ -92,6 +92,10 @@ TEST(Ext2Format, LayoutsAtTheBoundariesAreCleanForE2fsck) {
       {"512 MiB", 512 * kMiB, 4096, 256, 4, 0},
       {"four groups and 300 blocks", (4 * 32768 + 300) * 8, 4096, 256, 4, 300},
       {"four groups and 1000 blocks", (4 * 32768 + 1000) * 8 + 7, 4096, 256, 5, 0},
+      // Bitmap runs that neither start nor end on a byte: the used blocks and the padding past a
+      // short last group.
+      {"two groups and 701 blocks", (twoGroups + 701) * 2, 1024, 256, 3, 0},
+      {"four groups and 1003 blocks", (4 * 32768 + 1003) * 8, 4096, 256, 5, 0},
   };
   TempDir dir;
   for (const Case& c : cases) {
