@@ -26,6 +26,10 @@ arc=$(sfdisk -J "$img" | jq -r '[.partitiontable.partitions[] | {n: (.node | cap
   | ([.[] | select(.n > 4)] | map(.n)) as $l | "\($p | index(3) + 1) \($l | index(5) + 1 + ($p | length))"')
 [ "$arc" = "2 3" ] || { echo "unexpected test image layout (ARC numbers $arc): $(parts "$img")"; exit 1; }
 image_sum=$(sha "$img")
+# Disk 2, for the refusals: a GPT disk.
+gpt=$WORK/gpt.img
+truncate -s 4M "$gpt"
+printf 'label: gpt\n,1M\n' | sfdisk -q "$gpt" >/dev/null 2>&1 || { echo "sfdisk cannot make a GPT image"; exit 1; }
 
 # edit INPUT EXPECTED ARGS...: runs /BOOTINI on a copy of INPUT; boot.ini must then equal
 # EXPECTED and boot.ini.bak the input.
@@ -57,6 +61,20 @@ edit comments.ini comments.remove1.expected /REMOVE /ENTRY:1
 edit lf.ini lf.add.expected /ADD /D:1 /P:3 "/DESC:Logical NT" /WINNT
 edit lf.ini lf.remove2.expected /REMOVE /ENTRY:2
 
+# Other ways to name the disk, the folder and the boot-sector file: the new last line.
+while IFS='|' read -r line args; do
+  dir=$(mktemp -d "$WORK/add-XXXX"); mkdir "$dir/sub"; cp "$golden/xp.ini" "$dir/boot.ini"
+  # shellcheck disable=SC2086
+  kd "$img" /BOOTINI /ADD "/INIFILE:$dir/boot.ini" /DESC:New ${args//@/$dir}
+  expect_rc 0 "$args"
+  [ "$(tail -n 1 "$dir/boot.ini")" = "$line"$'\r' ] || fail "$args: last line $(tail -n 1 "$dir/boot.ini")"
+done <<'T'
+multi(0)disk(0)rdisk(0)partition(4)\w\x="New"|/D:1 /P:4 /WINNT /SYSFOLDER:w/x
+multi(0)disk(0)rdisk(0)partition(1)\WINNT="New"|1 /P:1 /WINNT
+C:\sub\three.dat="New"|/D:1 /P:3 /BSECTFILE:@/sub/three.dat
+T
+extract "$img" "$start" 1 | cmp -s - "$dir/sub/three.dat" || fail "/BSECTFILE: not the first sector of partition 3"
+
 # The listing numbers the entries and marks the default; it writes nothing.
 dir=$WORK/list; mkdir "$dir"; cp "$golden/several.ini" "$dir/boot.ini"
 for args in "/BOOTINI" "/BOOTINI /DEFAULT"; do
@@ -82,7 +100,8 @@ refusals() {
 1|~there is no boot entry 6 (the file has 5)|several.ini|/REMOVE|/ENTRY:6
 1|~entry 1 is the only boot entry|xp.ini|/REMOVE|/ENTRY:1
 1|~entry 1 already starts multi(0)disk(0)rdisk(0)partition(1)\WINDOWS|xp.ini|/ADD|/D:1|/P:1|/WINNT|/SYSFOLDER:WINDOWS|/DESC:Microsoft Windows XP Professional
-1|No such fixed disk -- 2|xp.ini|/ADD|/D:2|/P:1|/WINNT|/DESC:x
+1|No such fixed disk -- 3|xp.ini|/ADD|/D:3|/P:1|/WINNT|/DESC:x
+1|Fixed disk 2 is a GPT disk -- the boot loader cannot start Windows from it|xp.ini|/ADD|/D:2|/P:1|/WINNT|/DESC:x
 1|Invalid partition number -- 9|xp.ini|/ADD|/D:1|/P:9|/WINNT|/DESC:x
 1|Partition 2 is an extended partition and cannot be started from the boot menu|xp.ini|/ADD|/D:1|/P:2|/DESC:x
 2|Conflicting switches. Specify one of /ADD, /REMOVE or /DEFAULT|xp.ini|/ADD|/REMOVE|/ENTRY:1
@@ -94,6 +113,14 @@ refusals() {
 2|Invalid description -- a"b|xp.ini|/ADD|/D:1|/P:1|/DESC:a"b
 2|Unknown switch -- /TIMEOUT|xp.ini|/REMOVE|/ENTRY:1|/TIMEOUT:3
 2|Too many parameters -- 2|xp.ini|1|2|/DEFAULT
+2|~Conflicting disk parameters|xp.ini|1|/ADD|/D:2|/P:1|/WINNT|/DESC:x
+2|Invalid fixed disk number -- 0|xp.ini|/ADD|/D:0|/P:1|/WINNT|/DESC:x
+2|Invalid partition number -- 1x|xp.ini|/ADD|/D:1|/P:1x|/WINNT|/DESC:x
+2|Conflicting values for switch -- /DESC:a /DESC:b|xp.ini|/ADD|/D:1|/P:1|/WINNT|/DESC:a|/DESC:b
+2|Unknown switch -- /ENTRY|xp.ini|/ADD|/D:1|/P:1|/WINNT|/DESC:x|/ENTRY:1
+2|Conflicting switches. /SYSFOLDER may only be used in conjunction with /WINNT|xp.ini|/ADD|/D:1|/P:1|/SYSFOLDER:X|/DESC:x
+2|Conflicting switches. /BSECTFILE may not be used in conjunction with /WINNT|xp.ini|/ADD|/D:1|/P:1|/WINNT|/BSECTFILE:x|/DESC:x
+2|~must lie in the folder of|xp.ini|/ADD|/D:1|/P:1|/BSECTFILE:/elsewhere/x.dat|/DESC:x
 1|~no [boot loader] section|noloader.ini|/DEFAULT|/TIMEOUT:3
 1|~no [operating systems] section|nosystems.ini|/REMOVE|/ENTRY:1
 1|~line 10 cannot be read (no '=' between path and description): garbage line|garbage.ini|/DEFAULT|/ENTRY:1
@@ -110,7 +137,7 @@ while IFS='|' read -r -a f; do
   mkdir "$dir"
   cp "$src" "$dir/boot.ini"
   cp "$WORK/previous.bak" "$dir/boot.ini.bak"
-  kd "$img" /BOOTINI "/INIFILE:$dir/boot.ini" "${f[@]:3}"
+  kd "$img" "$gpt" -- /BOOTINI "/INIFILE:$dir/boot.ini" "${f[@]:3}"
   what="$input ${f[*]:3}"
   expect_rc "$code" "$what"
   case "$msg" in "~"*) expect_text "${msg#\~}" "$what" ;; *) expect_line "$msg" "$what" ;; esac

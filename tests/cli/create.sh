@@ -30,8 +30,6 @@ refuse "$blank" <<'T'
 2|Invalid NTFS alignment type specified.|1 /CRE /PRI /ALIGN:2MB
 2|Conflicting switches. /EXT2 may only be used in conjunction with /FOR|1 /CRE /PRI /EXT2
 2|Conflicting switches. /V may only be used in conjunction with /FOR|1 /CRE /PRI /V:DATA
-2|Invalid volume label -- maximum of 11 characters|1 /CRE /PRI /FOR /V:ABCDEFGHIJKL
-2|Invalid volume label -- may not contain lower-case letters|1 /CRE /PRI /FOR /V:data
 2||1 /CRE /EXT /LETTER:E
 2||1 /CRE /PRI /LETTER:EF
 2||1 /CRE /PRI /LETTER:5

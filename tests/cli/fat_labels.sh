@@ -25,13 +25,17 @@ lower='Invalid volume label -- may not contain lower-case letters'
 refuse 'Invalid volume label -- maximum of 11 characters' ABCDEFGHIJKL
 refuse 'Invalid volume label -- maximum of 11 characters' abcdefghijkl /Q
 refuse 'Invalid volume label -- may not start with whitespace' ' DATA'
+refuse 'Invalid volume label -- may not start with whitespace' $'\tDATA'
 refuse "$lower" data
 refuse "$lower" DATa /Q
 refuse "$lower" 'a*'
 refuse "$chars" 'A*B'
 refuse "$chars" 'A"B'
 refuse "$chars" 'A.B' /Q
+refuse "$chars" '[X]'
+refuse "$chars" '*a'  # the leftmost offending character decides
 refuse 'Invalid volume label -- may not contain unprintable characters' $'A\001B'
+refuse 'Invalid volume label -- may not contain unprintable characters' $'A\351'
 
 # fat_check N LABEL: partition N passes fsck.fat, carries LABEL (mtools; "" for none) and the
 # partition's start as hidden sectors, and mtools writes a file there and reads it back.

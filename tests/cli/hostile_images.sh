@@ -45,6 +45,8 @@ flat_with_extent() {  # $1 descriptor, $2 the extent name as written
     "$2" >"$1"
 }
 
+qcreate() { qemu-img create -q -f vmdk -o "subformat=$1" "$2" 1M; }  # SUBFORMAT IMAGE
+
 # make CASE DIR: builds the hostile image of CASE in DIR (its own folder inside a folder that
 # holds a 4 MiB target file, so that "../target.img" exists); prints the image's path.
 make_case() {
@@ -67,6 +69,13 @@ make_case() {
     huge_directory)  # 2^28 grain tables claimed (capacity 2^37 sectors, grains of one sector)
       sparse_patched "$img" "put(12, '<Q', 1 << 37); put(20, '<Q', 1)" ;;
     fifo_image) img=$d/img/disk.img && mkfifo "$img" ;;
+    flat_type) qcreate monolithicFlat "$img" && sed -i s/monolithicFlat/twoGbMaxExtentFlat/ "$img" ;;
+    flat_gone) qcreate monolithicFlat "$img" && rm "$d/img/disk-flat.vmdk" ;;
+    flat_short) qcreate monolithicFlat "$img" && truncate -s 4096 "$d/img/disk-flat.vmdk" ;;
+    stream) qcreate streamOptimized "$img" ;;
+    magic) sparse_patched "$img" "b[0:4] = b'XDMV'" ;;
+    compressed) sparse_patched "$img" "b[10] = 1" ;;
+    gd_far) sparse_patched "$img" "put(56, '<I', 0xffff)" ;;
     chardev_image) img=$d/img/disk.img && ln -s /dev/zero "$img" ;;
   esac
   printf '%s\n' "$img"
@@ -108,6 +117,13 @@ gte_far|grain table 0 entry 3 points beyond the end of the file
 gd_descriptor|overlaps
 huge_directory|the header claims 268435456 grain tables
 fifo_image|it is a FIFO, not a regular file or a block device
+flat_type|createType "twoGbMaxExtentFlat" is not supported
+flat_gone|disk-flat.vmdk is missing
+flat_short|shorter than the descriptor says
+stream|not supported
+magic|bad magic number
+compressed|compressed grains are not supported
+gd_far|grain directory lies outside the file
 chardev_image|it is a character device, not a regular file or a block device
 EOT
 

@@ -140,15 +140,3 @@ TEST(Interrupt, SignalsBecomeRequestsWhileHeldOrInterruptible) {
   clearInterrupt();
 }
 #endif
-
-TEST(Interrupt, RequestIsStickyUntilCleared) {
-  clearInterrupt();
-  EXPECT_FALSE(interruptRequested());
-  {
-    InterruptHold hold;
-    requestInterrupt();
-  }
-  EXPECT_TRUE(interruptRequested());
-  clearInterrupt();
-  EXPECT_FALSE(interruptRequested());
-}

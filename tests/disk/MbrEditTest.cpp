@@ -376,31 +376,16 @@ TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
   EXPECT_EQ(mem->writeCount, 0u);
 }
 
-TEST(MbrMemoryTest, LongAndOverflowingChainsAreBounded) {
-  // 1100 records, each linking to the next (the last to an empty sector): the whole chain is
-  // read, however long.
-  const uint64_t S = 2048, n = 1100;
-  auto access = std::make_unique<MemoryDiskAccess>(S + 4 * n + 64);
+// Entries whose start plus count passes 2^32 (and the disk) are kept as they are, and a new
+// partition still fits below them. (Long chains: damaged_tables.sh.)
+TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
+  auto access = std::make_unique<MemoryDiskAccess>(8192);
   MemoryDiskAccess* mem = access.get();
-  BiosBootRecord mbr;
-  mbr.setSlot(0, S, 4 * n + 8, 0x05, 255, 63);
-  std::copy_n(mbr.data(), 512, mem->data.data());
-  for (uint64_t i = 0; i < n; ++i) {
-    BiosBootRecord ebr;
-    ebr.setSlot(0, 1, 3, 0x83, 255, 63, S + 4 * i);
-    ebr.setSlot(1, 4 * (i + 1), 4, 0x05, 255, 63, S);
-    std::copy_n(ebr.data(), 512, mem->data.data() + (S + 4 * i) * 512);
-  }
   DiskDrive drive(0, std::move(access));
-  auto disk = PartitionedDisk::load(drive);
-  EXPECT_EQ(disk->displayList().size(), 1 + n);
-  ASSERT_EQ(disk->facts().problems.size(), 1u);
-  EXPECT_NE(disk->facts().problems[0].find("no 0xAA55 signature"), std::string::npos);
-  // Entries whose start plus count passes 2^32 (and the disk) are kept as they are.
   BiosBootRecord big;
   big.setSlot(0, 0xFFFFFFF0u, 0xFFFFFFF0u, 0x83, 255, 63);
   std::copy_n(big.data(), 512, mem->data.data());
-  disk->reload();
+  auto disk = PartitionedDisk::load(drive);
   ASSERT_EQ(disk->displayList().size(), 1u);
   EXPECT_EQ(disk->displayList()[0]->lastBlock(), 0xFFFFFFF0ull + 0xFFFFFFF0ull - 1);
   CreationRequest r;
