@@ -5,9 +5,9 @@
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
 #include "app/Status.h"
-#include "app/Wipe.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "disk/Wipe.h"
 
 namespace Kdisk {
 
@@ -15,6 +15,11 @@ using namespace Corvo::Core;
 using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
+using Corvo::Disk::WipeExtent;
+using Corvo::Disk::wmCustom;
+using Corvo::Disk::wmDod;
+using Corvo::Disk::wmNone;
+using Corvo::Disk::wmQuick;
 
 namespace {
 

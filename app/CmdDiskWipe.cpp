@@ -6,15 +6,19 @@
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
 #include "app/Status.h"
-#include "app/Wipe.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "disk/Wipe.h"
 #include "disk/layout/WipedDisk.h"
 
 namespace Kdisk {
 
 using namespace Corvo::Core;
 using Corvo::Disk::PartitionNode;
+using Corvo::Disk::WipeExtent;
+using Corvo::Disk::wmCustom;
+using Corvo::Disk::wmDod;
+using Corvo::Disk::wmQuick;
 
 namespace {
 
