@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/Config.h"
+#include "core/Message.h"
 #include "core/Trace.h"
 
 namespace Corvo::Disk {
@@ -136,6 +137,14 @@ void DiskDrive::setNativePartitionLayout(const OsLayout& layout) {
   Core::TraceScope scope("setNativePartitionLayout");
   if (Core::Config::getBool("Disk::noOsLayout", false) || !access_->supportsOsLayout()) return;
   access_->setNativePartitionLayout(layout);
+}
+
+void DiskDrive::assignDriveLetter(uint64_t firstBlock, char letter) {
+  if (!access_->mountsVolumes()) return;
+  if (Core::Config::getBool("Disk::noOsLayout", false))
+    throw Core::Error(Core::ErrorId::OsLayoutFailed,
+                      Core::format("Cannot assign drive letter %c: -- the system was not told of the new partition", letter));
+  access_->assignDriveLetter(firstBlock, letter);
 }
 
 DiskManager& DiskManager::instance() {

@@ -37,6 +37,10 @@ class DiskDrive : public BlockDevice {
   // Tells the OS the new layout unless "Disk::noOsLayout" is set or the backend has no OS
   // view. Throws Core::Error (OsLayoutFailed); the caller reports it as a warning.
   void setNativePartitionLayout(const OsLayout& layout);
+  // Mounts the volume of the partition at firstBlock at "X:\" where the backend has volumes;
+  // does nothing for images. Throws Core::Error (OsLayoutFailed), also when the system was
+  // not told the new layout ("Disk::noOsLayout").
+  void assignDriveLetter(uint64_t firstBlock, char letter);
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) { access_->prepareForChange(firstBlock, blockCount); }
   DiskDriveAccess& access() { return *access_; }
 
