@@ -1,6 +1,6 @@
 #include "app/BootCodeWrite.h"
 
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
 

@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <cctype>
 
+#include "app/CmdCreate.h"
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"

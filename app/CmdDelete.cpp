@@ -2,9 +2,10 @@
 // partition of a disk, optionally wiping the sectors first.
 #include <algorithm>
 
+#include "app/CmdDelete.h"
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/Wipe.h"

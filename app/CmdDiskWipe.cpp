@@ -5,7 +5,7 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/Wipe.h"

@@ -8,7 +8,7 @@
 
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "app/StatusJson.h"
 #include "core/Endian.h"
 #include "core/Message.h"

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "app/CmdCreate.h"
+#include "app/CmdDelete.h"
 #include "app/FakeDisks.h"
 #include "app/PartitionCommands.h"
 #include "disk/Wipe.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "app/FakeDisks.h"
-#include "app/PartitionCommands.h"
+#include "app/CmdDelete.h"
 #include "disk/Wipe.h"
 #include "support/TestSupport.h"
 
