@@ -96,18 +96,6 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   return true;
 }
 
-// Re-reads the table and prints the disk with the new partition marked.
-bool reloadAndShow(FixedDisk& disk, const PartitionMark& mark) {
-  try {
-    disk.layout->reload();
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return false;
-  }
-  printDiskStatus(disk, &mark);
-  return true;
-}
-
 // The last step of a creation: the drive letter, whose failure is only a warning.
 void giveDriveLetter(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
   if (!request.letter) return;
@@ -141,7 +129,7 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
                                        "Maximum space available for primary DOS partition is %.1fMB");
   if (!node) return false;
   PartitionMark mark = markOf(*node, "*CREATED*");
-  if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
+  if (!formatNewPartition(disk, mark, request) || !showChangedDisk(disk, {}, &mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;
 }
@@ -166,7 +154,7 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
   PartitionMark mark = markOf(*node, "*CREATED*");
   // The partition exists once the table is written: a failed re-read is reported, but the
   // creation itself stands.
-  reloadAndShow(disk, mark);
+  showChangedDisk(disk, {}, &mark);
   return true;
 }
 
@@ -189,7 +177,7 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
       "Maximum space available for logical DOS drive is %.1fMB");
   if (!node) return false;
   PartitionMark mark = markOf(*node, "*CREATED*");
-  if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
+  if (!formatNewPartition(disk, mark, request) || !showChangedDisk(disk, {}, &mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;
 }

@@ -37,12 +37,10 @@ std::vector<PartitionNode*> logicalDrives(const PartitionedDisk& disk) {
   return out;
 }
 
-// True when the node is active and no other primary, non-extended partition is.
-bool onlyActivePrimary(const PartitionedDisk& disk, const PartitionNode& node) {
-  if (!node.active) return false;
-  for (const auto& root : disk.roots())
-    if (root.get() != &node && root->active && !root->isExtendedType()) return false;
-  return true;
+// True when removing the node leaves no partition active: its own flag goes with it, whatever
+// its type, so only the other primaries count.
+bool removalLeavesNoneActive(const PartitionedDisk& disk, const PartitionNode& node) {
+  return node.active && !anotherActivePrimary(disk, node);
 }
 
 // Wipes the node (its logical drives' data areas left out when `keep` lists them).
@@ -76,15 +74,9 @@ bool removeNode(FixedDisk& disk, PartitionNode& node, const char* failText) {
     message(mkError, failText, e.text().c_str());
     return false;
   }
-  if (!layout.lastWarning().empty()) message(mkWarning, "%s", layout.lastWarning().c_str());
-  try {
-    layout.reload();
-  } catch (const Error& e) {
-    // The partition is gone from the table; only the display below is missing.
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return true;
-  }
-  printDiskStatus(disk, &mark);
+  // The partition is gone from the table: a table that cannot be read again costs only the
+  // display.
+  showChangedDisk(disk, layout.lastWarning(), &mark);
   return true;
 }
 
@@ -102,7 +94,7 @@ bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
       message(mkQuestionPrompted,
               "You are about to delete the primary DOS partition while an extended DOS partition exists. Continue?") != 1)
     return false;
-  const bool lastActive = bootDisk && onlyActivePrimary(layout, node);
+  const bool lastActive = bootDisk && removalLeavesNoneActive(layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe primary DOS partition -- %s")) return false;
   if (!removeNode(disk, node, "Cannot delete primary DOS partition -- %s")) return false;
   if (lastActive) reportNotStartable(disk);
@@ -134,7 +126,7 @@ bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
 
 bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
   const bool lastActive = disk.drive->isBootDisk() && node.role == PartitionRole::Primary &&
-                          onlyActivePrimary(*disk.layout, node);
+                          removalLeavesNoneActive(*disk.layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe Non-DOS partition -- %s")) return false;
   if (!removeNode(disk, node, "Cannot delete Non-DOS partition -- %s")) return false;
   if (lastActive) reportNotStartable(disk);
@@ -175,14 +167,7 @@ bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount) {
     message(mkError, "Cannot delete partition(s) -- %s", e.text().c_str());
     return false;
   }
-  if (!layout.lastWarning().empty()) message(mkWarning, "%s", layout.lastWarning().c_str());
-  try {
-    layout.reload();
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return true;
-  }
-  printDiskStatus(disk, nullptr);
+  showChangedDisk(disk, layout.lastWarning(), nullptr);
   return true;
 }
 

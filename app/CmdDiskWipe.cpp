@@ -65,15 +65,7 @@ bool wipeWholeDisk(FixedDisk& disk, int mode, unsigned customCount, bool keepUti
   }
   // The system is told whatever the disk holds now, a failed wipe included.
   const std::string warning = Corvo::Disk::reportWipedLayout(drive, kept);
-  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
-  try {
-    disk.layout = Corvo::Disk::PartitionedDisk::load(drive);
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return false;
-  }
-  if (ok) printDiskStatus(disk);
-  return ok;
+  return showChangedDisk(disk, warning, nullptr, Reread::Anew, ok) && ok;
 }
 
 }  // namespace

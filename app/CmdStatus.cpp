@@ -349,4 +349,20 @@ PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker,
   return m;
 }
 
+bool showChangedDisk(FixedDisk& disk, const std::string& warning, const PartitionMark* mark, Reread reread,
+                     bool show) {
+  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
+  try {
+    if (reread == Reread::Anew)
+      disk.layout = Corvo::Disk::PartitionedDisk::load(*disk.drive);
+    else
+      disk.layout->reload();
+  } catch (const Error& e) {
+    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
+    return false;
+  }
+  if (show) printDiskStatus(disk, mark);
+  return true;
+}
+
 }  // namespace Kdisk

@@ -15,6 +15,13 @@ namespace Kdisk {
 bool isDosType(uint8_t type);
 // A primary partition holding a DOS filesystem type (MBR) or a basic data entry (GPT).
 bool isPrimaryDos(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
+// True when a primary partition other than `node` is active. Extended types do not count:
+// the system never starts from them.
+bool anotherActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
+// True when the disk starts from `node` alone: an active primary, non-extended partition with
+// no other active. Clearing its flag or hiding it leaves the disk unstartable. (Removing any
+// active entry does too when no other primary is active: see anotherActivePrimary.)
+bool isOnlyActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
 // The DOS extended partition of an MBR disk (0x05 or 0x0F, or their hidden forms), or null.
 Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedDisk& disk);
 

@@ -42,13 +42,8 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   return std::max<uint32_t>(kDefaultTransferBlocks, access_->preferredTransferBlocks());
 }
 
-Error DiskDrive::sectorSizeError() const {
-  return Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-      .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
-}
-
 void DiskDrive::requireWritable() const {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   access_->requireWritable();
 }
 
@@ -85,7 +80,7 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
 }
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   counted([&] { access_->write(first, count, buffer); });
 }
 
@@ -94,7 +89,7 @@ void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
 }
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   counted([&] { access_->writeMedium(first, count, buffer); });
 }
 

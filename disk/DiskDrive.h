@@ -26,6 +26,8 @@ class DiskDrive : public BlockDevice {
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
   bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
+  // Throws UnsupportedSectorSize when the disk's sectors are not 512 bytes.
+  void requireSectorSize() const { Disk::requireSectorSize(geometry_.bytesPerSector); }
   // Throws what a write would throw on a disk that cannot be written at all: a sector size
   // other than 512 bytes, or a backend that could open the disk only for reading.
   void requireWritable() const override;
@@ -60,7 +62,6 @@ class DiskDrive : public BlockDevice {
   void doWriteMedium(uint64_t first, uint64_t count, const void* buffer) override;
 
  private:
-  Core::Error sectorSizeError() const;
   uint32_t id_;
   std::unique_ptr<DiskDriveAccess> access_;
   Geometry geometry_;

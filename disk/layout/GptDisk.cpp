@@ -144,7 +144,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   if (!stale.empty()) drive.flush();
 
   auto disk = std::make_unique<PartitionedDiskGpt>(drive);
-  disk->reportLayout();
+  disk->reportLayout(disk->osLayout());
   return disk;
 }
 
@@ -280,9 +280,7 @@ unsigned PartitionedDiskGpt::primarySlotsInUse() const {
 void PartitionedDiskGpt::requireWritable(const char* what) const {
   if (!valid_)
     throw Error(ErrorId::InvalidTable, format("Cannot %s: the GPT partition table of this disk is damaged", what));
-  if (!drive_.isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(drive_.geometry().bytesPerSector));
+  drive_.requireSectorSize();
   // Both entry arrays and the backup header must lie outside the usable area and on the disk,
   // or a rewrite would overwrite partition data.
   const uint64_t blocks = drive_.blockCount() / unit_;
@@ -302,6 +300,16 @@ int PartitionedDiskGpt::indexOf(const PartitionNode& node) const {
   for (size_t i = 0; i < roots_.size(); ++i)
     if (roots_[i].get() == &node) return static_cast<int>(i);
   return -1;
+}
+
+void PartitionedDiskGpt::commitTables(const GptTableCopy& before) {
+  try {
+    writeTables();
+  } catch (...) {
+    table_ = before;
+    load();  // the disk may hold either state now; show what it holds
+    throw;
+  }
 }
 
 void PartitionedDiskGpt::writeTables() {
@@ -367,28 +375,14 @@ void PartitionedDiskGpt::writeTables() {
   }
 }
 
-void PartitionedDiskGpt::reportLayout() {
+OsLayout PartitionedDiskGpt::osLayout() const {
   OsLayout layout;
   layout.style = OsLayout::Gpt;
   layout.diskGuid = primary_.diskGuid();
   layout.firstUsableBlock = primary_.firstUsableBlock() * unit_;
   layout.usableBlocks = (primary_.lastUsableBlock() + 1 - primary_.firstUsableBlock()) * unit_;
-  for (const auto& n : roots_) {
-    OsLayoutEntry e;
-    e.number = static_cast<uint32_t>(n->slot + 1);
-    e.firstBlock = n->firstBlock;
-    e.blockCount = n->blockCount;
-    e.typeGuid = n->typeGuid;
-    e.uniqueGuid = n->uniqueGuid;
-    e.attributes = n->attributes;
-    e.name = n->name;
-    layout.entries.push_back(std::move(e));
-  }
-  try {
-    drive_.setNativePartitionLayout(layout);
-  } catch (const Error& e) {
-    lastWarning_ = e.text();
-  }
+  for (const auto& n : roots_) layout.entries.push_back(osLayoutEntry(*n, static_cast<uint32_t>(n->slot + 1)));
+  return layout;
 }
 
 PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
@@ -481,19 +475,13 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   drive_.prepareForChange(start * unit_, size * unit_);
   const GptTableCopy before = table_;
   table_.setRecord(index, rec);
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();  // the disk may hold either state now; show what it holds
-    throw;
-  }
+  commitTables(before);
   auto node = makeNode(index);
   PartitionNode* result = node.get();
   auto pos =
       std::find_if(roots_.begin(), roots_.end(), [&](const auto& n) { return n->slot > static_cast<int>(index); });
   roots_.insert(pos, std::move(node));
-  reportLayout();
+  reportLayout(osLayout());
   return result;
 }
 
@@ -524,15 +512,9 @@ void PartitionedDiskGpt::remove(PartitionNode& node) {
 
   const GptTableCopy before = table_;
   table_.setRecord(static_cast<uint32_t>(node.slot), GptRecord());
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();
-    throw;
-  }
+  commitTables(before);
   roots_.erase(roots_.begin() + at);
-  reportLayout();
+  reportLayout(osLayout());
 }
 
 void PartitionedDiskGpt::removeAll() {
@@ -545,16 +527,10 @@ void PartitionedDiskGpt::removeAll() {
 
   const GptTableCopy before = table_;
   std::fill(table_.entries.begin(), table_.entries.end(), uint8_t{0});
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();
-    throw;
-  }
+  commitTables(before);
   roots_.clear();
   facts_.nonZeroUnusedEntry = false;
-  reportLayout();
+  reportLayout(osLayout());
 }
 
 }  // namespace Corvo::Disk

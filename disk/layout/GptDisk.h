@@ -59,7 +59,11 @@ class PartitionedDiskGpt : public PartitionedDisk {
   int indexOf(const PartitionNode& node) const;
   // Writes both copies of the table (backup first) and repairs the protective MBR.
   void writeTables();
-  void reportLayout();
+  // Writes the changed table_; when that fails, table_ goes back to `before` and the tables
+  // are read again from the disk (which may hold either state), and the error is thrown on.
+  void commitTables(const GptTableCopy& before);
+  // The tables as the system is told them.
+  OsLayout osLayout() const;
 
   std::vector<std::unique_ptr<PartitionNode>> roots_;
   TableFacts facts_;
