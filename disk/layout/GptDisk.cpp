@@ -385,6 +385,63 @@ OsLayout PartitionedDiskGpt::osLayout() const {
   return layout;
 }
 
+namespace {
+
+// Free space between the used entries within the usable area, each gap cut to 1 MiB bounds.
+struct Gap {
+  uint64_t start, end;  // aligned, end exclusive
+  uint64_t size() const { return end - start; }
+};
+
+std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, uint64_t lastUsable) {
+  std::vector<std::pair<uint64_t, uint64_t>> used;
+  for (uint32_t i = 0; i < table.header.entryCount(); ++i) {
+    GptRecord r = table.record(i);
+    if (r.isUsed() && r.lastBlock() >= r.firstBlock()) used.emplace_back(r.firstBlock(), r.lastBlock());
+  }
+  std::sort(used.begin(), used.end());
+  std::vector<Gap> gaps;
+  uint64_t cursor = firstUsable;
+  auto addGap = [&](uint64_t from, uint64_t toInclusive) {
+    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
+    if (e > s) gaps.push_back({s, e});
+  };
+  for (const auto& [a, b] : used) {
+    if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
+    cursor = std::max(cursor, b == kNoEnd ? b : b + 1);
+  }
+  if (cursor <= lastUsable) addGap(cursor, lastUsable);
+  return gaps;
+}
+
+// Where the request goes: the largest gap (the last of equal ones with placeAtEnd), or the
+// first gap that holds the size in whole MiB, rounded up or, when only that fits, down (the
+// end of the last such gap with placeAtEnd). An empty gap when it fits nowhere.
+Gap placeInGaps(const std::vector<Gap>& gaps, const CreationRequest& request) {
+  uint64_t largest = 0;
+  for (const Gap& g : gaps) largest = std::max(largest, g.size());
+  Gap placed{0, 0};
+  if (request.sizeBlocks == CreationRequest::kLargest) {
+    for (const Gap& g : gaps)
+      if (g.size() == largest && (placed.size() == 0 || request.placeAtEnd)) placed = {g.start, g.start + largest};
+    return placed;
+  }
+  for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
+    if (want == 0 || placed.size()) continue;
+    for (const Gap& g : gaps) {
+      if (g.size() < want) continue;
+      if (!request.placeAtEnd) {
+        placed = {g.start, g.start + want};
+        break;
+      }
+      placed = {g.end - want, g.end};
+    }
+  }
+  return placed;
+}
+
+}  // namespace
+
 PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   Core::TraceScope scope("createPartitionInSlot");
   lastWarning_.clear();
@@ -399,60 +456,17 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   if (index == count)
     throw Error(ErrorId::NoSpace, format("All %u entries of the GPT partition table are in use", count));
 
-  // Free space between the used entries within the usable area, each gap cut to 1 MiB bounds.
-  struct Gap {
-    uint64_t start, end;  // aligned, end exclusive
-  };
-  std::vector<std::pair<uint64_t, uint64_t>> used;
-  for (uint32_t i = 0; i < count; ++i) {
-    GptRecord r = table_.record(i);
-    if (r.isUsed() && r.lastBlock() >= r.firstBlock()) used.emplace_back(r.firstBlock(), r.lastBlock());
-  }
-  std::sort(used.begin(), used.end());
-  std::vector<Gap> gaps;
-  const uint64_t firstUsable = primary_.firstUsableBlock(), lastUsable = primary_.lastUsableBlock();
-  uint64_t cursor = firstUsable;
-  auto addGap = [&](uint64_t from, uint64_t toInclusive) {
-    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
-    if (e > s) gaps.push_back({s, e});
-  };
-  for (const auto& [a, b] : used) {
-    if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
-    cursor = std::max(cursor, b == kNoEnd ? b : b + 1);
-  }
-  if (cursor <= lastUsable) addGap(cursor, lastUsable);
-
-  uint64_t largest = 0;
-  for (const Gap& g : gaps) largest = std::max(largest, g.end - g.start);
-
-  uint64_t start = 0, size = 0;
-  if (request.sizeBlocks == CreationRequest::kLargest) {
-    for (const Gap& g : gaps)
-      if (g.end - g.start == largest && (size == 0 || request.placeAtEnd)) {
-        start = g.start;
-        size = largest;
-      }
-  } else {
-    // Sizes become whole MiB: rounded up, or down when only that fits.
-    for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
-      if (want == 0 || size) continue;
-      for (const Gap& g : gaps) {
-        if (g.end - g.start < want) continue;
-        if (!request.placeAtEnd) {
-          start = g.start;
-          size = want;
-          break;
-        }
-        start = g.end - want;
-        size = want;
-      }
-    }
-  }
-  if (size == 0) {
-    request.largestAvailable = largest;
+  const std::vector<Gap> gaps = alignedGaps(table_, primary_.firstUsableBlock(), primary_.lastUsableBlock());
+  const Gap placed = placeInGaps(gaps, request);
+  if (placed.size() == 0) {
+    request.largestAvailable = 0;
+    for (const Gap& g : gaps) request.largestAvailable = std::max(request.largestAvailable, g.size());
     return nullptr;
   }
+  return addEntry(index, placed.start, placed.size(), request.formatKind == 4);
+}
 
+PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData) {
   GuidBytes unique;
   auto clash = [&](const GuidBytes& g) {
     if (g == primary_.diskGuid()) return true;
@@ -463,7 +477,6 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   do unique = randomGuid();
   while (clash(unique));
 
-  const bool linuxData = request.formatKind == 4;
   GptRecord rec;
   rec.setTypeGuid(linuxData ? gptTypeLinuxData() : gptTypeMicrosoftBasicData());
   rec.setUniqueGuid(unique);
