@@ -7,7 +7,6 @@
 #include "app/CmdCreate.h"
 #include "app/CmdDelete.h"
 #include "app/FakeDisks.h"
-#include "app/PartitionCommands.h"
 #include "disk/Wipe.h"
 #include "support/TestSupport.h"
 
