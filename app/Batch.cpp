@@ -62,6 +62,26 @@ int runCounted(SwitchSet& set) {
   return result;
 }
 
+// One level of batch nesting for as long as it lives: the depth one deeper and the echo mode
+// of the nested lines, both as they were again when it ends, by return or by exception.
+class NestedBatch {
+ public:
+  NestedBatch(BatchState& state, uint32_t echo) : state_(state), savedEcho_(state.echo) {
+    state_.echo = echo;
+    ++state_.depth;
+  }
+  ~NestedBatch() {
+    --state_.depth;
+    state_.echo = savedEcho_;
+  }
+  NestedBatch(const NestedBatch&) = delete;
+  NestedBatch& operator=(const NestedBatch&) = delete;
+
+ private:
+  BatchState& state_;
+  uint32_t savedEcho_;
+};
+
 }  // namespace
 
 BatchState& batchState() {
@@ -120,21 +140,14 @@ int runCommandLine(SwitchSet& set) {
   bool hasFile = false;
   batchArg.isPresent(swBATCH, &fileName, &hasFile);
 
-  uint32_t savedEcho = st.echo;
-  int result;
+  const uint32_t savedEcho = st.echo;
   if (hasFile) {
-    uint32_t savedCount = st.successCount;
-    st.echo = 0;
-    ++st.depth;
-    try {
+    const uint32_t savedCount = st.successCount;
+    int result;
+    {
+      NestedBatch nested(st, 0);
       result = runBatchFile(fileName, set, batchIndex);
-    } catch (...) {
-      --st.depth;
-      st.echo = savedEcho;
-      throw;
     }
-    --st.depth;
-    st.echo = savedEcho;
     if (result == 0 && savedEcho != 0) {
       uint32_t done = st.successCount - savedCount;
       message(mkInformation, "%d batch command%s completed successfully", static_cast<int>(done),
@@ -142,18 +155,8 @@ int runCommandLine(SwitchSet& set) {
     }
     return result;
   }
-  st.echo = 1;
-  ++st.depth;
-  try {
-    result = runInteractiveBatch(set, batchIndex);
-  } catch (...) {
-    --st.depth;
-    st.echo = savedEcho;
-    throw;
-  }
-  --st.depth;
-  st.echo = savedEcho;
-  return result;
+  NestedBatch nested(st, 1);
+  return runInteractiveBatch(set, batchIndex);
 }
 
 int runBatchFile(const std::string& fileName, const SwitchSet& outer, size_t batchIndex) {

@@ -12,7 +12,7 @@ inline constexpr uint32_t kMaxBatchDepth = 16;
 inline constexpr size_t kMaxBatchLine = 255;  // characters of text in one batch line
 
 // Runs a command line: handles /BATCH, otherwise runs the single command. Returns the exit
-// code; raised exit codes (thrown ints) pass through.
+// code; a raised ExitCode passes through.
 int runCommandLine(SwitchSet& set);
 
 int runBatchFile(const std::string& fileName, const SwitchSet& outer, size_t batchIndex);

@@ -1,6 +1,6 @@
 #include "app/BootCodeWrite.h"
 
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
 
@@ -28,14 +28,8 @@ int writeBootCodeToDisk(FixedDisk& disk, const std::vector<uint8_t>& code, Corvo
   }
   if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
   message(mkInformation, "The master boot record of fixed disk %u has been reinitialised", disk.index + 1);
-  try {
-    disk.layout = Corvo::Disk::PartitionedDisk::load(*disk.drive);
-  } catch (const Error& e) {
-    // The record is written; only the display below is missing.
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return 0;
-  }
-  printDiskStatus(disk);
+  // The record is written: a table that cannot be read again costs only the display.
+  showChangedDisk(disk, {}, nullptr, Reread::Anew);
   return 0;
 }
 

@@ -5,7 +5,7 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/layout/PartitionTypes.h"
@@ -27,15 +27,6 @@ namespace {
 
 uint8_t hiddenType(uint8_t type) { return Corvo::Disk::hiddenFormOfType(type); }
 uint8_t visibleType(uint8_t type) { return Corvo::Disk::visibleFormOfType(type); }
-
-// True when node is active and no other primary, non-extended partition is.
-bool isOnlyActivePrimary(const PartitionedDisk& layout, const PartitionNode& node) {
-  if (!node.active || node.role != PartitionRole::Primary || node.isExtendedType()) return false;
-  for (const auto& root : layout.roots())
-    if (root.get() != &node && root->active && root->role == PartitionRole::Primary && !root->isExtendedType())
-      return false;
-  return true;
-}
 
 struct Target {
   FixedDisk* disk = nullptr;
@@ -75,17 +66,8 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
 }
 
 // Reads the tables again after a change and prints the disk with the partition marked.
-int reloadAndShow(FixedDisk& disk, PartitionMark mark) {
-  const std::string warning = disk.layout->lastWarning();
-  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
-  try {
-    disk.layout->reload();
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return 1;
-  }
-  printDiskStatus(disk, &mark);
-  return 0;
+int reloadAndShow(FixedDisk& disk, const PartitionMark& mark) {
+  return showChangedDisk(disk, disk.layout->lastWarning(), &mark) ? 0 : 1;
 }
 
 }  // namespace

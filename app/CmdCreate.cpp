@@ -3,20 +3,16 @@
 #include <algorithm>
 #include <cctype>
 
+#include "app/CmdCreate.h"
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
-
-#if defined(_WIN32)
-#include <windows.h>
-#include <winioctl.h>
-#endif
 
 namespace Kdisk {
 
@@ -100,76 +96,14 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   return true;
 }
 
-// Re-reads the table and prints the disk with the new partition marked.
-bool reloadAndShow(FixedDisk& disk, const PartitionMark& mark) {
-  try {
-    disk.layout->reload();
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return false;
-  }
-  printDiskStatus(disk, &mark);
-  return true;
-}
-
-#if defined(_WIN32)
-// Mounts the volume that starts at the partition's first byte on this physical drive at
-// "X:\". Partitions of image files have no volume, so nothing is done for them. The volume
-// shows up once the system has taken the new layout, which can take a moment.
-void assignDriveLetter(const Corvo::Disk::DiskDrive& drive, uint64_t firstBlock, char letter) {
-  const std::string path = drive.path(), prefix = "\\\\.\\PhysicalDrive";
-  if (path.rfind(prefix, 0) != 0) return;
-  if (Config::getBool("Disk::noOsLayout", false))
-    throw Error(ErrorId::OsLayoutFailed,
-                format("Cannot assign drive letter %c: -- the system was not told of the new partition", letter));
-  const DWORD diskNumber = static_cast<DWORD>(std::stoul(path.substr(prefix.size())));
-  const LONGLONG offset = static_cast<LONGLONG>(firstBlock) * 512;
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    wchar_t name[MAX_PATH];
-    HANDLE find = FindFirstVolumeW(name, MAX_PATH);
-    if (find != INVALID_HANDLE_VALUE) {
-      do {
-        std::wstring device(name);
-        if (!device.empty() && device.back() == L'\\') device.pop_back();  // the volume device, not its root
-        HANDLE h = CreateFileW(device.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (h == INVALID_HANDLE_VALUE) continue;
-        VOLUME_DISK_EXTENTS extents{};
-        DWORD bytes = 0;
-        const BOOL ok = DeviceIoControl(h, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, &extents, sizeof extents,
-                                        &bytes, nullptr);
-        CloseHandle(h);
-        if (!ok || extents.NumberOfDiskExtents < 1 || extents.Extents[0].DiskNumber != diskNumber ||
-            extents.Extents[0].StartingOffset.QuadPart != offset)
-          continue;
-        FindVolumeClose(find);
-        const wchar_t mountPoint[] = {static_cast<wchar_t>(letter), L':', L'\\', 0};
-        if (!SetVolumeMountPointW(mountPoint, name))
-          throw Error(ErrorId::OsLayoutFailed,
-                      format("Cannot assign drive letter %c: to the new partition -- Windows error %lu", letter,
-                             static_cast<unsigned long>(GetLastError())));
-        return;
-      } while (FindNextVolumeW(find, name, MAX_PATH));
-      FindVolumeClose(find);
-    }
-    Sleep(500);
-  }
-  throw Error(ErrorId::OsLayoutFailed,
-              format("Cannot assign drive letter %c: -- the system shows no volume for the new partition", letter));
-}
-#endif
-
 // The last step of a creation: the drive letter, whose failure is only a warning.
 void giveDriveLetter(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
-#if defined(_WIN32)
   if (!request.letter) return;
   try {
-    assignDriveLetter(*disk.drive, part.firstBlock, request.letter);
+    disk.drive->assignDriveLetter(part.firstBlock, request.letter);
   } catch (const Error& e) {
     message(mkWarning, "%s", e.text().c_str());
   }
-#else
-  (void)disk, (void)part, (void)request;  // letters are not used here; /CRE said so
-#endif
 }
 
 bool hasPrimaryDos(const PartitionedDisk& disk) {
@@ -195,7 +129,7 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
                                        "Maximum space available for primary DOS partition is %.1fMB");
   if (!node) return false;
   PartitionMark mark = markOf(*node, "*CREATED*");
-  if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
+  if (!formatNewPartition(disk, mark, request) || !showChangedDisk(disk, {}, &mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;
 }
@@ -220,7 +154,7 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
   PartitionMark mark = markOf(*node, "*CREATED*");
   // The partition exists once the table is written: a failed re-read is reported, but the
   // creation itself stands.
-  reloadAndShow(disk, mark);
+  showChangedDisk(disk, {}, &mark);
   return true;
 }
 
@@ -243,7 +177,7 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
       "Maximum space available for logical DOS drive is %.1fMB");
   if (!node) return false;
   PartitionMark mark = markOf(*node, "*CREATED*");
-  if (!formatNewPartition(disk, mark, request) || !reloadAndShow(disk, mark)) return false;
+  if (!formatNewPartition(disk, mark, request) || !showChangedDisk(disk, {}, &mark)) return false;
   giveDriveLetter(disk, mark, request);
   return true;
 }
@@ -383,10 +317,8 @@ int commandCreate(SwitchSet& set) {
   layout.fat32Support = !no32;
   layout.ntFat16 = ntFat16;
   if (set.isPresent(swNoCE)) message(mkWarning, "/-CE switch ignored, switch is redundant");
-#if !defined(_WIN32)
-  if (request.letter)
+  if (request.letter && !Corvo::Disk::kSystemUsesDriveLetters)
     message(mkInformation, "Drive letters are not used on this platform; /LETTER:%c is ignored", request.letter);
-#endif
   request.placeAtEnd = set.isPresent(swEND);
 
   bool ok = pri ? createPrimaryDos(*disk, request) : ext ? createExtendedDos(*disk, request) : createLogicalDos(*disk, request);

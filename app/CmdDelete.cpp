@@ -2,12 +2,13 @@
 // partition of a disk, optionally wiping the sectors first.
 #include <algorithm>
 
+#include "app/CmdDelete.h"
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
-#include "app/Wipe.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "disk/Wipe.h"
 
 namespace Kdisk {
 
@@ -15,6 +16,11 @@ using namespace Corvo::Core;
 using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
+using Corvo::Disk::WipeExtent;
+using Corvo::Disk::wmCustom;
+using Corvo::Disk::wmDod;
+using Corvo::Disk::wmNone;
+using Corvo::Disk::wmQuick;
 
 namespace {
 
@@ -31,12 +37,10 @@ std::vector<PartitionNode*> logicalDrives(const PartitionedDisk& disk) {
   return out;
 }
 
-// True when the node is active and no other primary, non-extended partition is.
-bool onlyActivePrimary(const PartitionedDisk& disk, const PartitionNode& node) {
-  if (!node.active) return false;
-  for (const auto& root : disk.roots())
-    if (root.get() != &node && root->active && !root->isExtendedType()) return false;
-  return true;
+// True when removing the node leaves no partition active: its own flag goes with it, whatever
+// its type, so only the other primaries count.
+bool removalLeavesNoneActive(const PartitionedDisk& disk, const PartitionNode& node) {
+  return node.active && !anotherActivePrimary(disk, node);
 }
 
 // Wipes the node (its logical drives' data areas left out when `keep` lists them).
@@ -70,15 +74,9 @@ bool removeNode(FixedDisk& disk, PartitionNode& node, const char* failText) {
     message(mkError, failText, e.text().c_str());
     return false;
   }
-  if (!layout.lastWarning().empty()) message(mkWarning, "%s", layout.lastWarning().c_str());
-  try {
-    layout.reload();
-  } catch (const Error& e) {
-    // The partition is gone from the table; only the display below is missing.
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return true;
-  }
-  printDiskStatus(disk, &mark);
+  // The partition is gone from the table: a table that cannot be read again costs only the
+  // display.
+  showChangedDisk(disk, layout.lastWarning(), &mark);
   return true;
 }
 
@@ -96,7 +94,7 @@ bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
       message(mkQuestionPrompted,
               "You are about to delete the primary DOS partition while an extended DOS partition exists. Continue?") != 1)
     return false;
-  const bool lastActive = bootDisk && onlyActivePrimary(layout, node);
+  const bool lastActive = bootDisk && removalLeavesNoneActive(layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe primary DOS partition -- %s")) return false;
   if (!removeNode(disk, node, "Cannot delete primary DOS partition -- %s")) return false;
   if (lastActive) reportNotStartable(disk);
@@ -128,7 +126,7 @@ bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
 
 bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
   const bool lastActive = disk.drive->isBootDisk() && node.role == PartitionRole::Primary &&
-                          onlyActivePrimary(*disk.layout, node);
+                          removalLeavesNoneActive(*disk.layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe Non-DOS partition -- %s")) return false;
   if (!removeNode(disk, node, "Cannot delete Non-DOS partition -- %s")) return false;
   if (lastActive) reportNotStartable(disk);
@@ -169,18 +167,22 @@ bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount) {
     message(mkError, "Cannot delete partition(s) -- %s", e.text().c_str());
     return false;
   }
-  if (!layout.lastWarning().empty()) message(mkWarning, "%s", layout.lastWarning().c_str());
-  try {
-    layout.reload();
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return true;
-  }
-  printDiskStatus(disk, nullptr);
+  showChangedDisk(disk, layout.lastWarning(), nullptr);
   return true;
 }
 
-int commandDelete(SwitchSet& set) {
+namespace {
+
+// What /DEL was asked to do, as its switches say.
+struct DeletionRequest {
+  enum class Target { Primary, Extended, Logical, ByNumber, All } target = Target::All;
+  int number = 0;  // 0: the first of its kind
+  int wipeMode = wmNone;
+  unsigned customCount = 0;
+};
+
+// Reads the switches into the request. Returns 0, or the exit code after saying what is wrong.
+int parseDeletion(SwitchSet& set, DeletionRequest& request) {
   if (!set.validate({&swDEL, &swDelPRI, &swDelEXT, &swDelLOG, &swDelP, &swALL, &swQWIPE, &swDODWIPE, &swCUSTOMWIPE, &swR,
                      &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
     message(mkError, "%s", set.errorText().c_str());
@@ -203,8 +205,10 @@ int commandDelete(SwitchSet& set) {
     message(mkError, "Required switch missing. Specify one of /PRI, /EXT, /LOG, /P, or /ALL");
     return 2;
   }
+  using Target = DeletionRequest::Target;
+  request.target = pri ? Target::Primary : ext ? Target::Extended : log ? Target::Logical
+                   : byNumber ? Target::ByNumber : Target::All;
 
-  int number = 0;  // 0: the first of its kind
   struct NumberSwitch {
     bool present, hasValue;
     const std::string& value;
@@ -215,7 +219,7 @@ int commandDelete(SwitchSet& set) {
                         {byNumber, pHas, pValue, "Invalid partition number -- %s"}};
   for (const NumberSwitch& s : numbered) {
     if (!s.present || !s.hasValue) continue;
-    if (!scanPositiveNumber(s.value, number)) {
+    if (!scanPositiveNumber(s.value, request.number)) {
       message(mkError, s.invalid, s.value.c_str());
       return 2;
     }
@@ -228,46 +232,49 @@ int commandDelete(SwitchSet& set) {
     message(mkError, "Conflicting switches. Specify one of /QWIPE, /DODWIPE, or /CUSTOMWIPE");
     return 2;
   }
-  int wipeMode = quick ? wmQuick : dod ? wmDod : custom ? wmCustom : wmNone;
+  request.wipeMode = quick ? wmQuick : dod ? wmDod : custom ? wmCustom : wmNone;
   int customCount = 0;
   if (custom && (!scanPositiveNumber(customValue, customCount) || customCount > 100)) {
     message(mkError, "Invalid custom wipe passes -- %s", customValue.c_str());
     return 2;
   }
+  request.customCount = static_cast<unsigned>(customCount);
+  return 0;
+}
 
-  const uint32_t index = parseDiskNumber(set);
-  if (index == kNoDisk) return 2;
-  FixedDisk* disk = findDisk(index);
-  if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
-  PartitionedDisk& layout = *disk->layout;
-  const unsigned passes = static_cast<unsigned>(customCount);
+// Finds the partition the request names on the disk and deletes it. Returns the exit code.
+int runDeletion(FixedDisk& disk, const DeletionRequest& request) {
+  using Target = DeletionRequest::Target;
+  PartitionedDisk& layout = *disk.layout;
+  const int number = request.number, wipeMode = request.wipeMode;
+  const unsigned passes = request.customCount;
 
   bool ok = false;
-  if (all) {
-    ok = deleteAllPartitions(*disk, wipeMode, passes);
-  } else if (byNumber) {
+  if (request.target == Target::All) {
+    ok = deleteAllPartitions(disk, wipeMode, passes);
+  } else if (request.target == Target::ByNumber) {
     PartitionNode* node = layout.byDisplayNumber(static_cast<unsigned>(number));
     if (!node) {
       message(mkError, "Invalid partition number -- %d", number);
       return 1;
     }
     if (node->extendedContainer())
-      ok = deleteLogicalDos(*disk, *node, wipeMode, passes);
+      ok = deleteLogicalDos(disk, *node, wipeMode, passes);
     else if (isPrimaryDos(layout, *node))
-      ok = deletePrimaryDos(*disk, *node, wipeMode, passes);
+      ok = deletePrimaryDos(disk, *node, wipeMode, passes);
     else if (node == dosExtendedPartition(layout))
-      ok = deleteExtendedDos(*disk, *node, wipeMode, passes);
+      ok = deleteExtendedDos(disk, *node, wipeMode, passes);
     else
-      ok = deleteNonDos(*disk, *node, wipeMode, passes);
+      ok = deleteNonDos(disk, *node, wipeMode, passes);
   } else {
     std::vector<PartitionNode*> candidates;
     const char *none, *beyond;
-    if (pri) {
+    if (request.target == Target::Primary) {
       for (PartitionNode* n : layout.displayList())
         if (isPrimaryDos(layout, *n)) candidates.push_back(n);
       none = "No primary DOS partition to delete";
       beyond = "Invalid primary DOS partition number -- %d";
-    } else if (ext) {
+    } else if (request.target == Target::Extended) {
       if (PartitionNode* n = dosExtendedPartition(layout)) candidates.push_back(n);
       none = "No extended DOS partition to delete";
       beyond = "Invalid extended DOS partition number -- %d";
@@ -285,10 +292,23 @@ int commandDelete(SwitchSet& set) {
       return 1;
     }
     PartitionNode& node = *candidates[number ? number - 1 : 0];
-    ok = pri ? deletePrimaryDos(*disk, node, wipeMode, passes)
-             : ext ? deleteExtendedDos(*disk, node, wipeMode, passes) : deleteLogicalDos(*disk, node, wipeMode, passes);
+    ok = request.target == Target::Primary    ? deletePrimaryDos(disk, node, wipeMode, passes)
+         : request.target == Target::Extended ? deleteExtendedDos(disk, node, wipeMode, passes)
+                                              : deleteLogicalDos(disk, node, wipeMode, passes);
   }
   return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int commandDelete(SwitchSet& set) {
+  DeletionRequest request;
+  if (int rc = parseDeletion(set, request)) return rc;
+  const uint32_t index = parseDiskNumber(set);
+  if (index == kNoDisk) return 2;
+  FixedDisk* disk = findDisk(index);
+  if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
+  return runDeletion(*disk, request);
 }
 
 }  // namespace Kdisk

@@ -5,16 +5,20 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
-#include "app/Status.h"
-#include "app/Wipe.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "disk/Wipe.h"
 #include "disk/layout/WipedDisk.h"
 
 namespace Kdisk {
 
 using namespace Corvo::Core;
 using Corvo::Disk::PartitionNode;
+using Corvo::Disk::WipeExtent;
+using Corvo::Disk::wmCustom;
+using Corvo::Disk::wmDod;
+using Corvo::Disk::wmQuick;
 
 namespace {
 
@@ -61,15 +65,7 @@ bool wipeWholeDisk(FixedDisk& disk, int mode, unsigned customCount, bool keepUti
   }
   // The system is told whatever the disk holds now, a failed wipe included.
   const std::string warning = Corvo::Disk::reportWipedLayout(drive, kept);
-  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
-  try {
-    disk.layout = Corvo::Disk::PartitionedDisk::load(drive);
-  } catch (const Error& e) {
-    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
-    return false;
-  }
-  if (ok) printDiskStatus(disk);
-  return ok;
+  return showChangedDisk(disk, warning, nullptr, Reread::Anew, ok) && ok;
 }
 
 }  // namespace

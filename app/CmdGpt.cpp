@@ -1,7 +1,7 @@
 // /GPT /WIPE: reinitialises a disk as an empty GPT disk of its whole size.
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/layout/GptDisk.h"

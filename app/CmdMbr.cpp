@@ -5,8 +5,8 @@
 
 #include "app/BootCodeWrite.h"
 #include "app/Commands.h"
-#include "app/ErrorReport.h"
 #include "core/Message.h"
+#include "core/System.h"
 #include "core/Trace.h"
 
 namespace Kdisk {

@@ -8,7 +8,7 @@
 
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "app/StatusJson.h"
 #include "core/Endian.h"
 #include "core/Message.h"
@@ -347,6 +347,22 @@ PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker,
   m.marker = marker;
   m.removed = removed;
   return m;
+}
+
+bool showChangedDisk(FixedDisk& disk, const std::string& warning, const PartitionMark* mark, Reread reread,
+                     bool show) {
+  if (!warning.empty()) message(mkWarning, "%s", warning.c_str());
+  try {
+    if (reread == Reread::Anew)
+      disk.layout = Corvo::Disk::PartitionedDisk::load(*disk.drive);
+    else
+      disk.layout->reload();
+  } catch (const Error& e) {
+    message(mkError, "Cannot reload partition table -- %s", e.text().c_str());
+    return false;
+  }
+  if (show) printDiskStatus(disk, mark);
+  return true;
 }
 
 }  // namespace Kdisk

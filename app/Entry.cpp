@@ -8,6 +8,7 @@
 #include "app/Batch.h"
 #include "app/ErrorReport.h"
 #include "app/Help.h"
+#include "app/Selection.h"
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/FileKind.h"
@@ -108,8 +109,8 @@ int processEntry(const std::vector<std::string>& args) {
       }
     }
     result = runCommandLine(set);
-  } catch (int code) {
-    result = code;  // a raised exit code
+  } catch (const ExitCode& raised) {
+    result = raised.code;
   } catch (const Error& e) {
     result = AbortServerReporterKdisk(gArgs[0]).handle(e);
   } catch (const std::bad_alloc&) {

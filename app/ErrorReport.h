@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "core/AbortServerReporter.h"
-#include "core/System.h"
 
 namespace Kdisk {
 
@@ -26,8 +25,5 @@ class AbortServerReporterKdisk : public Corvo::Core::AbortServerReporter {
  private:
   std::string programPath_;
 };
-
-// The folder holding the running executable, or empty when it cannot be found.
-inline std::string executableFolder() { return Corvo::Core::executableFolder(); }
 
 }  // namespace Kdisk

@@ -31,6 +31,18 @@ bool isPrimaryDos(const PartitionedDisk& disk, const PartitionNode& node) {
   return isDosType(node.type);
 }
 
+bool anotherActivePrimary(const PartitionedDisk& disk, const PartitionNode& node) {
+  for (const auto& root : disk.roots())
+    if (root.get() != &node && root->active && root->role == PartitionRole::Primary && !root->isExtendedType())
+      return true;
+  return false;
+}
+
+bool isOnlyActivePrimary(const PartitionedDisk& disk, const PartitionNode& node) {
+  return node.active && node.role == PartitionRole::Primary && !node.isExtendedType() &&
+         !anotherActivePrimary(disk, node);
+}
+
 PartitionNode* dosExtendedPartition(const PartitionedDisk& disk) {
   if (disk.scheme() != PartitionScheme::Mbr) return nullptr;
   for (const auto& root : disk.roots()) {

@@ -1,5 +1,5 @@
-// Pieces of the creation and deletion commands: value scanning, type rules and the per-kind
-// routines, which work on one fixed disk record and print their own messages.
+// What the creation and deletion commands share: the partition kinds as they name them, the
+// scanning of numbers and sizes, and the FAT rules of a new partition.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -15,6 +15,13 @@ namespace Kdisk {
 bool isDosType(uint8_t type);
 // A primary partition holding a DOS filesystem type (MBR) or a basic data entry (GPT).
 bool isPrimaryDos(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
+// True when a primary partition other than `node` is active. Extended types do not count:
+// the system never starts from them.
+bool anotherActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
+// True when the disk starts from `node` alone: an active primary, non-extended partition with
+// no other active. Clearing its flag or hiding it leaves the disk unstartable. (Removing any
+// active entry does too when no other primary is active: see anotherActivePrimary.)
+bool isOnlyActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
 // The DOS extended partition of an MBR disk (0x05 or 0x0F, or their hidden forms), or null.
 Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedDisk& disk);
 
@@ -38,18 +45,5 @@ const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool n
 // FAT formatter type index (0 FAT12, 1 FAT16, 2 FAT32) for a new partition: from its type
 // byte, or by its size when the byte does not name a FAT type (GPT entries).
 int fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
-
-// ---- Creation routines (return true on success).
-bool createPrimaryDos(FixedDisk& disk, Corvo::Disk::CreationRequest& request);
-bool createExtendedDos(FixedDisk& disk, Corvo::Disk::CreationRequest& request);
-bool createLogicalDos(FixedDisk& disk, Corvo::Disk::CreationRequest& request);
-
-// ---- Deletion routines (return true on success). displayNumber is the node's 1-based
-// number in the disk's display list.
-bool deletePrimaryDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteExtendedDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteLogicalDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteNonDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount);
 
 }  // namespace Kdisk

@@ -15,7 +15,7 @@ using namespace Corvo::Core;
 
 namespace {
 
-[[noreturn]] void raiseExitCode(int code) { throw code; }
+[[noreturn]] void raiseExitCode(int code) { throw ExitCode{code}; }
 
 // Releases the fixed disk table when the command body leaves, by return or by exception.
 struct FixedDiskTableScope {

@@ -5,8 +5,15 @@
 
 namespace Kdisk {
 
+// An exit code raised where no return can carry it (conflicting switches found while the
+// command is picked): it ends the command line with that code, batch lines included.
+struct ExitCode {
+  int code;
+};
+
 // Picks the one command of the line. Prints the help and returns ccHelpShown for /? /H /HELP;
-// sets the global access options and the prompt mode. Throws the int 2 on conflicting switches.
+// sets the global access options and the prompt mode. Throws ExitCode{2} on conflicting
+// switches.
 CommandCode selectCommand(SwitchSet& set);
 
 // Runs one command line (no /BATCH handling): selection, the fixed disk table around the

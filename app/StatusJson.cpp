@@ -4,7 +4,7 @@
 #include <string>
 
 #include "app/Consistency.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Json.h"
 #include "core/Utf.h"
 #include "disk/layout/BiosBootRecord.h"

@@ -102,6 +102,13 @@ void RangeBlockDevice::doWriteMedium(uint64_t first, uint64_t count, const void*
   parent_.writeMedium(first_ + first, count, buffer);
 }
 
+void requireSectorSize(uint32_t bytesPerSector) {
+  if (bytesPerSector != kSectorSize)
+    throw Core::Error(Core::ErrorId::UnsupportedSectorSize,
+                      "Writing to disks whose sectors are not 512 bytes is not supported")
+        .with("bytesPerSector", std::to_string(bytesPerSector));
+}
+
 void stopIfInterrupted(Core::Progress& progress, BlockDevice& device, const char* operation) {
   if (!Core::interruptRequested()) return;
   Core::Error stop = progress.interruption(operation);

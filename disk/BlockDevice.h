@@ -92,6 +92,10 @@ class RangeBlockDevice : public BlockDevice {
 // Ctrl-C between the chunks of a long operation (a wipe, a format): when the user asked to
 // stop, flushes what was written and throws the progress display's interruption error naming
 // the operation ("Wipe", "Format"). Does nothing otherwise.
+// Throws UnsupportedSectorSize unless sectors of bytesPerSector bytes are 512 bytes: every
+// writer here lays out 512-byte sectors.
+void requireSectorSize(uint32_t bytesPerSector);
+
 void stopIfInterrupted(Core::Progress& progress, BlockDevice& device, const char* operation);
 
 }  // namespace Corvo::Disk

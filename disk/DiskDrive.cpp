@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/Config.h"
+#include "core/Message.h"
 #include "core/Trace.h"
 
 namespace Corvo::Disk {
@@ -41,13 +42,8 @@ uint32_t DiskDrive::preferredTransferBlocks() const {
   return std::max<uint32_t>(kDefaultTransferBlocks, access_->preferredTransferBlocks());
 }
 
-Error DiskDrive::sectorSizeError() const {
-  return Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-      .with("bytesPerSector", std::to_string(geometry_.bytesPerSector));
-}
-
 void DiskDrive::requireWritable() const {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   access_->requireWritable();
 }
 
@@ -84,7 +80,7 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
 }
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   counted([&] { access_->write(first, count, buffer); });
 }
 
@@ -93,7 +89,7 @@ void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
 }
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
-  if (!isWritable()) throw sectorSizeError();
+  requireSectorSize();
   counted([&] { access_->writeMedium(first, count, buffer); });
 }
 
@@ -136,6 +132,14 @@ void DiskDrive::setNativePartitionLayout(const OsLayout& layout) {
   Core::TraceScope scope("setNativePartitionLayout");
   if (Core::Config::getBool("Disk::noOsLayout", false) || !access_->supportsOsLayout()) return;
   access_->setNativePartitionLayout(layout);
+}
+
+void DiskDrive::assignDriveLetter(uint64_t firstBlock, char letter) {
+  if (!access_->mountsVolumes()) return;
+  if (Core::Config::getBool("Disk::noOsLayout", false))
+    throw Core::Error(Core::ErrorId::OsLayoutFailed,
+                      Core::format("Cannot assign drive letter %c: -- the system was not told of the new partition", letter));
+  access_->assignDriveLetter(firstBlock, letter);
 }
 
 DiskManager& DiskManager::instance() {

@@ -26,6 +26,8 @@ class DiskDrive : public BlockDevice {
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
   bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
+  // Throws UnsupportedSectorSize when the disk's sectors are not 512 bytes.
+  void requireSectorSize() const { Disk::requireSectorSize(geometry_.bytesPerSector); }
   // Throws what a write would throw on a disk that cannot be written at all: a sector size
   // other than 512 bytes, or a backend that could open the disk only for reading.
   void requireWritable() const override;
@@ -37,6 +39,10 @@ class DiskDrive : public BlockDevice {
   // Tells the OS the new layout unless "Disk::noOsLayout" is set or the backend has no OS
   // view. Throws Core::Error (OsLayoutFailed); the caller reports it as a warning.
   void setNativePartitionLayout(const OsLayout& layout);
+  // Mounts the volume of the partition at firstBlock at "X:\" where the backend has volumes;
+  // does nothing for images. Throws Core::Error (OsLayoutFailed), also when the system was
+  // not told the new layout ("Disk::noOsLayout").
+  void assignDriveLetter(uint64_t firstBlock, char letter);
   void prepareForChange(uint64_t firstBlock, uint64_t blockCount) { access_->prepareForChange(firstBlock, blockCount); }
   DiskDriveAccess& access() { return *access_; }
 
@@ -56,7 +62,6 @@ class DiskDrive : public BlockDevice {
   void doWriteMedium(uint64_t first, uint64_t count, const void* buffer) override;
 
  private:
-  Core::Error sectorSizeError() const;
   uint32_t id_;
   std::unique_ptr<DiskDriveAccess> access_;
   Geometry geometry_;

@@ -83,11 +83,23 @@ class DiskDriveAccess {
   // Tells the OS the new layout; backends without an OS view (images) do nothing.
   virtual bool supportsOsLayout() const { return false; }
   virtual void setNativePartitionLayout(const OsLayout&) {}
+  // Systems that mount volumes at drive letters: the letter "X:\" for the volume that starts at
+  // firstBlock. Throws Core::Error (OsLayoutFailed) when it cannot be given. Backends without
+  // volumes of their own (images, Linux block devices) have none to mount.
+  virtual bool mountsVolumes() const { return false; }
+  virtual void assignDriveLetter(uint64_t /*firstBlock*/, char /*letter*/) {}
   // Called before the sectors of an existing partition are changed (delete, wipe, hide,
   // format): locks and dismounts its volumes, or checks that it is not mounted or in use.
   // Throws Core::Error (InUse) and writes nothing when the partition is busy.
   virtual void prepareForChange(uint64_t /*firstBlock*/, uint64_t /*blockCount*/) {}
 };
+
+// True where the running system names volumes by drive letters.
+#if defined(_WIN32)
+constexpr bool kSystemUsesDriveLetters = true;
+#else
+constexpr bool kSystemUsesDriveLetters = false;
+#endif
 
 // Opens a disk given with /ADDDISK=: a raw image file, a block device node, or a VMDK
 // (monolithicFlat or monolithicSparse). Throws Core::Error naming the file and the reason.

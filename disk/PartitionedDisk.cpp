@@ -15,6 +15,30 @@ const char* roleName(PartitionRole role) {
   return "UNKNOWN";
 }
 
+OsLayoutEntry osLayoutEntry(const PartitionNode& node, uint32_t number) {
+  OsLayoutEntry e;
+  e.number = number;
+  e.firstBlock = node.firstBlock;
+  e.blockCount = node.blockCount;
+  e.type = node.type;
+  e.active = node.active;
+  e.container = node.isExtendedType();
+  e.typeGuid = node.typeGuid;
+  e.uniqueGuid = node.uniqueGuid;
+  e.attributes = node.attributes;
+  e.name = node.name;
+  return e;
+}
+
+std::string reportOsLayout(DiskDrive& drive, const OsLayout& layout) {
+  try {
+    drive.setNativePartitionLayout(layout);
+  } catch (const Core::Error& e) {
+    return e.text();
+  }
+  return {};
+}
+
 bool PartitionNode::isExtendedType() const {
   return type == 0x05 || type == 0x0F || type == 0x85 || type == 0x15 || type == 0x1F;
 }

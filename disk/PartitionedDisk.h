@@ -71,6 +71,13 @@ struct CreationRequest {
   uint64_t largestAvailable = 0;  // out: the largest size that would have fitted, in sectors
 };
 
+// The system's entry for a partition: the number the system gives it, its range, type byte,
+// active flag, container flag (extended types) and GPT identity.
+OsLayoutEntry osLayoutEntry(const PartitionNode& node, uint32_t number);
+// Tells the system a layout. Returns the text of its refusal (empty when it took the layout
+// or was not to be told): a refusal is a warning, the tables stand.
+std::string reportOsLayout(DiskDrive& drive, const OsLayout& layout);
+
 // One boot record as stored, for the raw table display.
 struct RawBootRecord {
   uint64_t block = 0;
@@ -128,6 +135,12 @@ class PartitionedDisk {
 
  protected:
   explicit PartitionedDisk(DiskDrive& drive) : drive_(drive) {}
+  // The last step of every change: tells the system the layout the tables now hold; a refusal
+  // becomes lastWarning().
+  void reportLayout(const OsLayout& layout) {
+    std::string refusal = reportOsLayout(drive_, layout);
+    if (!refusal.empty()) lastWarning_ = std::move(refusal);
+  }
   DiskDrive& drive_;
   std::string lastWarning_;
 };

@@ -11,6 +11,7 @@
 
 #include "core/Config.h"
 #include "core/Error.h"
+#include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/DiskDriveAccess.h"
 #include "disk/access/FileIo.h"
@@ -156,6 +157,34 @@ class DiskDriveAccessNt : public DiskDriveAccess {
     }
     throw Error(ErrorId::OsLayoutFailed, "The system could not be told the new layout of " + path_ + " -- " + why)
         .with("path", path_);
+  }
+
+  bool mountsVolumes() const override { return true; }
+
+  // Mounts the volume that starts at the partition's first byte on this disk at "X:\". The
+  // volume shows up once the system has taken the new layout, which can take a moment.
+  void assignDriveLetter(uint64_t firstBlock, char letter) override {
+    Core::TraceScope scope("assignDriveLetter");
+    const uint64_t offset = firstBlock * 512;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      for (const std::wstring& name : getLogicalVolumes()) {
+        HANDLE v = CreateFileW(name.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (v == INVALID_HANDLE_VALUE) continue;
+        const std::vector<NtBuffers::DiskExtent> extents = volumeExtents(v);
+        CloseHandle(v);
+        if (extents.empty() || extents[0].diskNumber != index_ || extents[0].startingOffset != offset) continue;
+        const wchar_t mountPoint[] = {static_cast<wchar_t>(letter), L':', L'\\', 0};
+        const std::wstring volume = name + L"\\";  // the mount point names the volume's root
+        if (!SetVolumeMountPointW(mountPoint, volume.c_str()))
+          throw Error(ErrorId::OsLayoutFailed,
+                      Core::format("Cannot assign drive letter %c: to the new partition -- Windows error %lu", letter,
+                                   static_cast<unsigned long>(GetLastError())));
+        return;
+      }
+      Sleep(500);
+    }
+    throw Error(ErrorId::OsLayoutFailed,
+                Core::format("Cannot assign drive letter %c: -- the system shows no volume for the new partition", letter));
   }
 
   // Locks and dismounts every volume on the range; refuses when one cannot be locked.

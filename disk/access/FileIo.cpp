@@ -183,6 +183,33 @@ void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {
 
 std::string lastSystemError() { return std::strerror(errno); }
 
+namespace {
+template <class Buffer, class Call>
+size_t transferFully(uint64_t offset, Buffer* buffer, size_t bytes, Call call) {
+  size_t done = 0;
+  while (done < bytes) {
+    const ssize_t n = call(buffer + done, bytes - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = 0;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return done;
+}
+}  // namespace
+
+size_t readFully(int fd, uint64_t offset, void* buffer, size_t bytes) {
+  return transferFully(offset, static_cast<char*>(buffer), bytes,
+                       [fd](char* at, size_t n, off_t pos) { return ::pread(fd, at, n, pos); });
+}
+
+size_t writeFully(int fd, uint64_t offset, const void* buffer, size_t bytes) {
+  return transferFully(offset, static_cast<const char*>(buffer), bytes,
+                       [fd](const char* at, size_t n, off_t pos) { return ::pwrite(fd, at, n, pos); });
+}
+
 FileIo::~FileIo() {
   if (fd_ >= 0) ::close(fd_);
 }
@@ -226,34 +253,21 @@ uint64_t FileIo::size() const {
 }
 
 size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
-  size_t done = 0;
-  while (done < bytes) {
-    ssize_t n = ::pread(fd_, static_cast<char*>(buffer) + done, bytes - done, static_cast<off_t>(offset + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
-          .with("path", path_)
-          .with("offset", std::to_string(offset + done));
-    }
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
+  const size_t done = readFully(fd_, offset, buffer, bytes);
+  if (done < bytes && errno != 0)
+    throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+        .with("path", path_)
+        .with("offset", std::to_string(offset + done));
   return done;
 }
 
 void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   requireWritable();
-  size_t done = 0;
-  while (done < bytes) {
-    ssize_t n =
-        ::pwrite(fd_, static_cast<const char*>(buffer) + done, bytes - done, static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0)
-      throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + (n < 0 ? lastSystemError() : "no space"))
-          .with("path", path_)
-          .with("offset", std::to_string(offset + done));
-    done += static_cast<size_t>(n);
-  }
+  const size_t done = writeFully(fd_, offset, buffer, bytes);
+  if (done < bytes)
+    throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + (errno != 0 ? lastSystemError() : "no space"))
+        .with("path", path_)
+        .with("offset", std::to_string(offset + done));
 }
 
 bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {

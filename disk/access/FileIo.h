@@ -65,4 +65,12 @@ class FileIo {
 // The system's text for the last error (errno / GetLastError).
 std::string lastSystemError();
 
+#if !defined(_WIN32)
+// Positional transfers with pread / pwrite, repeated after short transfers and interrupted
+// calls until all `bytes` have moved. Return the bytes moved: fewer when a call failed (errno
+// says why) or moved nothing (end of file or device, no space: errno is then 0).
+size_t readFully(int fd, uint64_t offset, void* buffer, size_t bytes);
+size_t writeFully(int fd, uint64_t offset, const void* buffer, size_t bytes);
+#endif
+
 }  // namespace Corvo::Disk

@@ -9,6 +9,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Trace.h"
+#include "disk/access/FileIo.h"
 
 #if defined(__linux__)
 #include <dirent.h>
@@ -355,24 +356,15 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
   std::string serialNumber() const override { return serial_; }
 
   void read(uint64_t first, uint64_t count, void* buffer) override {
-    size_t bytes = static_cast<size_t>(count) * 512, done = 0;
-    while (done < bytes) {
-      ssize_t n = ::pread(fd_, static_cast<char*>(buffer) + done, bytes - done, static_cast<off_t>(first * 512 + done));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) throw ioError(false, first + done / 512, n);
-      done += static_cast<size_t>(n);
-    }
+    const size_t bytes = static_cast<size_t>(count) * 512;
+    const size_t done = readFully(fd_, first * 512, buffer, bytes);
+    if (done < bytes) throw ioError(false, first + done / 512);
   }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
     requireWritable();
-    size_t bytes = static_cast<size_t>(count) * 512, done = 0;
-    while (done < bytes) {
-      ssize_t n = ::pwrite(fd_, static_cast<const char*>(buffer) + done, bytes - done,
-                           static_cast<off_t>(first * 512 + done));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) throw ioError(true, first + done / 512, n);
-      done += static_cast<size_t>(n);
-    }
+    const size_t bytes = static_cast<size_t>(count) * 512;
+    const size_t done = writeFully(fd_, first * 512, buffer, bytes);
+    if (done < bytes) throw ioError(true, first + done / 512);
   }
   // The device's own zero-out. Punching a hole asks for it without the kernel's fallback of
   // writing zero pages (the quick way); BLKZEROOUT may fall back to that. Both drop the cached
@@ -479,8 +471,9 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     if (model_.empty() && sysfs_.find("/virtual/block/loop") != std::string::npos) model_ = "Loop device";
   }
 
-  Error ioError(bool isWrite, uint64_t sector, ssize_t result) const {
-    const std::string why = result < 0 ? std::strerror(errno) : "end of device";
+  // The error of a transfer that stopped at `sector` (errno 0: the device ended there).
+  Error ioError(bool isWrite, uint64_t sector) const {
+    const std::string why = errno != 0 ? std::strerror(errno) : "end of device";
     return Error(isWrite ? ErrorId::WriteFailed : ErrorId::ReadFailed,
                  std::string(isWrite ? "Cannot write " : "Cannot read ") + path_ + " -- " + why)
         .with("path", path_)
@@ -507,14 +500,9 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     while (left) {
       const size_t n = static_cast<size_t>(std::min<uint64_t>(left, kDirectBytes));
       if (isWrite) std::memcpy(bounce_, user, n);
-      size_t done = 0;
-      while (done < n) {
-        ssize_t r = isWrite ? ::pwrite(directFd_, bounce_ + done, n - done, static_cast<off_t>(offset + done))
-                            : ::pread(directFd_, bounce_ + done, n - done, static_cast<off_t>(offset + done));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) throw ioError(isWrite, (offset + done) / 512, r);
-        done += static_cast<size_t>(r);
-      }
+      const size_t done =
+          isWrite ? writeFully(directFd_, offset, bounce_, n) : readFully(directFd_, offset, bounce_, n);
+      if (done < n) throw ioError(isWrite, (offset + done) / 512);
       if (!isWrite) std::memcpy(user, bounce_, n);
       user += n;
       offset += n;

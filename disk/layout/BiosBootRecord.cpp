@@ -9,7 +9,7 @@
 #include "core/Config.h"
 #include "core/Endian.h"
 #include "core/Error.h"
-#include "disk/layout/Md5.h"
+#include "core/Md5.h"
 #include "disk/layout/PartitionTypes.h"
 
 namespace Corvo::Disk {
@@ -131,7 +131,7 @@ const std::vector<KnownBootCode>& knownBootCodes() {
 
 bool matchesKnownBootCode(const uint8_t* record, const std::vector<KnownBootCode>& known) {
   for (const KnownBootCode& k : known)
-    if (k.length <= BiosBootRecord::kSize && Md5::hex(Md5::of(record, k.length)) == k.md5) return true;
+    if (k.length <= BiosBootRecord::kSize && Core::Md5::hex(Core::Md5::of(record, k.length)) == k.md5) return true;
   return false;
 }
 

@@ -144,7 +144,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   if (!stale.empty()) drive.flush();
 
   auto disk = std::make_unique<PartitionedDiskGpt>(drive);
-  disk->reportLayout();
+  disk->reportLayout(disk->osLayout());
   return disk;
 }
 
@@ -280,9 +280,7 @@ unsigned PartitionedDiskGpt::primarySlotsInUse() const {
 void PartitionedDiskGpt::requireWritable(const char* what) const {
   if (!valid_)
     throw Error(ErrorId::InvalidTable, format("Cannot %s: the GPT partition table of this disk is damaged", what));
-  if (!drive_.isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(drive_.geometry().bytesPerSector));
+  drive_.requireSectorSize();
   // Both entry arrays and the backup header must lie outside the usable area and on the disk,
   // or a rewrite would overwrite partition data.
   const uint64_t blocks = drive_.blockCount() / unit_;
@@ -302,6 +300,16 @@ int PartitionedDiskGpt::indexOf(const PartitionNode& node) const {
   for (size_t i = 0; i < roots_.size(); ++i)
     if (roots_[i].get() == &node) return static_cast<int>(i);
   return -1;
+}
+
+void PartitionedDiskGpt::commitTables(const GptTableCopy& before) {
+  try {
+    writeTables();
+  } catch (...) {
+    table_ = before;
+    load();  // the disk may hold either state now; show what it holds
+    throw;
+  }
 }
 
 void PartitionedDiskGpt::writeTables() {
@@ -367,29 +375,72 @@ void PartitionedDiskGpt::writeTables() {
   }
 }
 
-void PartitionedDiskGpt::reportLayout() {
+OsLayout PartitionedDiskGpt::osLayout() const {
   OsLayout layout;
   layout.style = OsLayout::Gpt;
   layout.diskGuid = primary_.diskGuid();
   layout.firstUsableBlock = primary_.firstUsableBlock() * unit_;
   layout.usableBlocks = (primary_.lastUsableBlock() + 1 - primary_.firstUsableBlock()) * unit_;
-  for (const auto& n : roots_) {
-    OsLayoutEntry e;
-    e.number = static_cast<uint32_t>(n->slot + 1);
-    e.firstBlock = n->firstBlock;
-    e.blockCount = n->blockCount;
-    e.typeGuid = n->typeGuid;
-    e.uniqueGuid = n->uniqueGuid;
-    e.attributes = n->attributes;
-    e.name = n->name;
-    layout.entries.push_back(std::move(e));
-  }
-  try {
-    drive_.setNativePartitionLayout(layout);
-  } catch (const Error& e) {
-    lastWarning_ = e.text();
-  }
+  for (const auto& n : roots_) layout.entries.push_back(osLayoutEntry(*n, static_cast<uint32_t>(n->slot + 1)));
+  return layout;
 }
+
+namespace {
+
+// Free space between the used entries within the usable area, each gap cut to 1 MiB bounds.
+struct Gap {
+  uint64_t start, end;  // aligned, end exclusive
+  uint64_t size() const { return end - start; }
+};
+
+std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, uint64_t lastUsable) {
+  std::vector<std::pair<uint64_t, uint64_t>> used;
+  for (uint32_t i = 0; i < table.header.entryCount(); ++i) {
+    GptRecord r = table.record(i);
+    if (r.isUsed() && r.lastBlock() >= r.firstBlock()) used.emplace_back(r.firstBlock(), r.lastBlock());
+  }
+  std::sort(used.begin(), used.end());
+  std::vector<Gap> gaps;
+  uint64_t cursor = firstUsable;
+  auto addGap = [&](uint64_t from, uint64_t toInclusive) {
+    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
+    if (e > s) gaps.push_back({s, e});
+  };
+  for (const auto& [a, b] : used) {
+    if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
+    cursor = std::max(cursor, b == kNoEnd ? b : b + 1);
+  }
+  if (cursor <= lastUsable) addGap(cursor, lastUsable);
+  return gaps;
+}
+
+// Where the request goes: the largest gap (the last of equal ones with placeAtEnd), or the
+// first gap that holds the size in whole MiB, rounded up or, when only that fits, down (the
+// end of the last such gap with placeAtEnd). An empty gap when it fits nowhere.
+Gap placeInGaps(const std::vector<Gap>& gaps, const CreationRequest& request) {
+  uint64_t largest = 0;
+  for (const Gap& g : gaps) largest = std::max(largest, g.size());
+  Gap placed{0, 0};
+  if (request.sizeBlocks == CreationRequest::kLargest) {
+    for (const Gap& g : gaps)
+      if (g.size() == largest && (placed.size() == 0 || request.placeAtEnd)) placed = {g.start, g.start + largest};
+    return placed;
+  }
+  for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
+    if (want == 0 || placed.size()) continue;
+    for (const Gap& g : gaps) {
+      if (g.size() < want) continue;
+      if (!request.placeAtEnd) {
+        placed = {g.start, g.start + want};
+        break;
+      }
+      placed = {g.end - want, g.end};
+    }
+  }
+  return placed;
+}
+
+}  // namespace
 
 PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   Core::TraceScope scope("createPartitionInSlot");
@@ -405,60 +456,17 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   if (index == count)
     throw Error(ErrorId::NoSpace, format("All %u entries of the GPT partition table are in use", count));
 
-  // Free space between the used entries within the usable area, each gap cut to 1 MiB bounds.
-  struct Gap {
-    uint64_t start, end;  // aligned, end exclusive
-  };
-  std::vector<std::pair<uint64_t, uint64_t>> used;
-  for (uint32_t i = 0; i < count; ++i) {
-    GptRecord r = table_.record(i);
-    if (r.isUsed() && r.lastBlock() >= r.firstBlock()) used.emplace_back(r.firstBlock(), r.lastBlock());
-  }
-  std::sort(used.begin(), used.end());
-  std::vector<Gap> gaps;
-  const uint64_t firstUsable = primary_.firstUsableBlock(), lastUsable = primary_.lastUsableBlock();
-  uint64_t cursor = firstUsable;
-  auto addGap = [&](uint64_t from, uint64_t toInclusive) {
-    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
-    if (e > s) gaps.push_back({s, e});
-  };
-  for (const auto& [a, b] : used) {
-    if (a > cursor && cursor <= lastUsable) addGap(cursor, std::min(a - 1, lastUsable));
-    cursor = std::max(cursor, b == kNoEnd ? b : b + 1);
-  }
-  if (cursor <= lastUsable) addGap(cursor, lastUsable);
-
-  uint64_t largest = 0;
-  for (const Gap& g : gaps) largest = std::max(largest, g.end - g.start);
-
-  uint64_t start = 0, size = 0;
-  if (request.sizeBlocks == CreationRequest::kLargest) {
-    for (const Gap& g : gaps)
-      if (g.end - g.start == largest && (size == 0 || request.placeAtEnd)) {
-        start = g.start;
-        size = largest;
-      }
-  } else {
-    // Sizes become whole MiB: rounded up, or down when only that fits.
-    for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
-      if (want == 0 || size) continue;
-      for (const Gap& g : gaps) {
-        if (g.end - g.start < want) continue;
-        if (!request.placeAtEnd) {
-          start = g.start;
-          size = want;
-          break;
-        }
-        start = g.end - want;
-        size = want;
-      }
-    }
-  }
-  if (size == 0) {
-    request.largestAvailable = largest;
+  const std::vector<Gap> gaps = alignedGaps(table_, primary_.firstUsableBlock(), primary_.lastUsableBlock());
+  const Gap placed = placeInGaps(gaps, request);
+  if (placed.size() == 0) {
+    request.largestAvailable = 0;
+    for (const Gap& g : gaps) request.largestAvailable = std::max(request.largestAvailable, g.size());
     return nullptr;
   }
+  return addEntry(index, placed.start, placed.size(), request.formatKind == 4);
+}
 
+PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData) {
   GuidBytes unique;
   auto clash = [&](const GuidBytes& g) {
     if (g == primary_.diskGuid()) return true;
@@ -469,7 +477,6 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   do unique = randomGuid();
   while (clash(unique));
 
-  const bool linuxData = request.formatKind == 4;
   GptRecord rec;
   rec.setTypeGuid(linuxData ? gptTypeLinuxData() : gptTypeMicrosoftBasicData());
   rec.setUniqueGuid(unique);
@@ -481,19 +488,13 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   drive_.prepareForChange(start * unit_, size * unit_);
   const GptTableCopy before = table_;
   table_.setRecord(index, rec);
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();  // the disk may hold either state now; show what it holds
-    throw;
-  }
+  commitTables(before);
   auto node = makeNode(index);
   PartitionNode* result = node.get();
   auto pos =
       std::find_if(roots_.begin(), roots_.end(), [&](const auto& n) { return n->slot > static_cast<int>(index); });
   roots_.insert(pos, std::move(node));
-  reportLayout();
+  reportLayout(osLayout());
   return result;
 }
 
@@ -524,15 +525,9 @@ void PartitionedDiskGpt::remove(PartitionNode& node) {
 
   const GptTableCopy before = table_;
   table_.setRecord(static_cast<uint32_t>(node.slot), GptRecord());
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();
-    throw;
-  }
+  commitTables(before);
   roots_.erase(roots_.begin() + at);
-  reportLayout();
+  reportLayout(osLayout());
 }
 
 void PartitionedDiskGpt::removeAll() {
@@ -545,16 +540,10 @@ void PartitionedDiskGpt::removeAll() {
 
   const GptTableCopy before = table_;
   std::fill(table_.entries.begin(), table_.entries.end(), uint8_t{0});
-  try {
-    writeTables();
-  } catch (...) {
-    table_ = before;
-    load();
-    throw;
-  }
+  commitTables(before);
   roots_.clear();
   facts_.nonZeroUnusedEntry = false;
-  reportLayout();
+  reportLayout(osLayout());
 }
 
 }  // namespace Corvo::Disk

@@ -57,9 +57,16 @@ class PartitionedDiskGpt : public PartitionedDisk {
   std::unique_ptr<PartitionNode> makeNode(uint32_t index) const;
   void requireWritable(const char* what) const;
   int indexOf(const PartitionNode& node) const;
+  // Writes a new entry into the free slot `index` for the sectors [start, start + size) (GPT
+  // blocks), with a fresh unique GUID, and reports the new layout.
+  PartitionNode* addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData);
   // Writes both copies of the table (backup first) and repairs the protective MBR.
   void writeTables();
-  void reportLayout();
+  // Writes the changed table_; when that fails, table_ goes back to `before` and the tables
+  // are read again from the disk (which may hold either state), and the error is thrown on.
+  void commitTables(const GptTableCopy& before);
+  // The tables as the system is told them.
+  OsLayout osLayout() const;
 
   std::vector<std::unique_ptr<PartitionNode>> roots_;
   TableFacts facts_;

@@ -84,9 +84,7 @@ std::set<uint64_t> staleTableBlocks(PartitionedDisk& layout) {
 std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8_t>& code, DiskIdMode mode, bool wipe) {
   Core::TraceScope scope("writeMasterBootCode");
   DiskDrive& drive = layout.drive();
-  if (!drive.isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(drive.geometry().bytesPerSector));
+  drive.requireSectorSize();
   if (code.empty() || code.size() > BiosBootRecord::kSize)
     throw Error(ErrorId::InvalidArgument, "The boot code does not fit one sector").with("size", std::to_string(code.size()));
 
@@ -115,12 +113,7 @@ std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8
   OsLayout empty;
   empty.style = OsLayout::Mbr;
   empty.signature = next.getWindowsNtId();
-  try {
-    drive.setNativePartitionLayout(empty);
-  } catch (const Error& e) {
-    return e.text();
-  }
-  return {};
+  return reportOsLayout(drive, empty);
 }
 
 }  // namespace Corvo::Disk

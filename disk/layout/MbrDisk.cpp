@@ -123,7 +123,8 @@ class MbrDisk : public PartitionedDisk {
   Chain* chainOf(const PartitionNode* extended);
   void locate(const PartitionNode& node, Chain*& chain, size_t& index) const;
   uint64_t linkCount(const PartitionNodeBiosPartitionContainerEbr& target) const { return target.usedEnd() - target.block(); }
-  void publishLayout();
+  // The tables as the system is told them.
+  OsLayout osLayout() const;
 
   std::unique_ptr<PartitionNodeBiosPartitionContainerMaster> master_;
   bool masterValid_ = false;
@@ -325,9 +326,7 @@ std::vector<RawBootRecord> MbrDisk::rawTables() const {
 
 void MbrDisk::beginChange() {
   lastWarning_.clear();
-  if (!drive().isWritable())
-    throw Error(ErrorId::UnsupportedSectorSize, "Writing to disks whose sectors are not 512 bytes is not supported")
-        .with("bytesPerSector", std::to_string(drive().geometry().bytesPerSector));
+  drive().requireSectorSize();
   // Every change rewrites the master boot record or a record it reaches: a disk that holds a
   // mounted filesystem of its own (or is held by another program) is never written.
   guard(0, 1);
@@ -497,44 +496,27 @@ uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint
   return 0x06;
 }
 
-void MbrDisk::publishLayout() {
+OsLayout MbrDisk::osLayout() const {
   OsLayout layout;
   layout.style = OsLayout::Mbr;
   layout.signature = masterValid_ ? master_->record().getWindowsNtId() : 0;
-  for (const auto& root : roots_) {
-    OsLayoutEntry e;
-    e.number = static_cast<uint32_t>(root->slot + 1);
-    e.firstBlock = root->firstBlock;
-    e.blockCount = root->blockCount;
-    e.type = root->type;
-    e.active = root->active;
-    e.container = root->isExtendedType();
-    layout.entries.push_back(e);
-  }
+  for (const auto& root : roots_) layout.entries.push_back(osLayoutEntry(*root, static_cast<uint32_t>(root->slot + 1)));
   uint32_t number = 5;
   for (const Chain& c : chains_)
     for (const auto& r : c.records)
       if (r->logical) {
-        OsLayoutEntry e;
-        e.number = number++;
-        e.firstBlock = r->logical->firstBlock;
-        e.blockCount = r->logical->blockCount;
-        e.type = r->logical->type;
-        e.active = r->logical->active;
+        OsLayoutEntry e = osLayoutEntry(*r->logical, number++);
+        e.container = false;         // a logical drive is never the container
         e.tableBlock = r->block();  // the extended boot record holding the drive
         layout.entries.push_back(e);
       }
-  try {
-    drive().setNativePartitionLayout(layout);
-  } catch (const Error& e) {
-    lastWarning_ = e.text();
-  }
+  return layout;
 }
 
 void MbrDisk::finishChange() {
   drive().flush();
   readTables();
-  publishLayout();
+  reportLayout(osLayout());
 }
 
 Chain* MbrDisk::chainOf(const PartitionNode* extended) {

@@ -80,7 +80,7 @@ class PartitionNodeBiosPartitionContainerAuxiliary : public PartitionNodeBiosPar
   using PartitionNodeBiosPartitionContainerEbr::PartitionNodeBiosPartitionContainerEbr;
 };
 
-// Reads an MBR disk (sector 0 already read into sector0).
+// Reads an MBR disk: the master boot record, then every chain of extended boot records.
 std::unique_ptr<PartitionedDisk> loadMbrDisk(DiskDrive& drive);
 
 }  // namespace Corvo::Disk

@@ -37,21 +37,8 @@ void writeKeptBootRecord(DiskDrive& drive, const std::vector<const PartitionNode
 std::string reportWipedLayout(DiskDrive& drive, const std::vector<const PartitionNode*>& kept) {
   OsLayout layout;
   layout.style = OsLayout::Mbr;
-  for (const PartitionNode* n : kept) {
-    OsLayoutEntry e;
-    e.number = static_cast<uint32_t>(n->slot + 1);
-    e.firstBlock = n->firstBlock;
-    e.blockCount = n->blockCount;
-    e.type = n->type;
-    e.active = n->active;
-    layout.entries.push_back(e);
-  }
-  try {
-    drive.setNativePartitionLayout(layout);
-  } catch (const Core::Error& e) {
-    return e.text();
-  }
-  return {};
+  for (const PartitionNode* n : kept) layout.entries.push_back(osLayoutEntry(*n, static_cast<uint32_t>(n->slot + 1)));
+  return reportOsLayout(drive, layout);
 }
 
 }  // namespace Corvo::Disk

@@ -326,9 +326,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
   id.label = options.label.value_or("");
   if (const char* problem = ext2LabelProblem(id.label))
     throw Error(ErrorId::InvalidArgument, problem).with("label", id.label);
-  if (device.bytesPerBlock() != Disk::kSectorSize)
-    throw Error(ErrorId::UnsupportedSectorSize,
-                Core::format("Sectors of %u bytes are not supported", device.bytesPerBlock()));
+  Disk::requireSectorSize(device.bytesPerBlock());
   const Ext2Layout L = computeExt2Layout(device.blockCount());
   id.uuid = options.uuid ? *options.uuid : randomUuid();
   id.hashSeed = options.hashSeed ? *options.hashSeed : randomUuid();

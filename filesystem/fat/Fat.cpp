@@ -312,9 +312,7 @@ const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& n
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   FatLayout& L = *layout_;
   L = FatLayout{};
-  if (device_.bytesPerBlock() != kSector)
-    throw Error(ErrorId::UnsupportedSectorSize,
-                Core::format("Sectors of %u bytes are not supported", device_.bytesPerBlock()));
+  Disk::requireSectorSize(device_.bytesPerBlock());
   const uint64_t deviceTotal = device_.blockCount();
   // The BPB counts sectors in 32 bits: a larger partition is laid out over its first
   // 0xFFFFFFFF sectors and the rest is left unused.

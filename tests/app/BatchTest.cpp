@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include "app/Batch.h"
+#include "app/Selection.h"
 #include "support/TestSupport.h"
 
 using namespace Kdisk;
@@ -33,8 +34,8 @@ int runLine(std::vector<std::string> args, KdiskTest::CaptureSink** sinkOut, Kdi
   *sinkOut = &cap.sink();
   try {
     return runCommandLine(set);
-  } catch (int raised) {
-    return 1000 + raised;
+  } catch (const ExitCode& raised) {
+    return 1000 + raised.code;
   }
 }
 void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }

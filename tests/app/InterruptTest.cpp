@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "app/Wipe.h"
 #include "core/Interrupt.h"
+#include "disk/Wipe.h"
 #include "filesystem/Recognition.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
@@ -50,10 +50,10 @@ TEST(Interrupt, WipeStopsAtTheNextChunkAndFlushes) {
     uint64_t afterWrites;
     const char* text;
   } cases[] = {
-      {Kdisk::wmQuick, 0, 3, "Wipe interrupted after 300 of 1000 sectors"},
-      {Kdisk::wmDod, 0, 1, "Wipe interrupted after 100 of 1000 sectors in pass 1 of 19"},
-      {Kdisk::wmDod, 0, 25, "Wipe interrupted after 500 of 1000 sectors in pass 3 of 19"},
-      {Kdisk::wmCustom, 2, 10, "Wipe interrupted after 0 of 1000 sectors in pass 2 of 7"},
+      {Corvo::Disk::wmQuick, 0, 3, "Wipe interrupted after 300 of 1000 sectors"},
+      {Corvo::Disk::wmDod, 0, 1, "Wipe interrupted after 100 of 1000 sectors in pass 1 of 19"},
+      {Corvo::Disk::wmDod, 0, 25, "Wipe interrupted after 500 of 1000 sectors in pass 3 of 19"},
+      {Corvo::Disk::wmCustom, 2, 10, "Wipe interrupted after 0 of 1000 sectors in pass 2 of 7"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -61,7 +61,7 @@ TEST(Interrupt, WipeStopsAtTheNextChunkAndFlushes) {
     CtrlCDevice dev(1000, c.afterWrites, 100);
     ScopedCapture capture;
     try {
-      Kdisk::wipeDevice(dev, c.mode, c.custom, 1, 1);
+      Corvo::Disk::wipeDevice(dev, c.mode, c.custom, 1, 1);
       ADD_FAILURE() << "the wipe ran to its end";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), Core::ErrorId::Interrupted);

@@ -4,9 +4,10 @@
 
 #include <algorithm>
 
+#include "app/CmdCreate.h"
+#include "app/CmdDelete.h"
 #include "app/FakeDisks.h"
-#include "app/PartitionCommands.h"
-#include "app/Wipe.h"
+#include "disk/Wipe.h"
 #include "support/TestSupport.h"
 
 using namespace Corvo::Disk;
@@ -69,8 +70,8 @@ TEST(PartitionCommands, DeletionQuestionsAndRefusalsWriteNothing) {
     f.access->busy = c.busy;
     PartitionNode& pri = *f.layout->addPrimary(2048, 100, 0x06);
     PartitionNode& ext = *f.layout->addExtended(4096, 100, c.hiddenExtended ? 0x15 : 0x05);
-    EXPECT_FALSE(c.hiddenExtended ? Kdisk::deleteExtendedDos(f.disk, ext, Kdisk::wmDod, 0)
-                                  : Kdisk::deletePrimaryDos(f.disk, pri, Kdisk::wmDod, 0));
+    EXPECT_FALSE(c.hiddenExtended ? Kdisk::deleteExtendedDos(f.disk, ext, Corvo::Disk::wmDod, 0)
+                                  : Kdisk::deletePrimaryDos(f.disk, pri, Corvo::Disk::wmDod, 0));
     EXPECT_EQ(f.cap.sink().questions, c.questions);
     EXPECT_EQ(f.cap.sink().errors, c.errors);
     EXPECT_EQ(f.layout->writes, 0);
@@ -84,7 +85,7 @@ TEST(PartitionCommands, DeletingTheOnlyActivePartitionOfTheBootDiskWarns) {
     f.access->bootDisk = true;
     PartitionNode& n = *f.layout->addPrimary(2048, 100, dos ? 0x07 : 0x83, true);
     f.layout->addExtended(4096, 100, 0x85)->active = true;  // an active extended does not count
-    EXPECT_TRUE(dos ? Kdisk::deletePrimaryDos(f.disk, n, Kdisk::wmNone, 0) : Kdisk::deleteNonDos(f.disk, n, Kdisk::wmNone, 0));
+    EXPECT_TRUE(dos ? Kdisk::deletePrimaryDos(f.disk, n, Corvo::Disk::wmNone, 0) : Kdisk::deleteNonDos(f.disk, n, Corvo::Disk::wmNone, 0));
     EXPECT_EQ(f.cap.sink().infos,
               "No partitions are set active. Fixed disk 1 will not be startable until a partition is set active\n");
   }
@@ -95,7 +96,7 @@ TEST(PartitionCommands, WipeAllCoversExtendedGapsWithoutRewritingDrives) {
   f.layout->addPrimary(100, 50, 0x06);
   f.layout->addExtended(200, 300, 0x05);
   f.layout->addLogical(263, 100, 0x06);
-  EXPECT_TRUE(Kdisk::deleteAllPartitions(f.disk, Kdisk::wmQuick, 0));
+  EXPECT_TRUE(Kdisk::deleteAllPartitions(f.disk, Corvo::Disk::wmQuick, 0));
   // The headings come first; the disk's table follows them.
   EXPECT_EQ(f.cap.sink().out.rfind("Wiping Partition 1:\nWiping Partition 2:\nWiping Partition 3:\n", 0), 0u);
   for (uint64_t s : {100u, 149u, 200u, 262u, 263u, 362u, 363u, 499u}) EXPECT_EQ(f.access->data[s * 512], 0) << s;

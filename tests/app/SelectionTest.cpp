@@ -17,8 +17,8 @@ int selectRaised(SwitchSet& set, CommandCode& code) {
   try {
     code = selectCommand(set);
     return -1;
-  } catch (int raised) {
-    return raised;
+  } catch (const ExitCode& raised) {
+    return raised.code;
   }
 }
 }  // namespace

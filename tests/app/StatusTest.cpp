@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "app/FakeDisks.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Endian.h"
 #include "filesystem/ntfs/Ntfs.h"
 #include "support/TestSupport.h"

@@ -6,8 +6,8 @@
 #include <algorithm>
 
 #include "app/FakeDisks.h"
-#include "app/PartitionCommands.h"
-#include "app/Wipe.h"
+#include "app/CmdDelete.h"
+#include "disk/Wipe.h"
 #include "support/TestSupport.h"
 
 TEST(WipeFailure, TableIsNotTouched) {
@@ -19,11 +19,11 @@ TEST(WipeFailure, TableIsNotTouched) {
     const char* errors;
     bool wrote;
   } cases[] = {
-      {"read-only", Kdisk::wmDod, true, false, {}, "Cannot wipe primary DOS partition -- Cannot write memory -- read-only\n",
+      {"read-only", Corvo::Disk::wmDod, true, false, {}, "Cannot wipe primary DOS partition -- Cannot write memory -- read-only\n",
        false},
-      {"failed flush", Kdisk::wmQuick, false, true, {},
+      {"failed flush", Corvo::Disk::wmQuick, false, true, {},
        "Cannot wipe primary DOS partition -- Cannot flush memory -- injected\n", true},
-      {"unreadable sectors", Kdisk::wmCustom, false, false, {2100, 2101},
+      {"unreadable sectors", Corvo::Disk::wmCustom, false, false, {2100, 2101},
        "Cannot write sectors 52 to 53 of partition 1 on fixed disk 1\n"
        "Cannot wipe primary DOS partition -- 2 sectors could not be written\n",
        true},

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <cstdlib>
 #include <string>
 
 #include "core/Clock.h"
+#include "core/Md5.h"
 #include "core/Message.h"
 #include "core/System.h"
 #include "support/TestSupport.h"
@@ -79,3 +81,17 @@ TEST(SystemErrorText, IsTrimmedAndNeverEmpty) {
 }
 
 }  // namespace
+
+TEST(Md5Test, PublishedVectors) {
+  struct {
+    const char* text;
+    const char* digest;
+  } cases[] = {
+      {"", "d41d8cd98f00b204e9800998ecf8427e"},
+      {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+      {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+       "57edf4a22be3c955ac49da2e2107b67a"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Md5::hex(Md5::of(c.text, std::strlen(c.text))), c.digest) << c.text;
+}

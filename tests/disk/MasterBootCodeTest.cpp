@@ -9,8 +9,8 @@
 
 #include "MbrTestSupport.h"
 #include "core/Endian.h"
+#include "core/Md5.h"
 #include "disk/layout/BiosBootRecord.h"
-#include "disk/layout/Md5.h"
 #include "disk/layout/MasterBootCode.h"
 
 using namespace Corvo::Disk;
@@ -30,8 +30,8 @@ std::array<uint8_t, 512> pattern(uint8_t seed) {
 TEST(KnownBootCode, DigestOfThePrefixAndTheZeroBytes) {
   std::array<uint8_t, 512> image = pattern(3);
   image[218] = image[219] = 0;
-  const std::string d169 = Md5::hex(Md5::of(image.data(), 169));
-  const std::string d218 = Md5::hex(Md5::of(image.data(), 218));
+  const std::string d169 = Corvo::Core::Md5::hex(Corvo::Core::Md5::of(image.data(), 169));
+  const std::string d218 = Corvo::Core::Md5::hex(Corvo::Core::Md5::of(image.data(), 218));
   struct Case {
     const char* what;
     size_t length;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "app/FixedDisks.h"
-#include "app/Status.h"
+#include "app/CmdStatus.h"
 #include "core/Endian.h"
 #include "core/Error.h"
 #include "core/Message.h"

@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     Kdisk::CommandCode code = Kdisk::selectCommand(set);
     if (code > Kdisk::ccAtaSecurity) __builtin_trap();
-  } catch (int raised) {
-    if (raised != 2) __builtin_trap();
+  } catch (const Kdisk::ExitCode& raised) {
+    if (raised.code != 2) __builtin_trap();
   }
   Corvo::Core::setPromptMode(2);
   return 0;

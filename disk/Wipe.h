@@ -1,4 +1,5 @@
-// Partition wipes: overwrite every sector of a partition before its table entry is removed.
+// The wipe engine: overwrites every sector of a partition or a disk, pass by pass, and
+// reports through the message function and a Progress. The front end asks and decides.
 // Mode 1 writes zeros once; mode 2 writes the cycle 0x35, 0xCA, R six times and verifies
 // once; mode 3 writes the cycle n times and verifies once. R is a random byte other than
 // 0x35 and 0xCA.
@@ -9,7 +10,7 @@
 
 #include "disk/DiskDrive.h"
 
-namespace Kdisk {
+namespace Corvo::Disk {
 
 enum WipeMode : int { wmNone = 0, wmQuick = 1, wmDod = 2, wmCustom = 3 };
 
@@ -35,14 +36,14 @@ uint8_t drawWipeRandomByte();
 // partition and disk numbers (partitionNumber 0: the whole disk), and returned: a wipe that
 // returns ranges has failed. Throws Core::Error for failures that are not about single
 // sectors, such as a failed flush. Uses two buffers of the device's transfer length.
-std::vector<WipeExtent> wipeDevice(Corvo::Disk::BlockDevice& device, int mode, unsigned customCount,
+std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount,
                                    unsigned partitionNumber, unsigned diskNumber,
                                    const std::vector<WipeExtent>& extents = {});
 
 // Wipes the sectors [first, first + count) of a drive, leaving out the `keep` extents
 // (relative to first). Refuses with Core::Error, writing nothing, when the drive cannot be
 // written or the range is mounted or in use.
-std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
                                       const std::vector<WipeExtent>& keep = {});
 
@@ -52,4 +53,4 @@ std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> k
 // The error text of a wipe that left sectors unwritten: "N sector(s) could not be written".
 std::string unwrittenSectorsText(const std::vector<WipeExtent>& failed);
 
-}  // namespace Kdisk
+}  // namespace Corvo::Disk

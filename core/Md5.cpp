@@ -1,11 +1,11 @@
-#include "disk/layout/Md5.h"
+#include "core/Md5.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "core/Endian.h"
 
-namespace Corvo::Disk {
+namespace Corvo::Core {
 namespace {
 
 constexpr uint32_t kSine[64] = {
@@ -105,4 +105,4 @@ std::string Md5::hex(const Md5Digest& digest) {
   return s;
 }
 
-}  // namespace Corvo::Disk
+}  // namespace Corvo::Core

@@ -1,4 +1,4 @@
-#include "app/Wipe.h"
+#include "disk/Wipe.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,15 +11,13 @@
 #include "core/Error.h"
 #include "core/Message.h"
 
-namespace Kdisk {
+namespace Corvo::Disk {
 
-using Corvo::Core::Error;
-using Corvo::Core::ErrorId;
-using Corvo::Core::message;
-using Corvo::Core::mkError;
-using Corvo::Core::mkWarning;
-using Corvo::Disk::BlockDevice;
-using Corvo::Disk::kSectorSize;
+using Core::Error;
+using Core::ErrorId;
+using Core::message;
+using Core::mkError;
+using Core::mkWarning;
 
 unsigned wipePassCount(int mode, unsigned customCount) {
   switch (mode) {
@@ -87,15 +85,15 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   uint64_t total = 0;
   for (const WipeExtent& e : ranges) total += e.count;
 
-  std::srand(static_cast<unsigned>(Corvo::Core::currentTime()));
+  std::srand(static_cast<unsigned>(Core::currentTime()));
   const uint8_t pattern[3] = {0x35, 0xCA, drawWipeRandomByte()};
   message(mkWarning, "Partition will contain 0x%02X for all bytes in all sectors when wipe complete.\n",
           mode == wmQuick ? 0x00 : pattern[2]);
 
   const double megabytes = static_cast<double>(device.blockCount()) * kSectorSize / 1048576.0;
   std::string title = std::string(mode == wmDod ? "DoD 5220.22-M STD Wiping " : "Wiping ") +
-                      Corvo::Core::format(" %.2fM", megabytes);
-  Corvo::Core::Progress progress(title, total * passes);
+                      Core::format(" %.2fM", megabytes);
+  Core::Progress progress(title, total * passes);
 
   const uint64_t chunk = std::max<uint32_t>(1, device.preferredTransferBlocks());
   uint64_t largest = 0;
@@ -122,7 +120,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
       if (!verifyPass) std::memset(buffer.data(), mode == wmQuick ? 0x00 : pattern[pass % 3], buffer.size());
       for (const WipeExtent& e : ranges) {
         for (uint64_t done = 0; done < e.count;) {
-          Corvo::Disk::stopIfInterrupted(progress, device, "Wipe");
+          stopIfInterrupted(progress, device, "Wipe");
           uint64_t n = std::min(chunk, e.count - done);
           uint64_t first = e.first + done;
           try {
@@ -182,16 +180,16 @@ std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> k
   return extents;
 }
 
-std::vector<WipeExtent> wipePartition(Corvo::Disk::DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
                                       const std::vector<WipeExtent>& keep) {
   drive.requireWritable();
   drive.prepareForChange(first, count);
-  Corvo::Disk::RangeBlockDevice device(drive, first, count);
+  RangeBlockDevice device(drive, first, count);
 
   std::vector<WipeExtent> extents = extentsOutside(count, keep);
   if (extents.empty()) return {};  // nothing of its own to overwrite
   return wipeDevice(device, mode, customCount, partitionNumber, diskNumber, extents);
 }
 
-}  // namespace Kdisk
+}  // namespace Corvo::Disk

@@ -23,6 +23,17 @@ PartitionMark markOf(const Corvo::Disk::PartitionNode& node, const char* marker,
 
 void printDiskStatus(FixedDisk& disk, const PartitionMark* mark = nullptr);
 
+// How a changed disk is read again: its driver re-reads its own tables, or a driver is chosen
+// anew from what the disk holds now (after a new master boot record or a wipe).
+enum class Reread { Tables, Anew };
+
+// The end of every command that changed a disk: the warning the change left (the system not
+// told of the new layout, ...), the tables read again, and the disk printed with the mark
+// (nothing printed when show is false). False, after "Cannot reload partition table -- %s",
+// when the tables cannot be read again; the change itself stands.
+bool showChangedDisk(FixedDisk& disk, const std::string& warning, const PartitionMark* mark,
+                     Reread reread = Reread::Tables, bool show = true);
+
 // What a partition holds, as the status display shows it: the filesystem's name ("FAT32",
 // "NTFS", "EXT2FS", ...; empty when nothing was recognised) and its volume label.
 struct PartitionContent {

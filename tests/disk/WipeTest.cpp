@@ -1,65 +1,19 @@
-// Size scanning, FAT limits and type choice of /CRE; passes, pattern, chunking and retry of
-// the partition wipe.
+// The wipe engine: passes, pattern, chunking, flushes, the verifying read and the retry of
+// failed chunks.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <set>
 
-#include "app/PartitionCommands.h"
-#include "app/Wipe.h"
+#include "disk/Wipe.h"
 #include "support/TestSupport.h"
 
-using namespace Kdisk;
+using namespace Corvo::Disk;
 using KdiskTest::FaultInjectingBlockDevice;
 using KdiskTest::MemoryBlockDevice;
 using KdiskTest::ScopedCapture;
 using Corvo::Core::Error;
 using Corvo::Core::ErrorId;
-using Corvo::Disk::BlockDevice;
-using Corvo::Disk::kSectorSize;
-
-TEST(CreateValues, PartitionSize) {
-  const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
-  const struct {
-    const char* text;
-    SizeStatus status;
-    int mb;
-  } cases[] = {{"100", SizeStatus::Ok, 100},     {" 7", SizeStatus::Ok, 7},         {"50P", SizeStatus::Ok, 500},
-               {"50p", SizeStatus::Ok, 500},     {"33%", SizeStatus::Ok, 330},      {"100P", SizeStatus::Ok, 1000},
-               {"101%", SizeStatus::Invalid, 0}, {"0", SizeStatus::Invalid, 0},     {"-5", SizeStatus::Invalid, 0},
-               {"50MB", SizeStatus::Invalid, 0}, {"50M", SizeStatus::Invalid, 0},   {"", SizeStatus::Invalid, 0},
-               {"P", SizeStatus::Invalid, 0},    {"0P", SizeStatus::Invalid, 0},    {"99999999999", SizeStatus::Ok, 2147483647}};
-  for (const auto& c : cases) {
-    int mb = 0;
-    EXPECT_EQ(parsePartitionSize(c.text, disk1000MB, mb), c.status) << c.text;
-    EXPECT_EQ(mb, c.mb) << c.text;
-  }
-  int mb = 0;  // 1 per cent of 99 MB is below one MB, 2 per cent is one
-  EXPECT_EQ(parsePartitionSize("1P", 99 * 2048, mb), SizeStatus::TooSmall);
-  EXPECT_TRUE(parsePartitionSize("2P", 99 * 2048, mb) == SizeStatus::Ok && mb == 1);
-  for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, mb)) << bad;
-  EXPECT_TRUE(scanPositiveNumber(" 3", mb) && mb == 3);
-}
-
-// The limits' edges and the type index from the type byte or, for GPT entries, the size; the
-// command-line tests prove the messages and the formats.
-TEST(CreateValues, FatLimitsAndTypeChoice) {
-  EXPECT_EQ(fatLimitMessage(true, 2048, true, false), nullptr);
-  EXPECT_NE(fatLimitMessage(true, 2049, true, false), nullptr);
-  EXPECT_EQ(fatLimitMessage(true, 4095, false, true), nullptr);
-  EXPECT_EQ(fatLimitMessage(true, 0, true, true), nullptr);  // no /SZ: largest possible
-  const struct {
-    uint8_t type;
-    uint64_t blocks;
-    bool fat32, nt;
-    int index;
-  } types[] = {{0x01, 9, true, false, 0},       {0x04, 9, true, false, 1},       {0x06, 9, true, false, 1},
-               {0x0E, 9, true, false, 1},       {0x0B, 9, true, false, 2},       {0x0C, 9, true, false, 2},
-               {0x00, 32773, true, false, 0},   {0x00, 32774, true, false, 1},   {0x00, 1048576, true, false, 1},
-               {0x00, 1048577, true, false, 2}, {0x00, 1048577, true, true, 1},  {0x00, 1048577, false, false, 1},
-               {0x00, 8387873, false, true, 2}};
-  for (const auto& t : types) EXPECT_EQ(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt), t.index) << t.blocks;
-}
 
 namespace {
 // Logs every transfer: (first, count, byte), the byte -1 for a read of the medium and -2 for a

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Corvo::Disk {
+namespace Corvo::Core {
 
 using Md5Digest = std::array<uint8_t, 16>;
 
@@ -27,4 +27,4 @@ class Md5 {
   size_t used_ = 0;
 };
 
-}  // namespace Corvo::Disk
+}  // namespace Corvo::Core
