@@ -22,6 +22,7 @@ namespace Kdisk {
 
 using namespace Corvo::Core;
 using Corvo::Disk::CreationRequest;
+using Corvo::Disk::FormatKind;
 using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
@@ -61,25 +62,25 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
 // Formats the new partition as the request asks. The partition stays in the table whatever
 // happens here: it was written before formatting began.
 bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
-  if (request.formatKind == 0) return true;
+  if (request.formatKind == FormatKind::None) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
-    if (request.formatKind == 4) {
+    if (request.formatKind == FormatKind::Ext2) {
       Corvo::Filesystem::Ext2FormatOptions ext2;
       if (!request.label.empty()) ext2.label = request.label;
       Corvo::Filesystem::formatExt2(device, ext2);
       return true;
     }
     Corvo::Filesystem::FatFormatOptions options;
-    options.verify = request.formatKind == 1;
+    options.verify = request.formatKind == FormatKind::FatFull;
     options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
     options.heads = static_cast<uint16_t>(drive.geometry().heads);
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
     if (!request.label.empty()) options.label = request.label;
-    if (request.formatKind == 3) {
+    if (request.formatKind == FormatKind::Ntfs) {
       Corvo::Filesystem::NtfsFormatOptions ntfs;
       ntfs.versionCode = request.versionCode;
       ntfs.sectorsPerTrack = options.sectorsPerTrack;
@@ -269,7 +270,7 @@ int commandCreate(SwitchSet& set) {
   CreationRequest request;
   const bool format = set.isPresent(swFOR);
   if (format) {
-    request.formatKind = 1;
+    request.formatKind = FormatKind::FatFull;
     if (ext) message(mkWarning, "/FOR switch ignored for extended DOS partitions");
   }
   if (set.isPresent(swQ)) {
@@ -277,7 +278,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /Q may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 2;
+    request.formatKind = FormatKind::FatQuick;
   }
   std::string value;
   bool hasValue = false;
@@ -287,7 +288,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /NTFS may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 3;
+    request.formatKind = FormatKind::Ntfs;
     if (hasValue) {
       static const struct {
         const char* name;
@@ -313,9 +314,9 @@ int commandCreate(SwitchSet& set) {
     std::string upper = value;
     for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     if (upper == "1MB")
-      request.alignment = 2048;
+      request.alignment = CreationRequest::kMegabyteAlignment;
     else if (upper == "CHS")
-      request.alignment = -1;
+      request.alignment = CreationRequest::kCylinderAlignment;
     else {
       message(mkError, "Invalid NTFS alignment type specified.");
       return 2;
@@ -326,7 +327,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /EXT2 may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 4;
+    request.formatKind = FormatKind::Ext2;
     request.versionCode = 10;
   }
   if (set.isPresent(swV, &value, &hasValue)) {
@@ -336,11 +337,11 @@ int commandCreate(SwitchSet& set) {
     }
     if (hasValue) {
       // Checked now so that nothing is written for a label the formatter would refuse.
-      if ((request.formatKind == 1 || request.formatKind == 2) &&
+      if ((request.formatKind == FormatKind::FatFull || request.formatKind == FormatKind::FatQuick) &&
           !Corvo::Filesystem::validateVolumeLabel(value, true))
         return 2;
-      if (request.formatKind == 3 && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
-      if (const char* problem = request.formatKind == 4 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
+      if (request.formatKind == FormatKind::Ntfs && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
+      if (const char* problem = request.formatKind == FormatKind::Ext2 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
         message(mkError, "%s", problem);
         return 2;
       }

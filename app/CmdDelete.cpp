@@ -40,7 +40,7 @@ bool onlyActivePrimary(const PartitionedDisk& disk, const PartitionNode& node) {
 }
 
 // Wipes the node (its logical drives' data areas left out when `keep` lists them).
-bool wipeNode(FixedDisk& disk, const PartitionNode& node, int wipeMode, unsigned customCount, const char* failText,
+bool wipeNode(FixedDisk& disk, const PartitionNode& node, WipeMode wipeMode, unsigned customCount, const char* failText,
               const std::vector<WipeExtent>& keep = {}) {
   if (wipeMode == wmNone) return true;
   try {
@@ -89,7 +89,7 @@ void reportNotStartable(const FixedDisk& disk) {
 
 }  // namespace
 
-bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   const bool bootDisk = disk.drive->isBootDisk();
   if (bootDisk && dosExtendedPartition(layout) &&
@@ -103,7 +103,7 @@ bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
   return true;
 }
 
-bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   if (node.isHiddenType()) {
     if (message(mkQuestionPrompted,
@@ -121,12 +121,12 @@ bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsig
   return removeNode(disk, node, "Cannot delete extended DOS partition -- %s");
 }
 
-bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe logical DOS drive -- %s")) return false;
   return removeNode(disk, node, "Cannot delete logical DOS drive -- %s");
 }
 
-bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteNonDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   const bool lastActive = disk.drive->isBootDisk() && node.role == PartitionRole::Primary &&
                           onlyActivePrimary(*disk.layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe Non-DOS partition -- %s")) return false;
@@ -135,7 +135,7 @@ bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned c
   return true;
 }
 
-bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount) {
+bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   std::vector<PartitionNode*> nodes = layout.displayList();
   if (nodes.empty()) {
@@ -228,7 +228,7 @@ int commandDelete(SwitchSet& set) {
     message(mkError, "Conflicting switches. Specify one of /QWIPE, /DODWIPE, or /CUSTOMWIPE");
     return 2;
   }
-  int wipeMode = quick ? wmQuick : dod ? wmDod : custom ? wmCustom : wmNone;
+  WipeMode wipeMode = quick ? wmQuick : dod ? wmDod : custom ? wmCustom : wmNone;
   int customCount = 0;
   if (custom && (!scanPositiveNumber(customValue, customCount) || customCount > 100)) {
     message(mkError, "Invalid custom wipe passes -- %s", customValue.c_str());

@@ -5,7 +5,9 @@
 #include <string>
 
 #include "app/FixedDisks.h"
+#include "app/Wipe.h"
 #include "disk/PartitionedDisk.h"
+#include "filesystem/fat/Fat.h"
 
 namespace Kdisk {
 
@@ -35,9 +37,9 @@ SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int
 // no size was given. Returns the message to print, or null when the size is allowed.
 const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool ntFat16);
 
-// FAT formatter type index (0 FAT12, 1 FAT16, 2 FAT32) for a new partition: from its type
-// byte, or by its size when the byte does not name a FAT type (GPT entries).
-int fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
+// FAT formatter type for a new partition: from its type byte, or by its size when the byte
+// does not name a FAT type (GPT entries).
+Corvo::Filesystem::FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
 
 // ---- Creation routines (return true on success).
 bool createPrimaryDos(FixedDisk& disk, Corvo::Disk::CreationRequest& request);
@@ -46,10 +48,10 @@ bool createLogicalDos(FixedDisk& disk, Corvo::Disk::CreationRequest& request);
 
 // ---- Deletion routines (return true on success). displayNumber is the node's 1-based
 // number in the disk's display list.
-bool deletePrimaryDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteExtendedDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteLogicalDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteNonDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount);
+bool deletePrimaryDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, WipeMode wipeMode, unsigned customCount);
+bool deleteExtendedDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, WipeMode wipeMode, unsigned customCount);
+bool deleteLogicalDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, WipeMode wipeMode, unsigned customCount);
+bool deleteNonDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, WipeMode wipeMode, unsigned customCount);
+bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCount);
 
 }  // namespace Kdisk

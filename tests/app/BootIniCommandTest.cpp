@@ -135,7 +135,7 @@ TEST(BootIniCommand, BootSectorFile) {
     std::remove(dat.c_str());
     std::remove((ini + ".bak").c_str());
     if (!s.existing.empty()) std::ofstream(dat, std::ios::binary) << s.existing;
-    Corvo::Core::setPromptMode(2);
+    Corvo::Core::setPromptMode(Corvo::Core::pmAsk);
     ScopedCapture cap;
     cap.sink().answers = {s.yes};
     SwitchSet set({"kdisk", "/BOOTINI", "/ADD", "/D:1", "/P:4", "/DESC:Lab: DOS?", "/INIFILE:" + ini});
