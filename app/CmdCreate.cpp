@@ -2,6 +2,8 @@
 // formats it, and prints the disk with the new partition marked.
 #include <algorithm>
 #include <cctype>
+#include <optional>
+#include <string>
 
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
@@ -249,13 +251,19 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
   return true;
 }
 
-int commandCreate(SwitchSet& set) {
-  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
-                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
-    message(mkError, "%s", set.errorText().c_str());
-    return 2;
-  }
+namespace {
 
+// What /CRE is asked to do, read from its switches before any disk is looked at.
+struct CreateOrder {
+  enum class Kind { Primary, Extended, Logical } kind = Kind::Primary;
+  CreationRequest request;
+  uint32_t diskIndex = 0;
+  std::optional<std::string> size;  // the /SZ value
+  bool no32 = false, ntFat16 = false, noCE = false;
+};
+
+// Reads and checks the switches; returns 0, or the exit code of a refusal it has reported.
+int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
   const bool pri = set.isPresent(swPRI), ext = set.isPresent(swEXT), log = set.isPresent(swLOG);
   const int kinds = int{pri} + int{ext} + int{log};
   if (kinds > 1) {
@@ -267,7 +275,7 @@ int commandCreate(SwitchSet& set) {
     return 2;
   }
 
-  CreationRequest request;
+  CreationRequest& request = order.request;
   const bool format = set.isPresent(swFOR);
   if (format) {
     request.formatKind = FormatKind::FatFull;
@@ -355,14 +363,28 @@ int commandCreate(SwitchSet& set) {
     request.letter = static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
   }
 
-  const uint32_t index = parseDiskNumber(set);
-  if (index == kNoDisk) return 2;
-  FixedDisk* disk = findDisk(index);
+  order.kind = pri ? CreateOrder::Kind::Primary : ext ? CreateOrder::Kind::Extended : CreateOrder::Kind::Logical;
+  order.diskIndex = parseDiskNumber(set);
+  if (order.diskIndex == kNoDisk) return 2;
+  if (set.isPresent(swSZ, &value)) order.size = value;
+  order.no32 = set.isPresent(swNo32);
+  order.ntFat16 = set.isPresent(swNTFAT16);
+  order.noCE = set.isPresent(swNoCE);
+  request.placeAtEnd = set.isPresent(swEND);
+  return 0;
+}
+
+// Checks the order against the disk and creates (and formats) the partition.
+int runCreate(CreateOrder& order) {
+  CreationRequest& request = order.request;
+  const bool primaryOrLogical = order.kind != CreateOrder::Kind::Extended;
+  FixedDisk* disk = findDisk(order.diskIndex);
   if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
   PartitionedDisk& layout = *disk->layout;
 
   int sizeMb = 0;
-  if (set.isPresent(swSZ, &value)) {
+  if (order.size) {
+    const std::string& value = *order.size;
     switch (parsePartitionSize(value, layout.drive().blockCount(), sizeMb)) {
       case SizeStatus::Ok: break;
       case SizeStatus::Invalid: message(mkError, "Invalid partition size -- %s", value.c_str()); return 2;
@@ -376,22 +398,40 @@ int commandCreate(SwitchSet& set) {
     if (scanNumberChars(value, percent, c1, c2) == 2 && percent == 100 && layout.displayList().empty())
       request.sizeBlocks = CreationRequest::kLargest;
   }
-  const bool no32 = set.isPresent(swNo32), ntFat16 = set.isPresent(swNTFAT16);
-  if (const char* limit = fatLimitMessage(pri || log, sizeMb, no32, ntFat16)) {
+  if (const char* limit = fatLimitMessage(primaryOrLogical, sizeMb, order.no32, order.ntFat16)) {
     message(mkError, "%s", limit);
     return 2;
   }
-  layout.fat32Support = !no32;
-  layout.ntFat16 = ntFat16;
-  if (set.isPresent(swNoCE)) message(mkWarning, "/-CE switch ignored, switch is redundant");
+  layout.fat32Support = !order.no32;
+  layout.ntFat16 = order.ntFat16;
+  if (order.noCE) message(mkWarning, "/-CE switch ignored, switch is redundant");
 #if !defined(_WIN32)
   if (request.letter)
     message(mkInformation, "Drive letters are not used on this platform; /LETTER:%c is ignored", request.letter);
 #endif
-  request.placeAtEnd = set.isPresent(swEND);
 
-  bool ok = pri ? createPrimaryDos(*disk, request) : ext ? createExtendedDos(*disk, request) : createLogicalDos(*disk, request);
+  bool ok = false;
+  switch (order.kind) {
+    case CreateOrder::Kind::Primary: ok = createPrimaryDos(*disk, request); break;
+    case CreateOrder::Kind::Extended: ok = createExtendedDos(*disk, request); break;
+    case CreateOrder::Kind::Logical: ok = createLogicalDos(*disk, request); break;
+  }
   return ok ? 0 : 1;
+}
+
+}  // namespace
+
+
+
+int commandCreate(SwitchSet& set) {
+  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
+                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
+    message(mkError, "%s", set.errorText().c_str());
+    return 2;
+  }
+  CreateOrder order;
+  if (int refused = parseCreateSwitches(set, order)) return refused;
+  return runCreate(order);
 }
 
 }  // namespace Kdisk
