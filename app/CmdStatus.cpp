@@ -203,7 +203,7 @@ void printRawTables(FixedDisk& d, bool lba) {
     const Corvo::Disk::BiosBootRecord record(true, 4, t.bytes.data());
     const uint16_t sig = record.getSignature();
     print("\n%s at sector %llu%s:\n", i == 0 ? "Master boot record" : "Extended boot record",
-          static_cast<unsigned long long>(t.block), sig == 0xAA55 ? "" : format(" (no 55 AA signature: %04X)", sig).c_str());
+          static_cast<unsigned long long>(t.block), record.hasSignature() ? "" : format(" (no 55 AA signature: %04X)", sig).c_str());
     if (lba)
       print("Slot  Boot  Type         Start         Count\n");
     else

@@ -6,7 +6,9 @@
 
 #include "core/Endian.h"
 #include "disk/BlockDevice.h"
+#include "filesystem/ext2/Ext2Structures.h"
 #include "filesystem/fat/FatStructures.h"
+#include "filesystem/ntfs/NtfsStructures.h"
 
 namespace Corvo::Filesystem {
 
@@ -34,8 +36,10 @@ class Content {
 };
 
 bool isNtfs(const Content& c) {
-  if (!c.equals(3, "NTFS    ", 8)) return false;
-  const unsigned s = c.byte(13), r = c.byte(64), x = c.byte(68);
+  namespace Boot = Ntfs::Boot;
+  if (!c.equals(Boot::kOemOffset, "NTFS    ", 8)) return false;
+  const unsigned s = c.byte(Boot::SectorsPerCluster::offset), r = c.byte(Boot::ClustersPerRecord::offset),
+                 x = c.byte(Boot::ClustersPerIndexBlock::offset);
   // File records of 1 KB (2 sectors) and index buffers of 4 KB (8 sectors), given either as
   // clusters or, when a cluster is larger, as a negative power of two of bytes.
   bool fileRecord = s < 3 ? r * s == 2 : r == 0xF6;
@@ -87,7 +91,9 @@ unsigned detectContent(const uint8_t* buffer, size_t length, unsigned mode) {
   }
   if (isSwap(c)) return ctLinuxSwap;
   if (isLvm2(c)) return ctNothing;
-  if (c.byte(1080) == 0x53 && c.byte(1081) == 0xEF) return (c.byte(1116) & 0x4) ? ctExt3 : ctExt2;
+  const size_t super = Ext2::kSuperblockOffset;
+  if ((c.u32(super + Ext2::Super::magic.offset) & 0xFFFF) == Ext2::kMagic)
+    return (c.u32(super + Ext2::Super::featureCompat.offset) & Ext2::kCompatHasJournal) ? ctExt3 : ctExt2;
   if (c.equals(65588, "ReIsEr2Fs", 9)) return ctReiser;
   return ctNothing;
 }
