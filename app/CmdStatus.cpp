@@ -48,28 +48,32 @@ struct Content {
 Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
   Content c;
   if (node.isExtendedType() || node.blockCount == 0) return c;
-  const uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, node.blockCount);
-  Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, node.blockCount);
-  std::vector<uint8_t> buf(sectors * 512, 0);
+  // A partition that reaches past the end of the disk is read as far as the disk goes; one
+  // whose start cannot be read shows no content.
+  if (node.firstBlock >= drive.blockCount()) return c;
+  const uint64_t count = std::min<uint64_t>(node.blockCount, drive.blockCount() - node.firstBlock);
   try {
+    Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, count);
+    const uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, count);
+    std::vector<uint8_t> buf(sectors * 512, 0);
     partition.read(0, sectors, buf.data());
+    const unsigned code = Fs::detectContent(buf.data(), buf.size(), 0);
+    switch (code) {
+      case Fs::ctFat12: c.system = "FAT12"; c.label = Fs::fatVolumeLabel(partition, false); break;
+      case Fs::ctFat16: c.system = "FAT16"; c.label = Fs::fatVolumeLabel(partition, false); break;
+      case Fs::ctFat32: c.system = "FAT32"; c.label = Fs::fatVolumeLabel(partition, true); break;
+      case Fs::ctNtfs: c.system = "NTFS/HPFS"; c.label = Fs::ntfsVolumeLabel(partition); break;
+      case Fs::ctLinuxSwap: c.system = "LINUX SWAP"; break;
+      case Fs::ctExt2:
+      case Fs::ctExt3:
+        c.system = code == Fs::ctExt3 ? "EXT3FS" : "EXT2FS";
+        c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
+        break;
+      case Fs::ctReiser: c.system = "REISERFS"; break;
+      default: break;
+    }
   } catch (const Error&) {
-    return c;
-  }
-  const unsigned code = Fs::detectContent(buf.data(), buf.size(), 0);
-  switch (code) {
-    case Fs::ctFat12: c.system = "FAT12"; c.label = Fs::fatVolumeLabel(partition, false); break;
-    case Fs::ctFat16: c.system = "FAT16"; c.label = Fs::fatVolumeLabel(partition, false); break;
-    case Fs::ctFat32: c.system = "FAT32"; c.label = Fs::fatVolumeLabel(partition, true); break;
-    case Fs::ctNtfs: c.system = "NTFS/HPFS"; c.label = Fs::ntfsVolumeLabel(partition); break;
-    case Fs::ctLinuxSwap: c.system = "LINUX SWAP"; break;
-    case Fs::ctExt2:
-    case Fs::ctExt3:
-      c.system = code == Fs::ctExt3 ? "EXT3FS" : "EXT2FS";
-      c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
-      break;
-    case Fs::ctReiser: c.system = "REISERFS"; break;
-    default: break;
+    return Content{};
   }
   // Labels are shown in one column; keep them printable and short.
   for (char& ch : c.label)
