@@ -165,7 +165,7 @@ int commandHide(CommandCode code, SwitchSet& set) {
       message(mkError, "Cannot unhide partitions of this type");
       return 1;
     }
-    if (newType == 0x05 || newType == 0x0F) {
+    if (newType == Corvo::Disk::kTypeExtended || newType == Corvo::Disk::kTypeExtendedLba) {
       for (const auto& root : layout.roots()) {
         if (root.get() != &node && root->isDosExtended()) {
           message(mkError, "Unhiding this partition would result in there being more than one extended DOS partition");

@@ -19,6 +19,7 @@
 #include "disk/access/FileReplace.h"
 #include "disk/boot/ArcPath.h"
 #include "disk/boot/BootIni.h"
+#include "disk/layout/BiosBootRecord.h"
 
 namespace Kdisk {
 
@@ -260,7 +261,7 @@ int addEntry(SwitchSet& set, const std::string& iniPath) {
       message(mkError, "Cannot read the boot sector of partition %ld -- %s", *partNumber, e.text().c_str());
       return 1;
     }
-    if (sector[510] != 0x55 || sector[511] != 0xAA)
+    if (!Corvo::Disk::BiosBootRecord(false, 0, sector.data()).hasSignature())
       message(mkWarning, "The boot sector of partition %ld has no boot signature; the entry may not start",
               *partNumber);
   }

@@ -2,6 +2,8 @@
 // formats it, and prints the disk with the new partition marked.
 #include <algorithm>
 #include <cctype>
+#include <optional>
+#include <string>
 
 #include "app/CmdCreate.h"
 #include "app/Commands.h"
@@ -18,6 +20,7 @@ namespace Kdisk {
 
 using namespace Corvo::Core;
 using Corvo::Disk::CreationRequest;
+using Corvo::Disk::FormatKind;
 using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
@@ -57,25 +60,25 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
 // Formats the new partition as the request asks. The partition stays in the table whatever
 // happens here: it was written before formatting began.
 bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
-  if (request.formatKind == 0) return true;
+  if (request.formatKind == FormatKind::None) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
-    if (request.formatKind == 4) {
+    if (request.formatKind == FormatKind::Ext2) {
       Corvo::Filesystem::Ext2FormatOptions ext2;
       if (!request.label.empty()) ext2.label = request.label;
       Corvo::Filesystem::formatExt2(device, ext2);
       return true;
     }
     Corvo::Filesystem::FatFormatOptions options;
-    options.verify = request.formatKind == 1;
+    options.verify = request.formatKind == FormatKind::FatFull;
     options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
     options.heads = static_cast<uint16_t>(drive.geometry().heads);
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
     if (!request.label.empty()) options.label = request.label;
-    if (request.formatKind == 3) {
+    if (request.formatKind == FormatKind::Ntfs) {
       Corvo::Filesystem::NtfsFormatOptions ntfs;
       ntfs.versionCode = request.versionCode;
       ntfs.sectorsPerTrack = options.sectorsPerTrack;
@@ -182,13 +185,19 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
   return true;
 }
 
-int commandCreate(SwitchSet& set) {
-  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
-                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
-    message(mkError, "%s", set.errorText().c_str());
-    return 2;
-  }
+namespace {
 
+// What /CRE is asked to do, read from its switches before any disk is looked at.
+struct CreateOrder {
+  enum class Kind { Primary, Extended, Logical } kind = Kind::Primary;
+  CreationRequest request;
+  uint32_t diskIndex = 0;
+  std::optional<std::string> size;  // the /SZ value
+  bool no32 = false, ntFat16 = false, noCE = false;
+};
+
+// Reads and checks the switches; returns 0, or the exit code of a refusal it has reported.
+int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
   const bool pri = set.isPresent(swPRI), ext = set.isPresent(swEXT), log = set.isPresent(swLOG);
   const int kinds = int{pri} + int{ext} + int{log};
   if (kinds > 1) {
@@ -200,10 +209,10 @@ int commandCreate(SwitchSet& set) {
     return 2;
   }
 
-  CreationRequest request;
+  CreationRequest& request = order.request;
   const bool format = set.isPresent(swFOR);
   if (format) {
-    request.formatKind = 1;
+    request.formatKind = FormatKind::FatFull;
     if (ext) message(mkWarning, "/FOR switch ignored for extended DOS partitions");
   }
   if (set.isPresent(swQ)) {
@@ -211,7 +220,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /Q may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 2;
+    request.formatKind = FormatKind::FatQuick;
   }
   std::string value;
   bool hasValue = false;
@@ -221,7 +230,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /NTFS may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 3;
+    request.formatKind = FormatKind::Ntfs;
     if (hasValue) {
       static const struct {
         const char* name;
@@ -247,9 +256,9 @@ int commandCreate(SwitchSet& set) {
     std::string upper = value;
     for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     if (upper == "1MB")
-      request.alignment = 2048;
+      request.alignment = CreationRequest::kMegabyteAlignment;
     else if (upper == "CHS")
-      request.alignment = -1;
+      request.alignment = CreationRequest::kCylinderAlignment;
     else {
       message(mkError, "Invalid NTFS alignment type specified.");
       return 2;
@@ -260,7 +269,7 @@ int commandCreate(SwitchSet& set) {
       message(mkError, "Conflicting switches. /EXT2 may only be used in conjunction with /FOR");
       return 2;
     }
-    request.formatKind = 4;
+    request.formatKind = FormatKind::Ext2;
     request.versionCode = 10;
   }
   if (set.isPresent(swV, &value, &hasValue)) {
@@ -270,11 +279,11 @@ int commandCreate(SwitchSet& set) {
     }
     if (hasValue) {
       // Checked now so that nothing is written for a label the formatter would refuse.
-      if ((request.formatKind == 1 || request.formatKind == 2) &&
+      if ((request.formatKind == FormatKind::FatFull || request.formatKind == FormatKind::FatQuick) &&
           !Corvo::Filesystem::validateVolumeLabel(value, true))
         return 2;
-      if (request.formatKind == 3 && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
-      if (const char* problem = request.formatKind == 4 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
+      if (request.formatKind == FormatKind::Ntfs && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
+      if (const char* problem = request.formatKind == FormatKind::Ext2 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
         message(mkError, "%s", problem);
         return 2;
       }
@@ -288,14 +297,28 @@ int commandCreate(SwitchSet& set) {
     request.letter = static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
   }
 
-  const uint32_t index = parseDiskNumber(set);
-  if (index == kNoDisk) return 2;
-  FixedDisk* disk = findDisk(index);
+  order.kind = pri ? CreateOrder::Kind::Primary : ext ? CreateOrder::Kind::Extended : CreateOrder::Kind::Logical;
+  order.diskIndex = parseDiskNumber(set);
+  if (order.diskIndex == kNoDisk) return 2;
+  if (set.isPresent(swSZ, &value)) order.size = value;
+  order.no32 = set.isPresent(swNo32);
+  order.ntFat16 = set.isPresent(swNTFAT16);
+  order.noCE = set.isPresent(swNoCE);
+  request.placeAtEnd = set.isPresent(swEND);
+  return 0;
+}
+
+// Checks the order against the disk and creates (and formats) the partition.
+int runCreate(CreateOrder& order) {
+  CreationRequest& request = order.request;
+  const bool primaryOrLogical = order.kind != CreateOrder::Kind::Extended;
+  FixedDisk* disk = findDisk(order.diskIndex);
   if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
   PartitionedDisk& layout = *disk->layout;
 
   int sizeMb = 0;
-  if (set.isPresent(swSZ, &value)) {
+  if (order.size) {
+    const std::string& value = *order.size;
     switch (parsePartitionSize(value, layout.drive().blockCount(), sizeMb)) {
       case SizeStatus::Ok: break;
       case SizeStatus::Invalid: message(mkError, "Invalid partition size -- %s", value.c_str()); return 2;
@@ -309,20 +332,36 @@ int commandCreate(SwitchSet& set) {
     if (scanNumberChars(value, percent, c1, c2) == 2 && percent == 100 && layout.displayList().empty())
       request.sizeBlocks = CreationRequest::kLargest;
   }
-  const bool no32 = set.isPresent(swNo32), ntFat16 = set.isPresent(swNTFAT16);
-  if (const char* limit = fatLimitMessage(pri || log, sizeMb, no32, ntFat16)) {
+  if (const char* limit = fatLimitMessage(primaryOrLogical, sizeMb, order.no32, order.ntFat16)) {
     message(mkError, "%s", limit);
     return 2;
   }
-  layout.fat32Support = !no32;
-  layout.ntFat16 = ntFat16;
-  if (set.isPresent(swNoCE)) message(mkWarning, "/-CE switch ignored, switch is redundant");
+  layout.fat32Support = !order.no32;
+  layout.ntFat16 = order.ntFat16;
+  if (order.noCE) message(mkWarning, "/-CE switch ignored, switch is redundant");
   if (request.letter && !Corvo::Disk::kSystemUsesDriveLetters)
     message(mkInformation, "Drive letters are not used on this platform; /LETTER:%c is ignored", request.letter);
-  request.placeAtEnd = set.isPresent(swEND);
 
-  bool ok = pri ? createPrimaryDos(*disk, request) : ext ? createExtendedDos(*disk, request) : createLogicalDos(*disk, request);
+  bool ok = false;
+  switch (order.kind) {
+    case CreateOrder::Kind::Primary: ok = createPrimaryDos(*disk, request); break;
+    case CreateOrder::Kind::Extended: ok = createExtendedDos(*disk, request); break;
+    case CreateOrder::Kind::Logical: ok = createLogicalDos(*disk, request); break;
+  }
   return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int commandCreate(SwitchSet& set) {
+  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
+                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
+    message(mkError, "%s", set.errorText().c_str());
+    return 2;
+  }
+  CreateOrder order;
+  if (int refused = parseCreateSwitches(set, order)) return refused;
+  return runCreate(order);
 }
 
 }  // namespace Kdisk

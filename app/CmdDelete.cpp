@@ -17,6 +17,7 @@ using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
 using Corvo::Disk::WipeExtent;
+using Corvo::Disk::WipeMode;
 using Corvo::Disk::wmCustom;
 using Corvo::Disk::wmDod;
 using Corvo::Disk::wmNone;
@@ -44,7 +45,7 @@ bool removalLeavesNoneActive(const PartitionedDisk& disk, const PartitionNode& n
 }
 
 // Wipes the node (its logical drives' data areas left out when `keep` lists them).
-bool wipeNode(FixedDisk& disk, const PartitionNode& node, int wipeMode, unsigned customCount, const char* failText,
+bool wipeNode(FixedDisk& disk, const PartitionNode& node, WipeMode wipeMode, unsigned customCount, const char* failText,
               const std::vector<WipeExtent>& keep = {}) {
   if (wipeMode == wmNone) return true;
   try {
@@ -87,7 +88,7 @@ void reportNotStartable(const FixedDisk& disk) {
 
 }  // namespace
 
-bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   const bool bootDisk = disk.drive->isBootDisk();
   if (bootDisk && dosExtendedPartition(layout) &&
@@ -101,7 +102,7 @@ bool deletePrimaryDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsign
   return true;
 }
 
-bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   if (node.isHiddenType()) {
     if (message(mkQuestionPrompted,
@@ -119,12 +120,12 @@ bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsig
   return removeNode(disk, node, "Cannot delete extended DOS partition -- %s");
 }
 
-bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteLogicalDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe logical DOS drive -- %s")) return false;
   return removeNode(disk, node, "Cannot delete logical DOS drive -- %s");
 }
 
-bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned customCount) {
+bool deleteNonDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, unsigned customCount) {
   const bool lastActive = disk.drive->isBootDisk() && node.role == PartitionRole::Primary &&
                           removalLeavesNoneActive(*disk.layout, node);
   if (!wipeNode(disk, node, wipeMode, customCount, "Cannot wipe Non-DOS partition -- %s")) return false;
@@ -133,7 +134,7 @@ bool deleteNonDos(FixedDisk& disk, PartitionNode& node, int wipeMode, unsigned c
   return true;
 }
 
-bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount) {
+bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCount) {
   PartitionedDisk& layout = *disk.layout;
   std::vector<PartitionNode*> nodes = layout.displayList();
   if (nodes.empty()) {
@@ -177,7 +178,7 @@ namespace {
 struct DeletionRequest {
   enum class Target { Primary, Extended, Logical, ByNumber, All } target = Target::All;
   int number = 0;  // 0: the first of its kind
-  int wipeMode = wmNone;
+  WipeMode wipeMode = wmNone;
   unsigned customCount = 0;
 };
 
@@ -246,7 +247,8 @@ int parseDeletion(SwitchSet& set, DeletionRequest& request) {
 int runDeletion(FixedDisk& disk, const DeletionRequest& request) {
   using Target = DeletionRequest::Target;
   PartitionedDisk& layout = *disk.layout;
-  const int number = request.number, wipeMode = request.wipeMode;
+  const int number = request.number;
+  const WipeMode wipeMode = request.wipeMode;
   const unsigned passes = request.customCount;
 
   bool ok = false;

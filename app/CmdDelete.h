@@ -4,13 +4,14 @@
 #pragma once
 #include "app/FixedDisks.h"
 #include "disk/PartitionedDisk.h"
+#include "disk/Wipe.h"
 
 namespace Kdisk {
 
-bool deletePrimaryDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteExtendedDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteLogicalDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteNonDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, int wipeMode, unsigned customCount);
-bool deleteAllPartitions(FixedDisk& disk, int wipeMode, unsigned customCount);
+bool deletePrimaryDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, Corvo::Disk::WipeMode wipeMode, unsigned customCount);
+bool deleteExtendedDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, Corvo::Disk::WipeMode wipeMode, unsigned customCount);
+bool deleteLogicalDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, Corvo::Disk::WipeMode wipeMode, unsigned customCount);
+bool deleteNonDos(FixedDisk& disk, Corvo::Disk::PartitionNode& node, Corvo::Disk::WipeMode wipeMode, unsigned customCount);
+bool deleteAllPartitions(FixedDisk& disk, Corvo::Disk::WipeMode wipeMode, unsigned customCount);
 
 }  // namespace Kdisk

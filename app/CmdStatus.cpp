@@ -10,10 +10,10 @@
 #include "app/FixedDisks.h"
 #include "app/CmdStatus.h"
 #include "app/StatusJson.h"
-#include "core/Endian.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "core/Utf.h"
+#include "disk/layout/BiosBootRecord.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
@@ -24,9 +24,6 @@ namespace Kdisk {
 
 using Corvo::Core::Error;
 using Corvo::Core::format;
-using Corvo::Core::get16;
-using Corvo::Core::get32;
-using Corvo::Core::get64;
 using Corvo::Core::message;
 using Corvo::Core::mkError;
 using Corvo::Core::mkWarning;
@@ -48,76 +45,35 @@ struct Content {
   std::string label;
 };
 
-std::string trimRight(std::string s) {
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
-  return s;
-}
-
-// Reads sectors of the partition; false when the range lies outside it or the read fails.
-bool readPartition(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, uint64_t sector, uint64_t count,
-                   std::vector<uint8_t>& buf) {
-  if (count == 0 || sector >= node.blockCount || count > node.blockCount - sector) return false;
-  buf.assign(count * 512, 0);
-  try {
-    drive.read(node.firstBlock + sector, count, buf.data());
-    return true;
-  } catch (const Error&) {
-    return false;
-  }
-}
-
-// The FAT volume label: the root directory's label entry, else the boot sector's copy.
-std::string fatLabel(Corvo::Disk::DiskDrive& drive, const PartitionNode& node, const uint8_t* bs, bool fat32) {
-  uint32_t bytesPerSector = get16(bs + 11), clusterSectors = bs[13], reserved = get16(bs + 14), fats = bs[16];
-  uint32_t rootEntries = get16(bs + 17);
-  uint32_t fatSectors = fat32 ? get32(bs + 36) : get16(bs + 22);
-  if (bytesPerSector == 512 && clusterSectors != 0) {
-    uint64_t dataStart = reserved + uint64_t{fats} * fatSectors;
-    uint64_t rootSector = dataStart, rootSectors = (rootEntries * 32 + 511) / 512;
-    if (fat32) {
-      uint32_t rootCluster = get32(bs + 44);
-      rootSector = rootCluster >= 2 ? dataStart + uint64_t{rootCluster - 2} * clusterSectors : 0;
-      rootSectors = clusterSectors;
-    }
-    rootSectors = std::min<uint64_t>(rootSectors, 64);
-    std::vector<uint8_t> dir;
-    if (rootSector && readPartition(drive, node, rootSector, rootSectors, dir)) {
-      for (size_t off = 0; off + 32 <= dir.size(); off += 32) {
-        const uint8_t* e = dir.data() + off;
-        if (e[0] == 0) break;
-        if (e[0] == 0xE5 || e[11] == 0x0F) continue;
-        if ((e[11] & 0x08) && !(e[11] & 0x10)) return trimRight(std::string(reinterpret_cast<const char*>(e), 11));
-      }
-    }
-  }
-  std::string copy = trimRight(std::string(reinterpret_cast<const char*>(bs + (fat32 ? 71 : 43)), 11));
-  return copy == "NO NAME" ? std::string() : copy;
-}
-
 Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
   Content c;
   if (node.isExtendedType() || node.blockCount == 0) return c;
-  uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, node.blockCount);
-  std::vector<uint8_t> buf;
-  if (!readPartition(drive, node, 0, sectors, buf)) return c;
-  switch (Fs::detectContent(buf.data(), buf.size(), 0)) {
-    case Fs::ccFat12: c.system = "FAT12"; c.label = fatLabel(drive, node, buf.data(), false); break;
-    case Fs::ccFat16: c.system = "FAT16"; c.label = fatLabel(drive, node, buf.data(), false); break;
-    case Fs::ccFat32: c.system = "FAT32"; c.label = fatLabel(drive, node, buf.data(), true); break;
-    case Fs::ccNtfs: {
-      c.system = "NTFS/HPFS";
-      Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, node.blockCount);
-      c.label = Fs::ntfsVolumeLabel(partition);
-      break;
+  // A partition that reaches past the end of the disk is read as far as the disk goes; one
+  // whose start cannot be read shows no content.
+  if (node.firstBlock >= drive.blockCount()) return c;
+  const uint64_t count = std::min<uint64_t>(node.blockCount, drive.blockCount() - node.firstBlock);
+  try {
+    Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, count);
+    const uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, count);
+    std::vector<uint8_t> buf(sectors * 512, 0);
+    partition.read(0, sectors, buf.data());
+    const unsigned code = Fs::detectContent(buf.data(), buf.size(), 0);
+    switch (code) {
+      case Fs::ctFat12: c.system = "FAT12"; c.label = Fs::fatVolumeLabel(partition, false); break;
+      case Fs::ctFat16: c.system = "FAT16"; c.label = Fs::fatVolumeLabel(partition, false); break;
+      case Fs::ctFat32: c.system = "FAT32"; c.label = Fs::fatVolumeLabel(partition, true); break;
+      case Fs::ctNtfs: c.system = "NTFS/HPFS"; c.label = Fs::ntfsVolumeLabel(partition); break;
+      case Fs::ctLinuxSwap: c.system = "LINUX SWAP"; break;
+      case Fs::ctExt2:
+      case Fs::ctExt3:
+        c.system = code == Fs::ctExt3 ? "EXT3FS" : "EXT2FS";
+        c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
+        break;
+      case Fs::ctReiser: c.system = "REISERFS"; break;
+      default: break;
     }
-    case Fs::ccLinuxSwap: c.system = "LINUX SWAP"; break;
-    case Fs::ccExt2:
-    case Fs::ccExt3:
-      c.system = buf[1116] & 0x4 ? "EXT3FS" : "EXT2FS";
-      c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
-      break;
-    case Fs::ccReiser: c.system = "REISERFS"; break;
-    default: break;
+  } catch (const Error&) {
+    return Content{};
   }
   // Labels are shown in one column; keep them printable and short.
   for (char& ch : c.label)
@@ -248,22 +204,22 @@ void printRawTables(FixedDisk& d, bool lba) {
   auto tables = d.layout->rawTables();
   for (size_t i = 0; i < tables.size(); ++i) {
     const auto& t = tables[i];
-    const uint8_t* b = t.bytes.data();
-    uint16_t sig = get16(b + 510);
+    const Corvo::Disk::BiosBootRecord record(true, 4, t.bytes.data());
+    const uint16_t sig = record.getSignature();
     print("\n%s at sector %llu%s:\n", i == 0 ? "Master boot record" : "Extended boot record",
-          static_cast<unsigned long long>(t.block), sig == 0xAA55 ? "" : format(" (no 55 AA signature: %04X)", sig).c_str());
+          static_cast<unsigned long long>(t.block), record.hasSignature() ? "" : format(" (no 55 AA signature: %04X)", sig).c_str());
     if (lba)
       print("Slot  Boot  Type         Start         Count\n");
     else
       print("Slot  Boot  Type  Start Cyl Head Sec    End Cyl Head Sec\n");
-    for (int s = 0; s < 4; ++s) {
-      const uint8_t* e = b + 446 + 16 * s;
+    for (unsigned s = 0; s < 4; ++s) {
+      const unsigned status = record.getStatus(s), type = record.getType(s);
       if (lba) {
-        print("%4d    %02X    %02X  %12u  %12u\n", s + 1, e[0], e[4], get32(e + 8), get32(e + 12));
+        print("%4u    %02X    %02X  %12u  %12u\n", s + 1, status, type, record.getStartBlock(s), record.getBlockCount(s));
       } else {
-        unsigned sc = e[3] | ((e[2] & 0xC0u) << 2), ec = e[7] | ((e[6] & 0xC0u) << 2);
-        print("%4d    %02X    %02X  %9u %4u %3u  %9u %4u %3u\n", s + 1, e[0], e[4], sc, e[1], e[2] & 0x3Fu, ec, e[5],
-              e[6] & 0x3Fu);
+        const Corvo::Disk::Chs a = record.getSlotChs(s, false), z = record.getSlotChs(s, true);
+        print("%4u    %02X    %02X  %9u %4u %3u  %9u %4u %3u\n", s + 1, status, type, a.cylinder, a.head, a.sector,
+              z.cylinder, z.head, z.sector);
       }
     }
   }

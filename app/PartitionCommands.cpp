@@ -3,6 +3,9 @@
 #include <cctype>
 #include <climits>
 
+#include "disk/layout/GptGuid.h"
+#include "disk/layout/PartitionTypes.h"
+
 namespace Kdisk {
 
 using Corvo::Disk::PartitionedDisk;
@@ -23,10 +26,7 @@ bool isDosType(uint8_t type) {
 bool isPrimaryDos(const PartitionedDisk& disk, const PartitionNode& node) {
   if (node.role != PartitionRole::Primary) return false;
   if (disk.scheme() == PartitionScheme::Gpt) {
-    // Basic data partition, EBD0A0A2-B9E5-4433-87C0-68B6B72699C7, in its on-disk byte order.
-    static const Corvo::Disk::GuidBytes basicData = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
-                                                     0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
-    return node.typeGuid == basicData;
+    return node.typeGuid == Corvo::Disk::gptTypeMicrosoftBasicData();
   }
   return isDosType(node.type);
 }
@@ -47,7 +47,9 @@ PartitionNode* dosExtendedPartition(const PartitionedDisk& disk) {
   if (disk.scheme() != PartitionScheme::Mbr) return nullptr;
   for (const auto& root : disk.roots()) {
     uint8_t t = root->type;
-    if (t == 0x05 || t == 0x0F || t == 0x15 || t == 0x1F) return root.get();
+    if (Corvo::Disk::visibleFormOfType(t) == Corvo::Disk::kTypeExtended ||
+        Corvo::Disk::visibleFormOfType(t) == Corvo::Disk::kTypeExtendedLba)
+      return root.get();
   }
   return nullptr;
 }
@@ -109,17 +111,18 @@ const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool n
   return nullptr;
 }
 
-int fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
+Corvo::Filesystem::FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
+  using namespace Corvo::Disk;
   switch (type) {
-    case 0x01: return 0;
-    case 0x04: case 0x06: case 0x0E: return 1;
-    case 0x0B: case 0x0C: return 2;
+    case kTypeFat12: return Corvo::Filesystem::ftFat12;
+    case kTypeFat16Small: case kTypeFat16: case kTypeFat16Lba: return Corvo::Filesystem::ftFat16;
+    case kTypeFat32: case kTypeFat32Lba: return Corvo::Filesystem::ftFat32;
     default: break;
   }
   const bool fat32Allowed = fat32Support && !ntFat16;
-  if (blocks < 32774) return 0;
-  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return 2;
-  return 1;
+  if (blocks < 32774) return Corvo::Filesystem::ftFat12;
+  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return Corvo::Filesystem::ftFat32;
+  return Corvo::Filesystem::ftFat16;
 }
 
 }  // namespace Kdisk

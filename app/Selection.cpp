@@ -100,7 +100,7 @@ CommandCode selectCommand(SwitchSet& set) {
     message(mkError, "Conflicting switches. Specify either /Y or /SURE");
     raiseExitCode(2);
   }
-  if (yes || sure) setPromptMode(0);
+  if (yes || sure) setPromptMode(Corvo::Core::pmAnswerYes);
   return code;
 }
 
@@ -131,7 +131,7 @@ int runCommandBody(CommandCode code, SwitchSet& set) {
 }
 
 int runSingleCommand(SwitchSet& set) {
-  setPromptMode(2);
+  setPromptMode(Corvo::Core::pmAsk);
   CommandCode code = selectCommand(set);
   if (code == ccHelpShown) return 0;
   int result;

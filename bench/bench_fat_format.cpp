@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
         SparseImage image(ours, c.bytes / 512);
         auto start = std::chrono::steady_clock::now();
         try {
-          Corvo::Filesystem::formatFat(image, c.type, {});
+          Corvo::Filesystem::formatFat(image, Corvo::Filesystem::FatType(c.type), {});
         } catch (const Corvo::Core::Error& e) {
           ok = false;
           std::printf("%-14s formatter failed: %s %s\n", c.name, e.what(), quiet->errors.c_str());

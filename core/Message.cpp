@@ -21,7 +21,7 @@
 namespace Corvo::Core {
 namespace {
 
-PromptMode gPromptMode = 2;
+PromptMode gPromptMode = pmAsk;
 
 bool isTerminal(FILE* f) {
 #if defined(_WIN32)
@@ -216,8 +216,8 @@ int message(MessageKind kind, const char* fmt, ...) {
     case mkWarning: s.warning(text); return 0;
     case mkInformation: s.information(text); return 0;
     case mkQuestionPrompted:
-      if (gPromptMode == 0) return 1;
-      if (gPromptMode == 1) return 2;
+      if (gPromptMode == pmAnswerYes) return 1;
+      if (gPromptMode == pmAnswerNo) return 2;
       [[fallthrough]];
     case mkQuestion: return s.question(text) ? 1 : 2;
   }

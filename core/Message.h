@@ -19,8 +19,8 @@ namespace Corvo::Core {
 
 enum MessageKind : unsigned { mkError = 0, mkWarning = 1, mkInformation = 2, mkQuestion = 3, mkQuestionPrompted = 4 };
 
-// How yes/no questions are answered: 0 yes without asking, 1 no without asking, 2 ask.
-using PromptMode = unsigned;
+// How yes/no questions are answered.
+enum PromptMode : unsigned { pmAnswerYes = 0, pmAnswerNo = 1, pmAsk = 2 };
 PromptMode getPromptMode();
 PromptMode setPromptMode(PromptMode mode);  // returns the previous mode
 

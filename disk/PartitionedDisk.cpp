@@ -40,9 +40,9 @@ std::string reportOsLayout(DiskDrive& drive, const OsLayout& layout) {
 }
 
 bool PartitionNode::isExtendedType() const {
-  return type == 0x05 || type == 0x0F || type == 0x85 || type == 0x15 || type == 0x1F;
+  return isExtendedClassType(visibleFormOfType(type));
 }
-bool PartitionNode::isDosExtended() const { return type == 0x05 || type == 0x0F; }
+bool PartitionNode::isDosExtended() const { return type == kTypeExtended || type == kTypeExtendedLba; }
 bool PartitionNode::isHiddenType() const { return lookupPartitionType(type).hidden; }
 
 const PartitionNode* PartitionNode::extendedContainer() const {

@@ -58,16 +58,21 @@ struct TableFacts {
   std::vector<std::string> problems;
 };
 
+// The filesystem a created partition is formatted with.
+enum class FormatKind : int { None = 0, FatFull = 1, FatQuick = 2, Ntfs = 3, Ext2 = 4 };
+
 // A request to create a partition (as the creation command builds it).
 struct CreationRequest {
+  static constexpr int64_t kCylinderAlignment = -1;  // align to cylinders (and tracks)
+  static constexpr int64_t kMegabyteAlignment = 2048;
   static constexpr uint64_t kLargest = 0xFFFFFFFFull;  // as large as the free space allows
   uint64_t sizeBlocks = kLargest;
   bool placeAtEnd = false;
-  int formatKind = 0;   // 0 none, 1 FAT full, 2 FAT quick, 3 NTFS, 4 ext2
+  FormatKind formatKind = FormatKind::None;
   int versionCode = 9;  // NTFS 5..9, ext2 10
   std::string label;
   char letter = 0;
-  int64_t alignment = -1;  // -1 cylinder alignment, 2048 for 1 MB
+  int64_t alignment = kCylinderAlignment;  // or a unit in sectors, kMegabyteAlignment for 1 MB
   uint64_t largestAvailable = 0;  // out: the largest size that would have fitted, in sectors
 };
 

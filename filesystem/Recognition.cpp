@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "core/Endian.h"
+#include "disk/BlockDevice.h"
+#include "filesystem/ext2/Ext2Structures.h"
+#include "filesystem/fat/FatStructures.h"
+#include "filesystem/ntfs/NtfsStructures.h"
 
 namespace Corvo::Filesystem {
 
@@ -31,8 +36,10 @@ class Content {
 };
 
 bool isNtfs(const Content& c) {
-  if (!c.equals(3, "NTFS    ", 8)) return false;
-  const unsigned s = c.byte(13), r = c.byte(64), x = c.byte(68);
+  namespace Boot = Ntfs::Boot;
+  if (!c.equals(Boot::kOemOffset, "NTFS    ", 8)) return false;
+  const unsigned s = c.byte(Boot::SectorsPerCluster::offset), r = c.byte(Boot::ClustersPerRecord::offset),
+                 x = c.byte(Boot::ClustersPerIndexBlock::offset);
   // File records of 1 KB (2 sectors) and index buffers of 4 KB (8 sectors), given either as
   // clusters or, when a cluster is larger, as a negative power of two of bytes.
   bool fileRecord = s < 3 ? r * s == 2 : r == 0xF6;
@@ -41,12 +48,13 @@ bool isNtfs(const Content& c) {
 }
 
 unsigned bootSectorTests(const Content& c) {
-  if (isNtfs(c)) return ccNtfs;
-  if (c.equals(54, "FAT12   ", 8)) return ccFat12;
-  if (c.equals(54, "FAT16   ", 8)) return ccFat16;
-  if (c.equals(82, "FAT32   ", 8)) return ccFat32;
-  if (c.equals(0, "OVLM", 4)) return ccOvlm;
-  return ccNothing;
+  if (isNtfs(c)) return ctNtfs;
+  constexpr size_t small = FatBootSectorView::typeNameAt(false), large = FatBootSectorView::typeNameAt(true);
+  if (c.equals(small, "FAT12   ", 8)) return ctFat12;
+  if (c.equals(small, "FAT16   ", 8)) return ctFat16;
+  if (c.equals(large, "FAT32   ", 8)) return ctFat32;
+  if (c.equals(0, "OVLM", 4)) return ctOvlm;
+  return ctNothing;
 }
 
 bool isSwap(const Content& c) {
@@ -73,19 +81,21 @@ std::string trimmed(const uint8_t* p, size_t n) {
 }  // namespace
 
 unsigned detectContent(const uint8_t* buffer, size_t length, unsigned mode) {
-  if (mode == 1002) return ccNoTest;
-  if (mode != 0 && mode != 1000 && mode != 1001) return ccNothing;
+  if (mode == 1002) return ctNoTest;
+  if (mode != 0 && mode != 1000 && mode != 1001) return ctNothing;
   const Content c(buffer, length);
   if (mode == 0 || mode == 1000) {
     unsigned r = bootSectorTests(c);
-    if (r != ccNothing) return r;
-    if (mode == 1000) return ccNothing;
+    if (r != ctNothing) return r;
+    if (mode == 1000) return ctNothing;
   }
-  if (isSwap(c)) return ccLinuxSwap;
-  if (isLvm2(c)) return ccNothing;
-  if (c.byte(1080) == 0x53 && c.byte(1081) == 0xEF) return (c.byte(1116) & 0x4) ? ccExt3 : ccExt2;
-  if (c.equals(65588, "ReIsEr2Fs", 9)) return ccReiser;
-  return ccNothing;
+  if (isSwap(c)) return ctLinuxSwap;
+  if (isLvm2(c)) return ctNothing;
+  const size_t super = Ext2::kSuperblockOffset;
+  if ((c.u32(super + Ext2::Super::magic.offset) & 0xFFFF) == Ext2::kMagic)
+    return (c.u32(super + Ext2::Super::featureCompat.offset) & Ext2::kCompatHasJournal) ? ctExt3 : ctExt2;
+  if (c.equals(65588, "ReIsEr2Fs", 9)) return ctReiser;
+  return ctNothing;
 }
 
 const char* filesystemTypeName(int id) {
@@ -98,29 +108,85 @@ const char* filesystemTypeName(int id) {
 
 int filesystemTypeOfContent(unsigned code) {
   switch (code) {
-    case ccFat12: return fsfFat12;
-    case ccFat16: return fsfFat16;
-    case ccFat32: return fsfFat32;
-    case ccNtfs: return fsfNtfs;
-    case ccLinuxSwap: return fsfLinuxSwap;
-    case ccExt2: return fsfExt2;
-    case ccExt3: return fsfExt3;
-    case ccReiser: return fsfReiser;
+    case ctFat12: return fsfFat12;
+    case ctFat16: return fsfFat16;
+    case ctFat32: return fsfFat32;
+    case ctNtfs: return fsfNtfs;
+    case ctLinuxSwap: return fsfLinuxSwap;
+    case ctExt2: return fsfExt2;
+    case ctExt3: return fsfExt3;
+    case ctReiser: return fsfReiser;
     default: return -1;
   }
 }
 
 std::string volumeLabelOf(const uint8_t* buffer, size_t length) {
-  if (!buffer || length < 512) return {};
+  if (!buffer || length < FatBootSectorView::kSize) return {};
+  const FatBootSectorView bs(buffer);
+  const size_t n = FatBootSectorView::kLabelSize;
   std::string label;
-  if (Core::bytesEqual(buffer + 82, "FAT32   ", 8) && buffer[66] == 0x29)
-    label = trimmed(buffer + 71, 11);
-  else if ((Core::bytesEqual(buffer + 54, "FAT12   ", 8) || Core::bytesEqual(buffer + 54, "FAT16   ", 8)) &&
-           buffer[38] == 0x29)
-    label = trimmed(buffer + 43, 11);
+  if (bs.typeNameIs(true, "FAT32   ") && bs.bootSignature(true) == FatBootSectorView::kExtendedSignature)
+    label = trimmed(bs.label(true), n);
+  else if ((bs.typeNameIs(false, "FAT12   ") || bs.typeNameIs(false, "FAT16   ")) &&
+           bs.bootSignature(false) == FatBootSectorView::kExtendedSignature)
+    label = trimmed(bs.label(false), n);
   // NTFS keeps its label in the $Volume file, not in the boot sector: not read here.
   if (label == "NO NAME") label.clear();
   return label;
+}
+
+namespace {
+
+// Reads sectors of the device; false when the range lies outside it or the read fails.
+bool readSectors(Disk::BlockDevice& device, uint64_t first, uint64_t count, std::vector<uint8_t>& buf) {
+  if (count == 0 || first >= device.blockCount() || count > device.blockCount() - first) return false;
+  buf.assign(count * FatBootSectorView::kSize, 0);
+  try {
+    device.read(first, count, buf.data());
+    return true;
+  } catch (const Core::Error&) {
+    return false;
+  }
+}
+
+std::string trimmedName(const uint8_t* p, size_t n) {
+  std::string s(reinterpret_cast<const char*>(p), n);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
+  return s;
+}
+
+}  // namespace
+
+std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32) {
+  std::vector<uint8_t> boot;
+  if (!readSectors(device, 0, 1, boot)) return {};
+  const FatBootSectorView bs(boot.data());
+  const uint32_t clusterSectors = bs.sectorsPerCluster();
+  if (bs.bytesPerSector() == FatBootSectorView::kSize && clusterSectors != 0) {
+    const uint32_t fatSectors = fat32 ? bs.sectorsPerFat32() : bs.sectorsPerFat16();
+    const uint64_t dataStart = bs.reservedSectors() + uint64_t{bs.fatCount()} * fatSectors;
+    uint64_t rootSector = dataStart;
+    uint64_t rootSectors = (uint64_t{bs.rootEntries()} * FatDirEntry::kSize + 511) / 512;
+    if (fat32) {
+      const uint32_t rootCluster = bs.rootCluster();
+      rootSector = rootCluster >= 2 ? dataStart + uint64_t{rootCluster - 2} * clusterSectors : 0;
+      rootSectors = clusterSectors;
+    }
+    rootSectors = std::min<uint64_t>(rootSectors, 64);
+    std::vector<uint8_t> dir;
+    if (rootSector && readSectors(device, rootSector, rootSectors, dir)) {
+      for (size_t off = 0; off + FatDirEntry::kSize <= dir.size(); off += FatDirEntry::kSize) {
+        const uint8_t* e = dir.data() + off;
+        const uint8_t first = e[FatDirEntry::kNameAt], attributes = e[FatDirEntry::kAttributesAt];
+        if (first == FatDirEntry::kEndMark) break;
+        if (first == FatDirEntry::kDeletedMark || attributes == FatDirEntry::kAttrLongName) continue;
+        if ((attributes & FatDirEntry::kAttrVolumeLabel) && !(attributes & FatDirEntry::kAttrDirectory))
+          return trimmedName(e + FatDirEntry::kNameAt, FatDirEntry::kNameSize);
+      }
+    }
+  }
+  const std::string copy = trimmedName(bs.label(fat32), FatBootSectorView::kLabelSize);
+  return copy == "NO NAME" ? std::string() : copy;
 }
 
 }  // namespace Corvo::Filesystem

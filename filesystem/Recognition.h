@@ -4,23 +4,27 @@
 #include <cstdint>
 #include <string>
 
+namespace Corvo::Disk {
+class BlockDevice;
+}
+
 namespace Corvo::Filesystem {
 
 // Bytes of the partition's start that detectContent looks at (the highest offset read is 65596).
 inline constexpr size_t kContentBytes = 65597;
 
 enum ContentCode : unsigned {
-  ccNothing = 0,  // also an LVM2 physical volume label
-  ccFat12 = 3,
-  ccFat16 = 4,
-  ccFat32 = 5,
-  ccNtfs = 6,
-  ccLinuxSwap = 7,
-  ccExt2 = 8,
-  ccExt3 = 9,
-  ccReiser = 10,
-  ccOvlm = 11,
-  ccNoTest = 20012,
+  ctNothing = 0,  // also an LVM2 physical volume label
+  ctFat12 = 3,
+  ctFat16 = 4,
+  ctFat32 = 5,
+  ctNtfs = 6,
+  ctLinuxSwap = 7,
+  ctExt2 = 8,
+  ctExt3 = 9,
+  ctReiser = 10,
+  ctOvlm = 11,
+  ctNoTest = 20012,
 };
 
 enum FilesystemType : int {
@@ -39,5 +43,9 @@ int filesystemTypeOfContent(unsigned code);
 // The volume label in a FAT boot sector (trimmed; empty for "NO NAME", for no label and for
 // anything that is not a FAT boot sector).
 std::string volumeLabelOf(const uint8_t* buffer, size_t length);
+// The label of the FAT volume on the device: the root directory's label entry, else the boot
+// sector's copy ("NO NAME" counting as none). fat32 tells which boot sector layout to read.
+// Empty when nothing can be read; never throws.
+std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32);
 
 }  // namespace Corvo::Filesystem

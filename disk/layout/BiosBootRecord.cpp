@@ -17,8 +17,28 @@ namespace Corvo::Disk {
 using Core::Error;
 using Core::ErrorId;
 
+namespace {
+// Fields of the record and of one slot, by offset.
+constexpr size_t kWindows9xGuardAt = 218, kWindows9xIdAt = 220, kWindowsNtIdAt = 440, kSignatureAt = 510;
+constexpr size_t kSlotStatus = 0, kSlotStartChs = 1, kSlotType = 4, kSlotEndChs = 5, kSlotStartBlock = 8,
+                 kSlotBlockCount = 12;
+constexpr uint8_t kActiveStatus = 0x80;
+
+// A CHS triple: head, then sector in the low 6 bits with cylinder bits 8-9 above them, then
+// cylinder bits 0-7.
+Chs unpackChs(const uint8_t* p) {
+  return Chs{static_cast<uint32_t>(p[2]) | (static_cast<uint32_t>(p[1] & 0xC0) << 2), p[0], p[1] & 0x3Fu};
+}
+void packChs(uint8_t* p, const Chs& c) {
+  p[0] = static_cast<uint8_t>(c.head);
+  p[1] = static_cast<uint8_t>((c.sector & 0x3F) | ((c.cylinder >> 2) & 0xC0));
+  p[2] = static_cast<uint8_t>(c.cylinder);
+}
+const Chs kProtectiveStart{0, 0, 2}, kProtectiveEnd{1023, 255, 63};
+}  // namespace
+
 BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount) : slotCount_(slotCount), hasTable_(hasTable) {
-  Core::put16(bytes_.data() + 510, kSignature);
+  setSignature();
 }
 
 BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount, const uint8_t* image)
@@ -26,7 +46,9 @@ BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount, const uint8_t*
   if (image) std::memcpy(bytes_.data(), image, kSize);
 }
 
-bool BiosBootRecord::hasSignature() const { return Core::get16(bytes_.data() + 510) == kSignature; }
+bool BiosBootRecord::hasSignature() const { return getSignature() == kSignature; }
+uint16_t BiosBootRecord::getSignature() const { return Core::get16(bytes_.data() + kSignatureAt); }
+void BiosBootRecord::setSignature() { Core::put16(bytes_.data() + kSignatureAt, kSignature); }
 bool BiosBootRecord::isAllZero() const {
   return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; });
 }
@@ -37,38 +59,48 @@ bool BiosBootRecord::isSlotEmpty(unsigned slot) const {
   return std::all_of(p, p + kSlotSize, [](uint8_t b) { return b == 0; });
 }
 
-uint8_t BiosBootRecord::getType(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[4] : 0; }
+uint8_t BiosBootRecord::getType(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[kSlotType] : 0; }
 void BiosBootRecord::setType(unsigned slot, uint8_t type) {
-  if (addressable(slot)) slotPtr(slot)[4] = type;
+  if (addressable(slot)) slotPtr(slot)[kSlotType] = type;
 }
-uint8_t BiosBootRecord::getStatus(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[0] : 0; }
-bool BiosBootRecord::isActive(unsigned slot) const { return hasTable_ && getStatus(slot) == 0x80; }
+uint8_t BiosBootRecord::getStatus(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[kSlotStatus] : 0; }
+bool BiosBootRecord::isActive(unsigned slot) const { return hasTable_ && getStatus(slot) == kActiveStatus; }
 
 void BiosBootRecord::setActive(unsigned slot) {
   if (!hasTable_ || !addressable(slot)) return;
-  for (unsigned i = 0; i < slotCount_ && i < kMaxSlots; ++i) slotPtr(i)[0] = 0;
-  slotPtr(slot)[0] = 0x80;
+  for (unsigned i = 0; i < slotCount_ && i < kMaxSlots; ++i) slotPtr(i)[kSlotStatus] = 0;
+  slotPtr(slot)[kSlotStatus] = kActiveStatus;
 }
 
 void BiosBootRecord::deactivate(unsigned slot) {
-  if (addressable(slot)) slotPtr(slot)[0] = 0;
+  if (addressable(slot)) slotPtr(slot)[kSlotStatus] = 0;
 }
 
-uint32_t BiosBootRecord::getStartBlock(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + 8) : 0; }
-uint32_t BiosBootRecord::getBlockCount(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + 12) : 0; }
+uint32_t BiosBootRecord::getStartBlock(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + kSlotStartBlock) : 0; }
+uint32_t BiosBootRecord::getBlockCount(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + kSlotBlockCount) : 0; }
 
 Chs BiosBootRecord::getSlotChs(unsigned slot, bool end) const {
   if (!addressable(slot)) return {};
-  const uint8_t* p = slotPtr(slot) + (end ? 5 : 1);
-  Chs c;
-  c.head = p[0];
-  c.sector = p[1] & 0x3F;
-  c.cylinder = static_cast<uint32_t>(p[2]) | (static_cast<uint32_t>(p[1] & 0xC0) << 2);
-  return c;
+  return unpackChs(slotPtr(slot) + (end ? kSlotEndChs : kSlotStartChs));
 }
 
 void BiosBootRecord::clearSlot(unsigned slot) {
   if (addressable(slot)) std::memset(slotPtr(slot), 0, kSlotSize);
+}
+
+void BiosBootRecord::setProtectiveSlot(unsigned slot, uint32_t blockCount) {
+  if (!addressable(slot)) return;
+  uint8_t* p = slotPtr(slot);
+  p[kSlotStatus] = 0;
+  packChs(p + kSlotStartChs, kProtectiveStart);
+  p[kSlotType] = kTypeGptProtective;
+  packChs(p + kSlotEndChs, kProtectiveEnd);
+  Core::put32(p + kSlotStartBlock, 1);
+  Core::put32(p + kSlotBlockCount, blockCount);
+}
+
+bool BiosBootRecord::isProtectiveSlot(unsigned slot, uint32_t blockCount) const {
+  return getType(slot) == kTypeGptProtective && getStartBlock(slot) == 1 && getBlockCount(slot) == blockCount;
 }
 
 uint32_t BiosBootRecord::maxoutCylinder(uint8_t type) {
@@ -91,14 +123,6 @@ Chs BiosBootRecord::blockToChs(uint64_t block, uint8_t type, uint32_t heads, uin
              static_cast<uint32_t>(rest % sectorsPerTrack + 1)};
 }
 
-namespace {
-void packChs(uint8_t* p, const Chs& c) {
-  p[0] = static_cast<uint8_t>(c.head);
-  p[1] = static_cast<uint8_t>((c.sector & 0x3F) | ((c.cylinder >> 2) & 0xC0));
-  p[2] = static_cast<uint8_t>(c.cylinder);
-}
-}  // namespace
-
 void BiosBootRecord::setSlot(unsigned slot, uint64_t startBlock, uint64_t blockCount, uint8_t type, uint32_t heads,
                              uint32_t sectorsPerTrack, uint64_t chsBase) {
   if (!addressable(slot)) return;
@@ -114,12 +138,12 @@ void BiosBootRecord::setSlot(unsigned slot, uint64_t startBlock, uint64_t blockC
   }
   Chs end = blockToChs(chsBase + startBlock + blockCount - 1, type, heads, sectorsPerTrack);
   uint8_t* p = slotPtr(slot);
-  p[0] = 0;
-  packChs(p + 1, start);
-  p[4] = type;
-  packChs(p + 5, end);
-  Core::put32(p + 8, static_cast<uint32_t>(startBlock));
-  Core::put32(p + 12, static_cast<uint32_t>(blockCount));
+  p[kSlotStatus] = 0;
+  packChs(p + kSlotStartChs, start);
+  p[kSlotType] = type;
+  packChs(p + kSlotEndChs, end);
+  Core::put32(p + kSlotStartBlock, static_cast<uint32_t>(startBlock));
+  Core::put32(p + kSlotBlockCount, static_cast<uint32_t>(blockCount));
 }
 
 const std::vector<KnownBootCode>& knownBootCodes() {
@@ -139,16 +163,16 @@ bool BiosBootRecord::isBootCodeRecognised() const { return matchesKnownBootCode(
 
 bool BiosBootRecord::is9xIdAvailable() const { return is9xIdAvailable(knownBootCodes()); }
 bool BiosBootRecord::is9xIdAvailable(const std::vector<KnownBootCode>& known) const {
-  return bytes_[218] == 0 && bytes_[219] == 0 && matchesKnownBootCode(bytes_.data(), known);
+  return bytes_[kWindows9xGuardAt] == 0 && bytes_[kWindows9xGuardAt + 1] == 0 && matchesKnownBootCode(bytes_.data(), known);
 }
-uint32_t BiosBootRecord::getWindows9xId() const { return Core::get32(bytes_.data() + 220); }
+uint32_t BiosBootRecord::getWindows9xId() const { return Core::get32(bytes_.data() + kWindows9xIdAt); }
 void BiosBootRecord::setWindows9xId(uint32_t id) {
-  if (is9xIdAvailable()) Core::put32(bytes_.data() + 220, id);
+  if (is9xIdAvailable()) Core::put32(bytes_.data() + kWindows9xIdAt, id);
 }
 void BiosBootRecord::regenerateWindows9xId() { setWindows9xId(newDiskIdentifier()); }
 
-uint32_t BiosBootRecord::getWindowsNtId() const { return Core::get32(bytes_.data() + 440); }
-void BiosBootRecord::setWindowsNtId(uint32_t id) { Core::put32(bytes_.data() + 440, id); }
+uint32_t BiosBootRecord::getWindowsNtId() const { return Core::get32(bytes_.data() + kWindowsNtIdAt); }
+void BiosBootRecord::setWindowsNtId(uint32_t id) { Core::put32(bytes_.data() + kWindowsNtIdAt, id); }
 
 std::vector<uint8_t> BiosBootRecord::getBootCode() const {
   return std::vector<uint8_t>(bytes_.begin(), bytes_.begin() + static_cast<long>(bootCodeSize()));

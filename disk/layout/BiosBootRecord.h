@@ -44,6 +44,8 @@ class BiosBootRecord {
   const uint8_t* data() const { return bytes_.data(); }
   uint8_t* data() { return bytes_.data(); }
   bool hasSignature() const;
+  uint16_t getSignature() const;  // the word at 510 as stored
+  void setSignature();
   bool isAllZero() const;
 
   // Slot access; an index of 4 or more selects no slot (reads give zero, writes do nothing).
@@ -58,6 +60,10 @@ class BiosBootRecord {
   uint32_t getBlockCount(unsigned slot) const;
   Chs getSlotChs(unsigned slot, bool end) const;
   void clearSlot(unsigned slot);
+  // The protective slot of a GPT disk: type 0xEE from block 1 over blockCount blocks, CHS
+  // from 0/0/2 to the largest triple.
+  void setProtectiveSlot(unsigned slot, uint32_t blockCount);
+  bool isProtectiveSlot(unsigned slot, uint32_t blockCount) const;
   // Writes a slot: status 0, both CHS triples, the type (switched to its LBA form when the
   // start lies beyond the CHS limit and the type is cylinder-limited), start and count.
   // chsBase is added to startBlock for the CHS triples only (extended boot records store

@@ -9,7 +9,9 @@
 #include "core/Interrupt.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/BiosBootRecord.h"
 #include "disk/layout/GptGuid.h"
+#include "disk/layout/PartitionTypes.h"
 
 namespace Corvo::Disk {
 
@@ -19,8 +21,6 @@ using Core::format;
 
 namespace {
 constexpr uint64_t kAlignment = 2048;  // 1 MiB in 512-byte sectors
-constexpr uint8_t kProtectiveType = 0xEE;
-constexpr size_t kSlotTable = 446;
 
 uint64_t roundUp(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
 
@@ -89,16 +89,12 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
         .with("blocks", std::to_string(blocks));
 
   // Everything is built before the first write.
-  std::array<uint8_t, 512> mbr{};
-  drive.read(0, 1, mbr.data());
-  std::memset(mbr.data() + kSlotTable, 0, 64);
-  uint8_t* e = mbr.data() + kSlotTable;
-  const uint8_t entry[8] = {0x00, 0x00, 0x02, 0x00, kProtectiveType, 0xFF, 0xFF, 0xFF};
-  std::memcpy(e, entry, sizeof entry);
-  Core::put32(e + 8, 1);
-  Core::put32(e + 12, static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull)));
-  mbr[510] = 0x55;
-  mbr[511] = 0xAA;
+  std::array<uint8_t, 512> sector0{};
+  drive.read(0, 1, sector0.data());
+  BiosBootRecord mbr(true, 4, sector0.data());
+  for (unsigned s = 0; s < 4; ++s) mbr.clearSlot(s);
+  mbr.setProtectiveSlot(0, static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull)));
+  mbr.setSignature();
 
   primary.linkAlternate(&backup);
   for (GptHeader* h : {&primary, &backup}) {
@@ -349,23 +345,17 @@ void PartitionedDiskGpt::writeTables() {
   // holds now, not with what was read, so that a sector 0 overwritten since (a wipe of an entry
   // that covers it) is put back.
   const uint32_t cover = static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull));
-  uint8_t* slots = mbr_.data() + kSlotTable;
+  BiosBootRecord record(true, 4, mbr_.data());
   int ee = -1;
-  for (int s = 0; s < 4; ++s)
-    if (slots[16 * s + 4] == kProtectiveType) ee = s;
+  for (unsigned s = 0; s < 4; ++s)
+    if (record.getType(s) == kTypeGptProtective) ee = static_cast<int>(s);
   if (ee < 0) {
-    std::memset(slots, 0, 64);
+    for (unsigned s = 0; s < 4; ++s) record.clearSlot(s);
     ee = 0;
   }
-  uint8_t* e = slots + 16 * ee;
-  if (e[4] != kProtectiveType || Core::get32(e + 8) != 1 || Core::get32(e + 12) != cover) {
-    const uint8_t entry[8] = {0x00, 0x00, 0x02, 0x00, kProtectiveType, 0xFF, 0xFF, 0xFF};
-    std::memcpy(e, entry, sizeof entry);
-    Core::put32(e + 8, 1);
-    Core::put32(e + 12, cover);
-  }
-  mbr_[510] = 0x55;
-  mbr_[511] = 0xAA;
+  if (!record.isProtectiveSlot(static_cast<unsigned>(ee), cover)) record.setProtectiveSlot(static_cast<unsigned>(ee), cover);
+  record.setSignature();
+  std::memcpy(mbr_.data(), record.data(), mbr_.size());
   std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
   drive_.read(0, unit_, sector.data());
   if (!std::equal(mbr_.begin(), mbr_.end(), sector.begin())) {
@@ -463,7 +453,7 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
     for (const Gap& g : gaps) request.largestAvailable = std::max(request.largestAvailable, g.size());
     return nullptr;
   }
-  return addEntry(index, placed.start, placed.size(), request.formatKind == 4);
+  return addEntry(index, placed.start, placed.size(), request.formatKind == FormatKind::Ext2);
 }
 
 PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData) {

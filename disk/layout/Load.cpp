@@ -4,6 +4,7 @@
 #include "disk/layout/BiosBootRecord.h"
 #include "disk/layout/GptDisk.h"
 #include "disk/layout/MbrDisk.h"
+#include "disk/layout/PartitionTypes.h"
 
 namespace Corvo::Disk {
 
@@ -14,7 +15,7 @@ std::unique_ptr<PartitionedDisk> PartitionedDisk::load(DiskDrive& drive) {
   BiosBootRecord mbr(true, 4, buf);
   if (mbr.hasSignature())
     for (unsigned slot = 0; slot < 4; ++slot)
-      if (mbr.getType(slot) == 0xEE) return loadGptDisk(drive);
+      if (mbr.getType(slot) == kTypeGptProtective) return loadGptDisk(drive);
   return loadMbrDisk(drive);
 }
 

@@ -44,7 +44,7 @@ std::unique_ptr<PartitionNode> PartitionNodeBiosPartitionContainer::makePartitio
 namespace {
 
 constexpr uint64_t kMbrAddressLimit = 0xFFFFFFFFull;  // slots hold 32-bit starts and counts
-constexpr uint8_t kLinkType = 0x05;
+constexpr uint8_t kLinkType = kTypeExtended;
 
 // Extended types with their hidden forms.
 bool anyExtendedType(uint8_t type) { return isExtendedClassType(visibleFormOfType(type)); }
@@ -412,8 +412,8 @@ std::vector<Range> MbrDisk::freeIntervals(std::vector<Range> used, uint64_t lo, 
 std::optional<Placement> MbrDisk::place(const CreationRequest& request, const std::vector<Range>& freeList,
                                         bool logical, uint64_t extendedStart, uint64_t& largest) const {
   const Geometry& g = drive().geometry();
-  const bool chs = request.alignment < 0 || request.alignment == 0;
-  if (request.alignment < -1)
+  const bool chs = request.alignment == CreationRequest::kCylinderAlignment || request.alignment == 0;
+  if (request.alignment < CreationRequest::kCylinderAlignment)
     throw Error(ErrorId::InvalidArgument, "Invalid partition alignment").with("alignment", std::to_string(request.alignment));
   const uint64_t track = g.sectorsPerTrack;
   const uint64_t cylinder = uint64_t{g.heads} * g.sectorsPerTrack;
@@ -479,21 +479,21 @@ void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used)
 }
 
 uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const {
-  if (request.formatKind == 3) return 0x07;
-  if (request.formatKind == 4) return 0x83;
+  if (request.formatKind == FormatKind::Ntfs) return kTypeNtfs;
+  if (request.formatKind == FormatKind::Ext2) return kTypeLinux;
   const uint64_t n = count;
   const bool fat32Allowed = fat32Support && !ntFat16;
   if (lbaAllowed && beyondChs(first + count - 1)) {
     if (n < 32774)
       throw Error(ErrorId::InvalidArgument,
                   "A FAT12 partition cannot be placed beyond the cylinder limit of the disk");
-    if (n < 8387873 && !(fat32Allowed && n >= 1048577)) return 0x0E;
-    return 0x0C;
+    if (n < 8387873 && !(fat32Allowed && n >= 1048577)) return kTypeFat16Lba;
+    return kTypeFat32Lba;
   }
-  if (n < 32774) return 0x01;
-  if (n <= 65535) return 0x04;
-  if (n >= 1048577 && (n > 8387872 || fat32Allowed)) return 0x0B;
-  return 0x06;
+  if (n < 32774) return kTypeFat12;
+  if (n <= 65535) return kTypeFat16Small;
+  if (n >= 1048577 && (n > 8387872 || fat32Allowed)) return kTypeFat32;
+  return kTypeFat16;
 }
 
 OsLayout MbrDisk::osLayout() const {
@@ -570,7 +570,7 @@ PartitionNode* MbrDisk::createInMaster(CreationRequest& request, bool extended) 
   const Geometry& g = drive().geometry();
   uint8_t type;
   if (extended)
-    type = beyondChs(placement->first + placement->count - 1) ? 0x0F : 0x05;
+    type = beyondChs(placement->first + placement->count - 1) ? kTypeExtendedLba : kTypeExtended;
   else
     type = chooseType(request, placement->first, placement->count, true);
 

@@ -7,6 +7,22 @@
 
 namespace Corvo::Disk {
 
+// Type bytes the code acts on by name.
+inline constexpr uint8_t kTypeUnused = 0x00;
+inline constexpr uint8_t kTypeFat12 = 0x01;
+inline constexpr uint8_t kTypeFat16Small = 0x04;     // FAT16 below 32 MB
+inline constexpr uint8_t kTypeExtended = 0x05;
+inline constexpr uint8_t kTypeFat16 = 0x06;
+inline constexpr uint8_t kTypeNtfs = 0x07;
+inline constexpr uint8_t kTypeFat32 = 0x0B;
+inline constexpr uint8_t kTypeFat32Lba = 0x0C;
+inline constexpr uint8_t kTypeFat16Lba = 0x0E;
+inline constexpr uint8_t kTypeExtendedLba = 0x0F;
+inline constexpr uint8_t kTypeHiddenOffset = 0x10;   // hidden form = visible form + 0x10
+inline constexpr uint8_t kTypeLinux = 0x83;
+inline constexpr uint8_t kTypeLinuxExtended = 0x85;
+inline constexpr uint8_t kTypeGptProtective = 0xEE;
+
 // Categories of the type table.
 enum PartitionCategory : int {
   pcFat12 = 0,

@@ -12,6 +12,7 @@
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "filesystem/fat/BootCode.h"
+#include "filesystem/fat/FatStructures.h"
 
 namespace Corvo::Filesystem {
 
@@ -24,7 +25,11 @@ using Core::put32;
 namespace {
 
 constexpr uint32_t kSector = 512;
-constexpr uint32_t kDirEntrySize = 32;
+constexpr uint32_t kDirEntrySize = FatDirEntry::kSize;
+// FAT32's reserved area: FSInfo in sector 1, a third boot sector in 2, the backup copies of
+// all three from sector 6; the root directory is cluster 2.
+constexpr uint16_t kFsInfoSector = 1, kBackupBootSector = 6;
+constexpr uint32_t kFat32RootCluster = 2;
 // Upper bound of the zero-fill and verify buffer, whatever transfer length the device asks for.
 constexpr uint32_t kMaxWorkBlocks = 16384;
 
@@ -146,16 +151,16 @@ uint32_t fatVolumeSerial(const std::tm& t) {
   return serial;
 }
 
-FAT::FAT(Disk::BlockDevice& device, int typeIndex) : device_(device), typeIndex_(typeIndex) {
-  if (typeIndex < 0 || typeIndex > 2)
-    throw Error(ErrorId::InvalidArgument, "Unknown FAT type").with("typeIndex", std::to_string(typeIndex));
+FAT::FAT(Disk::BlockDevice& device, FatType type) : device_(device), type_(type) {
+  if (type < ftFat12 || type > ftFat32)
+    throw Error(ErrorId::InvalidArgument, "Unknown FAT type").with("typeIndex", std::to_string(type));
 }
 
 FAT::~FAT() = default;
 
 const char* FAT::typeName() const {
   static const char* const names[] = {"FAT12", "FAT16", "FAT32"};
-  return names[typeIndex_];
+  return names[type_];
 }
 
 // FAT12 and FAT16: start at the smallest cluster and double it while the FAT cannot describe
@@ -240,71 +245,49 @@ void FAT::buildLayoutFat32(uint64_t total) {
 
 void FAT::fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now) {
   FatLayout& L = *layout_;
-  uint8_t* b = L.bootSector.data();
-  std::memset(b, 0, kSector);
-  const bool fat32 = bpbLayoutKind() == 3;
-  b[0] = 0xEB;
-  b[1] = fat32 ? 0x58 : 0x3C;
-  b[2] = 0x90;
-  std::memcpy(b + 3, "MSWIN4.1", 8);
-  put16(b + 11, kSector);
-  b[13] = static_cast<uint8_t>(L.sectorsPerCluster);
-  put16(b + 14, static_cast<uint16_t>(L.reservedSectors));
-  b[16] = 2;
-  put16(b + 17, rootDirectoryEntries());
+  L.bootSector.fill(0);
+  FatBootSector b(L.bootSector.data());
+  const bool fat32 = bpbLayoutKind() == blFat32;
+  b.setJump(fat32);
+  b.setOemName("MSWIN4.1");
+  b.setBytesPerSector(kSector);
+  b.setSectorsPerCluster(static_cast<uint8_t>(L.sectorsPerCluster));
+  b.setReservedSectors(static_cast<uint16_t>(L.reservedSectors));
+  b.setFatCount(2);
+  b.setRootEntries(rootDirectoryEntries());
   // A volume whose tail is left unused claims only the sectors it lays out, so that every
   // reader derives the same cluster count as the FAT describes.
   uint64_t claimed = total;
   if (L.unusableSectors >= L.sectorsPerCluster)
     claimed = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors + L.dataSectors;
-  if (claimed < 65536) {
-    put16(b + 19, static_cast<uint16_t>(claimed));
-    put32(b + 32, 0);
-  } else {
-    put16(b + 19, 0);
-    put32(b + 32, claimed > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(claimed));
-  }
-  b[21] = device_.mediaByte();
-  put16(b + 24, options.sectorsPerTrack);
-  put16(b + 26, options.heads);
-  put32(b + 28, options.hiddenSectors);
+  if (claimed < 65536)
+    b.setTotalSectors16(static_cast<uint16_t>(claimed));
+  else
+    b.setTotalSectors32(claimed > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(claimed));
+  b.setMedia(device_.mediaByte());
+  b.setSectorsPerTrack(options.sectorsPerTrack);
+  b.setHeads(options.heads);
+  b.setHiddenSectors(options.hiddenSectors);
   L.volumeSerial = fatVolumeSerial(now);
   const std::string label = options.label && !options.label->empty() ? *options.label : "NO NAME";
   std::string type = typeName();
   if (fat32) {
-    put16(b + 22, 0);
-    put32(b + 36, L.sectorsPerFat);
-    put16(b + 40, 0);
-    put16(b + 42, 0);
-    put32(b + 44, 2);
-    put16(b + 48, 1);
-    put16(b + 50, 6);
-    b[64] = 0x80;
-    b[66] = 0x29;
-    put32(b + 67, L.volumeSerial);
-    putPaddedName(b + 71, label, 11);
-    putPaddedName(b + 82, type, 8);
-    std::memcpy(b + BootCode::kFat32LoaderOffset, BootCode::kFat32Loader, BootCode::kFat32LoaderSize);
-
-    uint8_t* f = L.fsInfo.data();
-    std::memset(f, 0, kSector);
-    put32(f + 0, 0x41615252);
-    put32(f + 484, 0x61417272);
-    put32(f + 488, 0xFFFFFFFF);
-    put32(f + 492, 2);
-    f[510] = 0x55;
-    f[511] = 0xAA;
+    b.setSectorsPerFat32(L.sectorsPerFat);
+    b.setRootCluster(kFat32RootCluster);
+    b.setFsInfoSector(kFsInfoSector);
+    b.setBackupBootSector(kBackupBootSector);
+    std::memcpy(L.bootSector.data() + BootCode::kFat32LoaderOffset, BootCode::kFat32Loader,
+                BootCode::kFat32LoaderSize);
+    FatFsInfo::init(L.fsInfo.data(), 0xFFFFFFFF, kFat32RootCluster);
   } else {
-    put16(b + 22, static_cast<uint16_t>(L.sectorsPerFat));
-    b[36] = 0x80;
-    b[38] = 0x29;
-    put32(b + 39, L.volumeSerial);
-    putPaddedName(b + 43, label, 11);
-    putPaddedName(b + 54, type, 8);
-    std::memcpy(b + BootCode::kFat16LoaderOffset, BootCode::kFat16Loader, BootCode::kFat16LoaderSize);
+    b.setSectorsPerFat16(static_cast<uint16_t>(L.sectorsPerFat));
+    std::memcpy(L.bootSector.data() + BootCode::kFat16LoaderOffset, BootCode::kFat16Loader,
+                BootCode::kFat16LoaderSize);
   }
-  b[510] = 0x55;
-  b[511] = 0xAA;
+  b.setExtended(fat32, L.volumeSerial);
+  putPaddedName(b.labelField(fat32), label, FatBootSector::kLabelSize);
+  putPaddedName(b.typeNameField(fat32), type, FatBootSector::kTypeNameSize);
+  b.setSignature();
 }
 
 const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& now) {
@@ -317,7 +300,7 @@ const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& n
   // The BPB counts sectors in 32 bits: a larger partition is laid out over its first
   // 0xFFFFFFFF sectors and the rest is left unused.
   const uint64_t total = std::min<uint64_t>(deviceTotal, 0xFFFFFFFFull);
-  if (bpbLayoutKind() == 3)
+  if (bpbLayoutKind() == blFat32)
     buildLayoutFat32(total);
   else
     buildLayoutSmall(total);
@@ -333,16 +316,17 @@ void FAT::writeReservedArea() {}
 void FAT32::writeReservedArea() {
   const FatLayout& L = *layout_;
   std::array<uint8_t, kSector> zero{};
-  device_.write(1, 1, L.fsInfo.data());
-  device_.write(7, 1, L.fsInfo.data());
-  device_.write(2, 1, BootCode::kFat32BootSector);
-  device_.write(8, 1, BootCode::kFat32BootSector);
-  for (uint64_t s = 3; s <= 5; ++s) device_.write(s, 1, zero.data());
-  if (L.reservedSectors > 9) {
-    std::vector<uint8_t> zeros(size_t(L.reservedSectors - 9) * kSector, 0);
-    device_.write(9, L.reservedSectors - 9, zeros.data());
+  const uint64_t third = kFsInfoSector + 1, backupEnd = kBackupBootSector + third + 1;
+  device_.write(kFsInfoSector, 1, L.fsInfo.data());
+  device_.write(kBackupBootSector + kFsInfoSector, 1, L.fsInfo.data());
+  device_.write(third, 1, BootCode::kFat32BootSector);
+  device_.write(kBackupBootSector + third, 1, BootCode::kFat32BootSector);
+  for (uint64_t s = third + 1; s < kBackupBootSector; ++s) device_.write(s, 1, zero.data());
+  if (L.reservedSectors > backupEnd) {
+    std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * kSector, 0);
+    device_.write(backupEnd, L.reservedSectors - backupEnd, zeros.data());
   }
-  device_.write(6, 1, L.bootSector.data());
+  device_.write(kBackupBootSector, 1, L.bootSector.data());
 }
 
 void FAT::format(const FatFormatOptions& inOptions) {
@@ -360,10 +344,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
     Core::message(Core::mkError, "Cannot create BPB for new filesystem -- %s", e.what());
     throw;
   }
-  FatLayout& L = *layout_;
-  const bool fat32 = bpbLayoutKind() == 3;
-  const uint32_t s = L.sectorsPerCluster;
-  const uint32_t F = L.sectorsPerFat;
+  const FatLayout& L = *layout_;
   const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
 
   Core::print("Checking existing disk format.\n");
@@ -371,22 +352,38 @@ void FAT::format(const FatFormatOptions& inOptions) {
   Core::Progress progress(Core::format("%s%.2fM", options.verify ? "Verifying " : "QuickFormatting ",
                                        double(device_.blockCount()) * kSector / 1048576.0),
                           progressTotal);
+  const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
 
-  // Ctrl-C, checked between steps and between chunks of the data area: the boot sector, written
-  // last, is not written, so no half-made filesystem is ever recognised.
-  auto stopIfInterrupted = [&] { Disk::stopIfInterrupted(progress, device_, "Format"); };
+  // Ctrl-C is checked between steps and between chunks of the data area: the boot sector,
+  // written last, is not written, so no half-made filesystem is ever recognised.
+  clearBootArea(progress);
+  const std::array<uint8_t, 512> firstFatSector = writeFats(progress, workBlocks);
+  writeRootDirectory(progress, options, now);
+  if (bpbLayoutKind() == blFat32) {
+    layout_->freeClusters -= 1;
+    layout_->usedClusters += 1;
+  }
+  if (options.verify) verifyDataArea(progress, firstFatSector, workBlocks);
+  stopIfInterrupted(progress);
+  writeBootSector(progress);
+  progress.complete();
+  printSummary(options);
+}
 
-  // Reserved area: it must be readable before anything is written.
+void FAT::stopIfInterrupted(Core::Progress& progress) { Disk::stopIfInterrupted(progress, device_, "Format"); }
+
+// The reserved area must be readable before anything is written. Then the old boot sector goes,
+// so that a format that stops half-way leaves neither the old filesystem (whose FATs are being
+// overwritten) nor a half-made new one.
+void FAT::clearBootArea(Core::Progress& progress) {
+  const FatLayout& L = *layout_;
   try {
     device_.verify(0, L.reservedSectors);
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area -- %s", e);
   }
   progress.advance(L.reservedSectors);
-  stopIfInterrupted();
-
-  // The old boot sector goes first, so that a format that stops half-way leaves neither the
-  // old filesystem (whose FATs are being overwritten) nor a half-made new one.
+  stopIfInterrupted(progress);
   try {
     const std::array<uint8_t, kSector> cleared{};
     device_.write(0, 1, cleared.data());
@@ -394,15 +391,17 @@ void FAT::format(const FatFormatOptions& inOptions) {
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area -- %s", e);
   }
+}
 
-  // The FAT copies: a first sector with the reserved entries, the rest zero in long runs.
-  const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
+// The FAT copies: a first sector with the reserved entries, the rest zero in long runs.
+// Returns that first sector.
+std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workBlocks) {
+  const FatLayout& L = *layout_;
+  const uint32_t F = L.sectorsPerFat;
   std::array<uint8_t, kSector> firstFatSector{};
-  {
-    std::vector<uint8_t> entries = initialFatEntries(device_.mediaByte());
-    std::memcpy(firstFatSector.data(), entries.data(), entries.size());
-    if (fat32) put32(firstFatSector.data() + 8, endOfChain());  // the root directory's cluster
-  }
+  std::vector<uint8_t> entries = initialFatEntries(device_.mediaByte());
+  std::memcpy(firstFatSector.data(), entries.data(), entries.size());
+  if (bpbLayoutKind() == blFat32) put32(firstFatSector.data() + 8, endOfChain());  // the root directory's cluster
   try {
     std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * kSector, 0);
     for (uint32_t copy = 0; copy < 2; ++copy) {
@@ -419,84 +418,87 @@ void FAT::format(const FatFormatOptions& inOptions) {
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in FAT table area -- %s", e, StepStatus::BadSectors);
   }
+  return firstFatSector;
+}
 
-  // Root directory, with the volume label entry first when there is a label.
+// Root directory, with the volume label entry first when there is a label.
+void FAT::writeRootDirectory(Core::Progress& progress, const FatFormatOptions& options, const std::tm& now) {
+  const FatLayout& L = *layout_;
   const uint64_t rootFirst = uint64_t(L.reservedSectors) + L.fatSectors;
-  const uint32_t rootSectors = fat32 ? s : L.rootDirSectors;
+  const uint32_t rootSectors = bpbLayoutKind() == blFat32 ? L.sectorsPerCluster : L.rootDirSectors;
   try {
     std::vector<uint8_t> root(size_t(rootSectors) * kSector, 0);
     if (options.label) {
       uint8_t* e = root.data();
-      putPaddedName(e, *options.label, 11);
-      e[11] = 0x08;  // volume label
-      put16(e + 14, dosTime(now));
-      put16(e + 16, dosDate(now));
-      put16(e + 18, dosDate(now));
-      put16(e + 22, dosTime(now));
-      put16(e + 24, dosDate(now));
+      putPaddedName(e + FatDirEntry::kNameAt, *options.label, FatDirEntry::kNameSize);
+      e[FatDirEntry::kAttributesAt] = FatDirEntry::kAttrVolumeLabel;
+      put16(e + FatDirEntry::kCreateTimeAt, dosTime(now));
+      put16(e + FatDirEntry::kCreateDateAt, dosDate(now));
+      put16(e + FatDirEntry::kAccessDateAt, dosDate(now));
+      put16(e + FatDirEntry::kWriteTimeAt, dosTime(now));
+      put16(e + FatDirEntry::kWriteDateAt, dosDate(now));
     }
     device_.write(rootFirst, rootSectors, root.data());
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in root directory area -- %s", e);
   }
   progress.advance(L.rootDirSectors);
+}
 
-  if (fat32) {
-    L.freeClusters -= 1;
-    L.usedClusters += 1;
-  }
-
-  // Full format: read the whole data area back; clusters with unreadable sectors are counted
-  // and marked bad in both FAT copies. Every failure of this step is reported with the
-  // FAT step's message, since this step decides what the FATs record. A bad FAT32 root directory cluster
-  // cannot be marked bad (the volume would have no root), so it ends the format; so does a
-  // device failure that is not a bad sector.
-  if (options.verify) {
-    constexpr const char* kVerifyFailed = "Bad sectors in FAT table area -- %s";
-    std::vector<uint32_t> bad;
-    const uint64_t chunk = std::max<uint64_t>(s, workBlocks / s * s);
-    for (uint64_t done = 0; done < L.dataSectors;) {
-      uint64_t n = std::min<uint64_t>(chunk, L.dataSectors - done);
-      try {
-        device_.verify(dataStart + done, n);
-      } catch (const Error& e) {
-        if (!isMediaError(e.id())) stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
-        for (uint64_t c = 0; c < n; c += s) {
-          try {
-            device_.verify(dataStart + done + c, s);
-          } catch (const Error& clusterError) {
-            uint32_t cluster = static_cast<uint32_t>((done + c) / s + 2);
-            if (!isMediaError(clusterError.id()) || (fat32 && cluster == 2))
-              stepFailed(progress, kVerifyFailed, clusterError, StepStatus::BadSectors);
-            bad.push_back(cluster);
-          }
+// Full format: read the whole data area back; clusters with unreadable sectors are counted
+// and marked bad in both FAT copies. Every failure of this step is reported with the
+// FAT step's message, since this step decides what the FATs record. A bad FAT32 root directory cluster
+// cannot be marked bad (the volume would have no root), so it ends the format; so does a
+// device failure that is not a bad sector.
+void FAT::verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512>& firstFatSector, uint32_t workBlocks) {
+  FatLayout& L = *layout_;
+  const bool fat32 = bpbLayoutKind() == blFat32;
+  const uint32_t s = L.sectorsPerCluster;
+  const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
+  constexpr const char* kVerifyFailed = "Bad sectors in FAT table area -- %s";
+  std::vector<uint32_t> bad;
+  const uint64_t chunk = std::max<uint64_t>(s, workBlocks / s * s);
+  for (uint64_t done = 0; done < L.dataSectors;) {
+    uint64_t n = std::min<uint64_t>(chunk, L.dataSectors - done);
+    try {
+      device_.verify(dataStart + done, n);
+    } catch (const Error& e) {
+      if (!isMediaError(e.id())) stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
+      for (uint64_t c = 0; c < n; c += s) {
+        try {
+          device_.verify(dataStart + done + c, s);
+        } catch (const Error& clusterError) {
+          uint32_t cluster = static_cast<uint32_t>((done + c) / s + 2);
+          if (!isMediaError(clusterError.id()) || (fat32 && cluster == 2))
+            stepFailed(progress, kVerifyFailed, clusterError, StepStatus::BadSectors);
+          bad.push_back(cluster);
         }
       }
-      done += n;
-      progress.advance(n);
-      stopIfInterrupted();
     }
-    if (!bad.empty()) {
-      FatPatch patch(bitsPerFatEntry(), firstFatSector);
-      for (uint32_t cluster : bad) patch.set(cluster, badClusterMark());
-      try {
-        for (uint32_t copy = 0; copy < 2; ++copy)
-          for (const auto& [index, sector] : patch.sectors())
-            device_.write(L.reservedSectors + uint64_t(copy) * F + index, 1, sector.data());
-      } catch (const Error& e) {
-        stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
-      }
-      const uint32_t count = static_cast<uint32_t>(bad.size());
-      L.badClusters += count;
-      L.freeClusters -= count;
-    }
+    done += n;
+    progress.advance(n);
+    stopIfInterrupted(progress);
   }
-
-  if (fat32) put32(L.fsInfo.data() + 488, L.freeClusters);
-
-  stopIfInterrupted();
+  if (bad.empty()) return;
+  FatPatch patch(bitsPerFatEntry(), firstFatSector);
+  for (uint32_t cluster : bad) patch.set(cluster, badClusterMark());
   try {
-    // Everything the boot sector describes is on the disk before the boot sector itself.
+    for (uint32_t copy = 0; copy < 2; ++copy)
+      for (const auto& [index, sector] : patch.sectors())
+        device_.write(L.reservedSectors + uint64_t(copy) * L.sectorsPerFat + index, 1, sector.data());
+  } catch (const Error& e) {
+    stepFailed(progress, kVerifyFailed, e, StepStatus::BadSectors);
+  }
+  const uint32_t count = static_cast<uint32_t>(bad.size());
+  L.badClusters += count;
+  L.freeClusters -= count;
+}
+
+// Everything the boot sector describes is on the disk before the boot sector itself.
+void FAT::writeBootSector(Core::Progress& progress) {
+  FatLayout& L = *layout_;
+  if (bpbLayoutKind() == blFat32) FatFsInfo::setFreeCount(L.fsInfo.data(), L.freeClusters);
+  try {
     writeReservedArea();
     device_.flush();
     device_.write(0, 1, L.bootSector.data());
@@ -504,11 +506,13 @@ void FAT::format(const FatFormatOptions& inOptions) {
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area -- %s", e);
   }
-  progress.complete();
+}
 
+void FAT::printSummary(const FatFormatOptions& options) const {
+  const FatLayout& L = *layout_;
   Core::print("Format complete.\n");
   Core::print("\n");
-  const uint64_t unit = uint64_t(s) * kSector;
+  const uint64_t unit = uint64_t(L.sectorsPerCluster) * kSector;
   const std::string numbers[] = {
       std::to_string(uint64_t(L.totalClusters) * unit), std::to_string(uint64_t(L.badClusters) * unit),
       std::to_string(uint64_t(L.freeClusters) * unit),  std::to_string(unit),
@@ -531,18 +535,18 @@ void FAT::format(const FatFormatOptions& inOptions) {
   Core::print("\n");
 }
 
-std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, int typeIndex) {
-  switch (typeIndex) {
-    case 0: return std::make_unique<FAT12>(device);
-    case 1: return std::make_unique<FAT16>(device);
-    case 2: return std::make_unique<FAT32>(device);
+std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type) {
+  switch (type) {
+    case ftFat12: return std::make_unique<FAT12>(device);
+    case ftFat16: return std::make_unique<FAT16>(device);
+    case ftFat32: return std::make_unique<FAT32>(device);
     default:
-      throw Error(ErrorId::InvalidArgument, "Unknown FAT type").with("typeIndex", std::to_string(typeIndex));
+      throw Error(ErrorId::InvalidArgument, "Unknown FAT type").with("typeIndex", std::to_string(type));
   }
 }
 
-void formatFat(Disk::BlockDevice& device, int typeIndex, const FatFormatOptions& options) {
-  makeFatType(device, typeIndex)->format(options);
+void formatFat(Disk::BlockDevice& device, FatType type, const FatFormatOptions& options) {
+  makeFatType(device, type)->format(options);
 }
 
 }  // namespace Corvo::Filesystem

@@ -11,6 +11,10 @@
 
 #include "disk/BlockDevice.h"
 
+namespace Corvo::Core {
+class Progress;
+}
+
 namespace Corvo::Filesystem {
 
 struct FatFormatOptions {
@@ -25,9 +29,14 @@ struct FatFormatOptions {
 // false silently; the per-character failures are always printed.
 bool validateVolumeLabel(const std::string& label, bool report);
 
-// typeIndex: 0 FAT12, 1 FAT16, 2 FAT32. Formats the whole device; prints its own progress and
-// step messages; throws Core::Error (after printing the failed step's message) on failure.
-void formatFat(Disk::BlockDevice& device, int typeIndex, const FatFormatOptions& options);
+// The FAT type index (it also picks the type string of the boot sector).
+enum FatType : int { ftFat12 = 0, ftFat16 = 1, ftFat32 = 2 };
+// The BPB layout kind of a type: FAT12 and FAT16 share one, FAT32 has its own.
+enum BpbLayoutKind : int { blSmall = 2, blFat32 = 3 };
+
+// Formats the whole device; prints its own progress and step messages; throws Core::Error
+// (after printing the failed step's message) on failure.
+void formatFat(Disk::BlockDevice& device, FatType type, const FatFormatOptions& options);
 
 // Volume serial number made from a local time: the month and second in the top byte, the
 // day, the hour, and year plus minute in the low 16 bits (32-bit wrap-around).
@@ -53,8 +62,7 @@ struct FatLayout {
 // constants below and in the boot region they write.
 class FAT {
  public:
-  // typeIndex: 0 FAT12, 1 FAT16, 2 FAT32 (also picks the type string of the boot sector).
-  FAT(Disk::BlockDevice& device, int typeIndex);
+  FAT(Disk::BlockDevice& device, FatType type);
   virtual ~FAT();
   FAT(const FAT&) = delete;
   FAT& operator=(const FAT&) = delete;
@@ -67,7 +75,7 @@ class FAT {
   // Root directory entries of the BPB: 512 on FAT12/16, 0 on FAT32.
   virtual uint16_t rootDirectoryEntries() const { return 512; }
   virtual uint32_t reservedSectorCount() const = 0;  // starting value
-  virtual int bpbLayoutKind() const = 0;             // 2: FAT12/16, 3: FAT32
+  virtual BpbLayoutKind bpbLayoutKind() const = 0;
   virtual uint32_t minSectorsPerCluster() const = 0;
   virtual uint32_t maxSectorsPerCluster() const = 0;
   virtual uint32_t maxClusterCount() const = 0;
@@ -85,25 +93,33 @@ class FAT {
   // Core::Error (BpbFailed) when no layout fits. `now` is the local time for the serial.
   const FatLayout& buildBpb(const FatFormatOptions& options, const std::tm& now);
   const FatLayout& layout() const { return *layout_; }
-  int typeIndex() const { return typeIndex_; }
+  FatType type() const { return type_; }
 
  protected:
   Disk::BlockDevice& device_;
-  int typeIndex_;
+  FatType type_;
   std::unique_ptr<FatLayout> layout_;
 
  private:
-  void buildLayoutSmall(uint64_t total);  // layout kind 2 (FAT12, FAT16)
-  void buildLayoutFat32(uint64_t total);  // layout kind 3
+  void buildLayoutSmall(uint64_t total);  // FAT12, FAT16
+  void buildLayoutFat32(uint64_t total);  // FAT32
   void limitClusterCount();
   void fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now);
+  // The steps of format(), in order; each prints its step's message and throws on failure.
+  void clearBootArea(Core::Progress& progress);
+  std::array<uint8_t, 512> writeFats(Core::Progress& progress, uint32_t workBlocks);
+  void writeRootDirectory(Core::Progress& progress, const FatFormatOptions& options, const std::tm& now);
+  void verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512>& firstFatSector, uint32_t workBlocks);
+  void writeBootSector(Core::Progress& progress);
+  void printSummary(const FatFormatOptions& options) const;
+  void stopIfInterrupted(Core::Progress& progress);
 };
 
 class FAT12 : public FAT {
  public:
-  explicit FAT12(Disk::BlockDevice& device) : FAT(device, 0) {}
+  explicit FAT12(Disk::BlockDevice& device) : FAT(device, ftFat12) {}
   uint32_t reservedSectorCount() const override { return 1; }
-  int bpbLayoutKind() const override { return 2; }
+  BpbLayoutKind bpbLayoutKind() const override { return blSmall; }
   uint32_t minSectorsPerCluster() const override { return 8; }
   uint32_t maxSectorsPerCluster() const override { return 8; }  // always 4 KB clusters
   uint32_t maxClusterCount() const override { return 0xFF7; }
@@ -115,9 +131,9 @@ class FAT12 : public FAT {
 
 class FAT16 : public FAT {
  public:
-  explicit FAT16(Disk::BlockDevice& device) : FAT(device, 1) {}
+  explicit FAT16(Disk::BlockDevice& device) : FAT(device, ftFat16) {}
   uint32_t reservedSectorCount() const override { return 1; }
-  int bpbLayoutKind() const override { return 2; }
+  BpbLayoutKind bpbLayoutKind() const override { return blSmall; }
   uint32_t minSectorsPerCluster() const override { return 4; }
   uint32_t maxSectorsPerCluster() const override { return 128; }
   uint32_t maxClusterCount() const override { return 0xFFF7; }
@@ -129,10 +145,10 @@ class FAT16 : public FAT {
 
 class FAT32 : public FAT {
  public:
-  explicit FAT32(Disk::BlockDevice& device) : FAT(device, 2) {}
+  explicit FAT32(Disk::BlockDevice& device) : FAT(device, ftFat32) {}
   uint16_t rootDirectoryEntries() const override { return 0; }
   uint32_t reservedSectorCount() const override { return 32; }
-  int bpbLayoutKind() const override { return 3; }
+  BpbLayoutKind bpbLayoutKind() const override { return blFat32; }
   uint32_t minSectorsPerCluster() const override { return 8; }
   uint32_t maxSectorsPerCluster() const override { return 64; }
   uint32_t maxClusterCount() const override { return 0x0FFFFFF7; }
@@ -145,7 +161,7 @@ class FAT32 : public FAT {
   uint32_t badClusterMark() const override { return 0x0FFFFFF7; }
 };
 
-// The descriptor for a type index (0 FAT12, 1 FAT16, 2 FAT32); throws InvalidArgument else.
-std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, int typeIndex);
+// The descriptor of a type; throws InvalidArgument for a value outside the three.
+std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type);
 
 }  // namespace Corvo::Filesystem

@@ -49,7 +49,7 @@ TEST(ActivateHide, RulesInOrder) {
   for (const Case& c : cases) {
     FakeDiskTable t;
     FakeLayout& d = standardDisk(t);
-    setPromptMode(0);  // /Y
+    setPromptMode(Corvo::Core::pmAnswerYes);  // /Y
     ScopedCapture cap;
     const char* sw = c.code == ccActivate ? "/ACT" : c.code == ccDeactivate ? "/-ACT" : c.code == ccHide ? "/HIDE" : "/-HIDE";
     SwitchSet set({"kdisk", "1", sw, c.p});
@@ -66,7 +66,7 @@ TEST(ActivateHide, RulesInOrder) {
     if (!c.marker.empty()) {
       EXPECT_NE(cap.sink().out.find(c.marker), std::string::npos) << what;
     }
-    setPromptMode(2);
+    setPromptMode(Corvo::Core::pmAsk);
   }
 }
 

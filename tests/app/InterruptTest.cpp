@@ -84,7 +84,7 @@ TEST(Interrupt, FormatStopsBeforeItsBootSector) {
       Filesystem::FatFormatOptions options;
       options.verify = full;
       try {
-        Filesystem::formatFat(dev, type, options);
+        Filesystem::formatFat(dev, Filesystem::FatType(type), options);
         ADD_FAILURE() << "the format ran to its end";
       } catch (const Core::Error& e) {
         EXPECT_EQ(e.id(), Core::ErrorId::Interrupted);
@@ -128,7 +128,7 @@ TEST(Interrupt, Ext2AndNtfsFormatsStopBeforeTheyAreRecognisable) {
     EXPECT_GE(dev.flushes, 1u);
     std::vector<uint8_t> head((Filesystem::kContentBytes + 511) / 512 * 512);
     dev.read(0, head.size() / 512, head.data());
-    EXPECT_EQ(Filesystem::detectContent(head.data(), head.size(), 0), unsigned{Filesystem::ccNothing});
+    EXPECT_EQ(Filesystem::detectContent(head.data(), head.size(), 0), unsigned{Filesystem::ctNothing});
   }
   Core::clearInterrupt();
 }

@@ -19,7 +19,7 @@ namespace {
 struct Fixture {
   Fixture() { std::fill(access->data.begin(), access->data.end(), 0x77); }
   ~Fixture() { Corvo::Core::setPromptMode(oldPrompt); }
-  Corvo::Core::PromptMode oldPrompt = Corvo::Core::setPromptMode(2);
+  Corvo::Core::PromptMode oldPrompt = Corvo::Core::setPromptMode(Corvo::Core::pmAsk);
   KdiskTest::FakeDiskTable table;
   KdiskTest::FakeLayout* layout = &table.add(16384);
   KdiskTest::MemoryAccess* access = table.lastAccess;

@@ -65,17 +65,17 @@ TEST(Selection, PicksOneCommandOrRaisesTwo) {
 TEST(Selection, GlobalOptionsSetKeysAndPromptMode) {
   KdiskTest::ScopedCapture capture;
   Config::clear();
-  setPromptMode(2);
+  setPromptMode(Corvo::Core::pmAsk);
   SwitchSet set = line({"/STATUS", "/x", "/U", "/SURE"});
   EXPECT_EQ(selectCommand(set), ccStatus);
   EXPECT_TRUE(Config::getBool("DiskDriveAccessExInt13::disable", false));
   EXPECT_TRUE(Config::getBool("DiskDriveAccessIdeUdma::disable", false));
   EXPECT_FALSE(Config::getBool("IdeControllerManager::disable", false));
   EXPECT_FALSE(Config::getBool("DiskDriveAccessAspi::disable", false));
-  EXPECT_EQ(getPromptMode(), 0u);
+  EXPECT_EQ(getPromptMode(), Corvo::Core::pmAnswerYes);
   EXPECT_EQ(message(mkQuestionPrompted, "Really?"), 1);
   EXPECT_EQ(capture.sink().questions, "");
-  setPromptMode(2);
+  setPromptMode(Corvo::Core::pmAsk);
   Config::clear();
 }
 

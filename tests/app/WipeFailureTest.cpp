@@ -13,7 +13,7 @@
 TEST(WipeFailure, TableIsNotTouched) {
   const struct {
     const char* name;
-    int mode;
+    Corvo::Disk::WipeMode mode;
     bool readOnly, failFlush;
     std::set<uint64_t> unreadable;
     const char* errors;

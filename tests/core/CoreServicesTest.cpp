@@ -26,15 +26,15 @@ TEST(MessageFunction, RoutesEachKindAndAnswersQuestionsByPromptMode) {
     bool asked;         // the sink saw the question
   };
   const Case cases[] = {
-      {mkError, 2, false, 0, false},
-      {mkWarning, 2, false, 0, false},
-      {mkInformation, 2, false, 0, false},
-      {mkQuestion, 0, false, 2, true},  // a plain question is always put to the user
-      {mkQuestion, 1, true, 1, true},
-      {mkQuestionPrompted, 0, false, 1, false},  // /Y: yes without asking
-      {mkQuestionPrompted, 1, true, 2, false},   // answered no in advance
-      {mkQuestionPrompted, 2, true, 1, true},
-      {mkQuestionPrompted, 2, false, 2, true},
+      {mkError, pmAsk, false, 0, false},
+      {mkWarning, pmAsk, false, 0, false},
+      {mkInformation, pmAsk, false, 0, false},
+      {mkQuestion, pmAnswerYes, false, 2, true},  // a plain question is always put to the user
+      {mkQuestion, pmAnswerNo, true, 1, true},
+      {mkQuestionPrompted, pmAnswerYes, false, 1, false},  // /Y: yes without asking
+      {mkQuestionPrompted, pmAnswerNo, true, 2, false},   // answered no in advance
+      {mkQuestionPrompted, pmAsk, true, 1, true},
+      {mkQuestionPrompted, pmAsk, false, 2, true},
   };
   for (const Case& c : cases) {
     KdiskTest::ScopedCapture capture;

@@ -123,6 +123,36 @@ TEST_F(BiosBootRecordTest, SetSlotLbaSwitch) {
   EXPECT_EQ(r.getStartBlock(0), 63u);
 }
 
+// Slot bytes as other tools write them, read back field by field; the two high bits of the
+// sector byte are cylinder bits 8 and 9.
+TEST(BiosBootRecordSlot, DecodesStoredBytes) {
+  struct {
+    uint8_t bytes[16];
+    Chs start, end;
+  } cases[] = {
+      {{0x80, 0x01, 0x01, 0x00, 0x07, 0xFE, 0xFF, 0xFF, 0x3F, 0, 0, 0, 0x41, 0x1F, 0x01, 0}, {0, 1, 1}, {1023, 254, 63}},
+      {{0x00, 0x00, 0x41, 0x05, 0x83, 0x10, 0x81, 0x00, 0, 0x08, 0, 0, 0, 0x10, 0, 0}, {261, 0, 1}, {512, 16, 1}},
+      {{0x00, 0x00, 0x02, 0x00, 0xEE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, {0, 0, 2}, {1023, 255, 63}},
+  };
+  for (const auto& c : cases) {
+    uint8_t image[512] = {};
+    std::memcpy(image + 446 + 16, c.bytes, 16);
+    const BiosBootRecord r(true, 4, image);
+    EXPECT_EQ(r.getStatus(1), c.bytes[0]);
+    EXPECT_EQ(r.getType(1), c.bytes[4]);
+    EXPECT_EQ(r.getSlotChs(1, false), c.start);
+    EXPECT_EQ(r.getSlotChs(1, true), c.end);
+    EXPECT_EQ(r.getStartBlock(1), Corvo::Core::get32(c.bytes + 8));
+    EXPECT_EQ(r.getBlockCount(1), Corvo::Core::get32(c.bytes + 12));
+    EXPECT_EQ(r.isProtectiveSlot(1, 0xFFFFFFFF), c.bytes[4] == 0xEE);
+    // Writing the protective slot gives the stored bytes of the last case exactly.
+    BiosBootRecord w(true, 4, image);
+    w.setProtectiveSlot(1, 0xFFFFFFFF);
+    EXPECT_EQ(std::memcmp(w.data() + 446 + 16, cases[2].bytes, 16), 0);
+    EXPECT_EQ(w.getSignature(), 0);  // the signature is the caller's to set
+  }
+}
+
 TEST_F(BiosBootRecordTest, DiskIdentifiers) {
   BiosBootRecord r;
   r.data()[0] = 0xEB;  // some unrecognised boot code

@@ -81,10 +81,10 @@ TEST(FuzzSeeds, ContentSeedsAreRecognised) {
     const char* name;
     uint8_t type;
     unsigned content;
-  } cases[] = {{"content/fat12", 0x01, Fs::ccFat12},
-               {"content/ext2", 0x83, Fs::ccExt2},
-               {"content/ntfs", 0x07, Fs::ccNtfs},
-               {"content/swap", 0x82, Fs::ccLinuxSwap}};
+  } cases[] = {{"content/fat12", 0x01, Fs::ctFat12},
+               {"content/ext2", 0x83, Fs::ctExt2},
+               {"content/ntfs", 0x07, Fs::ctNtfs},
+               {"content/swap", 0x82, Fs::ctLinuxSwap}};
   for (const Case& c : cases) {
     const std::vector<uint8_t> data = seed(c.name);
     ASSERT_GT(data.size(), 512u) << c.name;

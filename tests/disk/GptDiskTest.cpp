@@ -191,15 +191,15 @@ TEST_F(GptImage, CreateAndRemove) {
   struct Step {
     uint64_t size;
     bool atEnd;
-    int formatKind;
+    FormatKind formatKind;
     Part expected;  // size 0: does not fit
   };
   const Step steps[] = {
-      {4096, false, 2, {2048, 4096, kBasic}},
-      {10000, true, 4, {end - 10240, 10240, kLinux}},  // rounded up to whole MiB
-      {80000, false, 0, {0, 0, ""}},                   // the largest gap left is 38 MiB
-      {CreationRequest::kLargest, false, 0, {40960, end - 10240 - 40960, kBasic}},
-      {2048, false, 0, {6144, 2048, kBasic}},
+      {4096, false, FormatKind::FatQuick, {2048, 4096, kBasic}},
+      {10000, true, FormatKind::Ext2, {end - 10240, 10240, kLinux}},  // rounded up to whole MiB
+      {80000, false, FormatKind::None, {0, 0, ""}},                   // the largest gap left is 38 MiB
+      {CreationRequest::kLargest, false, FormatKind::None, {40960, end - 10240 - 40960, kBasic}},
+      {2048, false, FormatKind::None, {6144, 2048, kBasic}},
   };
   for (const Step& s : steps) {
     SCOPED_TRACE(s.expected);

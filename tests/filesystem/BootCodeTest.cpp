@@ -54,7 +54,7 @@ TEST(BootCode, LoadersRunInAnEmulator) {
       KdiskTest::ScopedCapture capture;
       Corvo::Filesystem::FatFormatOptions options;
       options.hiddenSectors = c.hidden;
-      Corvo::Filesystem::formatFat(dev, c.type, options);
+      Corvo::Filesystem::formatFat(dev, Corvo::Filesystem::FatType(c.type), options);
     }
     // Dump the text screen once a second until the loader waits for a key (at most 30 s).
     const std::string script =

@@ -168,7 +168,7 @@ TEST(Ext2Format, NoPrefixOfTheWritesLooksLikeAFilesystem) {
     EXPECT_EQ(ev[ev.size() - 3], "flush");
     EXPECT_EQ(ev[ev.size() - 2], "w 2 2");  // the primary superblock
     EXPECT_EQ(ev.back(), "flush");
-    EXPECT_EQ(Filesystem::detectContent(full.data().data(), full.data().size(), 0), Filesystem::ccExt2);
+    EXPECT_EQ(Filesystem::detectContent(full.data().data(), full.data().size(), 0), Filesystem::ctExt2);
     EXPECT_EQ(Filesystem::Ext2::volumeLabelOf(full.data().data(), full.data().size()), "ORDER");
 
     size_t writes = 0;
@@ -183,7 +183,7 @@ TEST(Ext2Format, NoPrefixOfTheWritesLooksLikeAFilesystem) {
       EXPECT_THROW(formatExt2(cut, other), Core::Error);
       // No write at all leaves the earlier filesystem; any write clears it for good.
       EXPECT_EQ(Filesystem::detectContent(cut.data().data(), cut.data().size(), 0),
-                allowed == 0 ? Filesystem::ccExt2 : Filesystem::ccNothing)
+                allowed == 0 ? Filesystem::ctExt2 : Filesystem::ctNothing)
           << "after " << allowed << " writes";
     }
   }

@@ -131,7 +131,7 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
     Filesystem::FatFormatOptions options;
     options.hiddenSectors = 2048;
     options.label = "TREE TEST";
-    Filesystem::formatFat(dev, c.type, options);
+    Filesystem::formatFat(dev, Filesystem::FatType(c.type), options);
     printed = capture.sink().out;
   }
   // Only the reserved area, the FATs and the root directory are written, each sector once, in
@@ -156,7 +156,7 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
   EXPECT_EQ(get16(b + 22), c.type == 2 ? 0 : e.fatSectors);
   const size_t names = c.type == 2 ? 71 : 43;  // label, then the type string
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(b + names), 19), "TREE TEST  " + std::string(typeName(c.type)) + "   ");
-  EXPECT_EQ(Filesystem::detectContent(b, 512, 0), unsigned(Filesystem::ccFat12 + c.type));
+  EXPECT_EQ(Filesystem::detectContent(b, 512, 0), unsigned(Filesystem::ctFat12 + c.type));
   if (c.type == 2) {
     EXPECT_EQ(get32(b + 36), e.fatSectors);
     EXPECT_EQ(get32(b + 44), 2u);
@@ -223,7 +223,7 @@ TEST(FatFormat, InvalidLabelStopsTheFormat) {
   ScopedCapture capture;
   Filesystem::FatFormatOptions options;
   options.label = "lower";
-  EXPECT_THROW(Filesystem::formatFat(mem, 1, options), Core::Error);
+  EXPECT_THROW(Filesystem::formatFat(mem, Filesystem::ftFat16, options), Core::Error);
   EXPECT_EQ(mem.writes, 0u);
   EXPECT_EQ(capture.sink().errors, lower);
 }
@@ -236,7 +236,7 @@ TEST(FatFormat, FullFormatMarksBadClusters) {
     const std::string image = dir.file("bad.img");
     ImageFileDevice dev(image, sectors);
     KdiskTest::FaultInjectingBlockDevice faulty(dev);
-    auto fat = Filesystem::makeFatType(faulty, type);
+    auto fat = Filesystem::makeFatType(faulty, Filesystem::FatType(type));
     const Filesystem::FatLayout planned = fat->buildBpb({}, std::tm{});
     const uint64_t dataStart = uint64_t(planned.reservedSectors) + planned.fatSectors + planned.rootDirSectors;
     const uint32_t s = planned.sectorsPerCluster;
@@ -306,7 +306,7 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     TempDir dir;
     ImageFileDevice dev(dir.file("f.img"), c.sectors);
     KdiskTest::FaultInjectingBlockDevice faulty(dev);
-    auto fat = Filesystem::makeFatType(faulty, c.type);
+    auto fat = Filesystem::makeFatType(faulty, Filesystem::FatType(c.type));
     const Filesystem::FatLayout& L = fat->buildBpb({}, std::tm{});
     const uint64_t bases[] = {0, L.reservedSectors - 1u, uint64_t(L.reservedSectors) + L.sectorsPerFat, uint64_t(L.reservedSectors) + L.fatSectors};
     faulty.badSectors = {bases[c.base] + c.offset};
@@ -337,7 +337,7 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     SectorSized mem(blocks, size);
     ScopedCapture capture;
     try {
-      Filesystem::formatFat(mem, type, {});
+      Filesystem::formatFat(mem, Filesystem::FatType(type), {});
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), size == 4096 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);

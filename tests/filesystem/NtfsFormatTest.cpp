@@ -63,7 +63,7 @@ TEST_P(NtfsVolumes, IndependentToolsAcceptTheVolume) {
     EXPECT_EQ(device.lastWriteFirst, 0u);
     std::vector<uint8_t> head(Filesystem::kContentBytes);
     device.read(0, (head.size() + 511) / 512 - 1, head.data());
-    EXPECT_EQ(Filesystem::detectContent(head.data(), head.size(), 0), Filesystem::ccNtfs);
+    EXPECT_EQ(Filesystem::detectContent(head.data(), head.size(), 0), Filesystem::ctNtfs);
     EXPECT_EQ(Filesystem::ntfsVolumeLabel(device), c.label);
   }
   std::string out;

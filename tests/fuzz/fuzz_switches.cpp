@@ -65,6 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const Kdisk::ExitCode& raised) {
     if (raised.code != 2) __builtin_trap();
   }
-  Corvo::Core::setPromptMode(2);
+  Corvo::Core::setPromptMode(Corvo::Core::pmAsk);
   return 0;
 }
