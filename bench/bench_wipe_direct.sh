@@ -17,7 +17,7 @@ img=$work/bench.img
 fallocate -l "${mib}M" "$img"
 dev=$(losetup -f --show "$img")
 trap 'losetup -d "$dev"; rm -rf "$work"' EXIT
-dd if=/dev/zero of="$dev" bs=4M oflag=direct status=none
+dd if=/dev/zero of="$dev" bs=1M count="$mib" oflag=direct status=none
 echo "load: $(uptime | sed 's/.*load average: //')"
 sectors=$((mib * 2048))
 first=2048 count=$((sectors - 4096))
