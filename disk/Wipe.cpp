@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <new>
 #include <string>
 
 #include "core/Clock.h"
@@ -72,6 +73,26 @@ class FailedRanges {
   std::map<uint64_t, uint64_t> ranges_;
 };
 
+// A zero-filled buffer aligned to 4096 bytes.
+class PageBuffer {
+ public:
+  explicit PageBuffer(size_t bytes) : size_(bytes) {
+    if (bytes) data_ = static_cast<uint8_t*>(::operator new(bytes, std::align_val_t{4096}));
+    if (bytes) std::memset(data_, 0, bytes);
+  }
+  ~PageBuffer() {
+    if (data_) ::operator delete(data_, std::align_val_t{4096});
+  }
+  PageBuffer(const PageBuffer&) = delete;
+  PageBuffer& operator=(const PageBuffer&) = delete;
+  uint8_t* data() { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
 }  // namespace
 
 std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount, unsigned partitionNumber,
@@ -101,14 +122,16 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   const size_t bufferBytes = static_cast<size_t>(std::min(chunk, largest)) * kSectorSize;
   // The pattern of the pass; during the verifying pass it still holds the last pattern
   // written, which the medium is compared with.
-  std::vector<uint8_t> buffer(bufferBytes);
-  std::vector<uint8_t> readBack(mode == wmQuick ? 0 : bufferBytes);
+  // Page-aligned, so that a device writing past its cache can take them without a copy.
+  PageBuffer buffer(bufferBytes);
+  PageBuffer readBack(mode == wmQuick ? 0 : bufferBytes);
 
   FailedRanges failed;
   // One chunk: a write, or a read of the medium compared sector by sector with the pattern.
   auto transfer = [&](uint64_t first, uint64_t count, bool verifyPass) {
     if (!verifyPass) return device.writeMedium(first, count, buffer.data());
     device.readMedium(first, count, readBack.data());
+    if (std::memcmp(readBack.data(), buffer.data(), static_cast<size_t>(count) * kSectorSize) == 0) return;
     for (uint64_t s = 0; s < count; ++s)
       if (std::memcmp(readBack.data() + s * kSectorSize, buffer.data() + s * kSectorSize, kSectorSize) != 0)
         failed.add(first + s);

@@ -496,14 +496,16 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
   }
   void directTransfer(uint64_t first, uint64_t count, void* buffer, bool isWrite) {
     auto* user = static_cast<uint8_t*>(buffer);
+    // A page-aligned caller's buffer goes to the device as it is; others through the bounce buffer.
+    const bool aligned = reinterpret_cast<uintptr_t>(user) % 4096 == 0;
     uint64_t offset = first * 512, left = count * 512;
     while (left) {
       const size_t n = static_cast<size_t>(std::min<uint64_t>(left, kDirectBytes));
-      if (isWrite) std::memcpy(bounce_, user, n);
-      const size_t done =
-          isWrite ? writeFully(directFd_, offset, bounce_, n) : readFully(directFd_, offset, bounce_, n);
+      uint8_t* io = aligned ? user : bounce_;
+      if (isWrite && !aligned) std::memcpy(bounce_, user, n);
+      const size_t done = isWrite ? writeFully(directFd_, offset, io, n) : readFully(directFd_, offset, io, n);
       if (done < n) throw ioError(isWrite, (offset + done) / 512);
-      if (!isWrite) std::memcpy(user, bounce_, n);
+      if (!isWrite && !aligned) std::memcpy(user, bounce_, n);
       user += n;
       offset += n;
       left -= n;
