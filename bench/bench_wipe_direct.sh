@@ -1,61 +1,80 @@
 #!/usr/bin/env bash
-# Wipe passes on a loop device against `dd bs=4M oflag=direct` over the same range, side by
-# side in one run: a partition wipe (/DEL /CUSTOMWIPE:1, three writing passes and a verifying
-# read of the medium) and whole-disk wipes (/DISKWIPE, one pass of zeros; /DISKWIPE
-# /CUSTOMWIPE:1). The ratio is dd's time per pass over Kdisk's time per writing pass (the
-# verifying read counted against Kdisk), so 0.9 or more meets the target. Needs root.
+# Wipe passes on a loop device against dd past the page cache over the same range, side by side
+# in one run: a partition wipe (/DEL /CUSTOMWIPE:1: three writing passes and a verifying read of
+# the medium) and whole-disk wipes (/DISKWIPE: one pass of zeros; /DISKWIPE /CUSTOMWIPE:1).
+# dd does the same passes: `dd bs=4M oflag=direct` for a writing pass, `dd bs=4M iflag=direct`
+# for the verifying read. The ratio is dd's time for those passes over Kdisk's time, so 0.9 or
+# more means every pass runs at least at 0.9 x dd. Rounds alternate which tool goes first; the
+# median ratio counts, and the peak memory of both is reported. Needs root.
 # The backing file lies in memory (/dev/shm, or $BENCH_DIR) and is written whole once before
 # the first timing, so every run meets the same allocated extents and no run pays for the
-# backing disk's flushes; the shortest of three runs counts.
-# Usage: bench/bench_wipe_direct.sh path/to/kdisk [disk size in MiB, default 4096]
+# backing disk's flushes. The partition table a partition wipe needs is written outside the
+# timing.
+# Usage: bench/bench_wipe_direct.sh path/to/kdisk [disk size in MiB, default 4096] [rounds, default 5]
 set -euo pipefail
-KDISK=${1:?usage: bench_wipe_direct.sh path/to/kdisk [MiB]}
+KDISK=${1:?usage: bench_wipe_direct.sh path/to/kdisk [MiB] [rounds]}
 mib=${2:-4096}
+rounds=${3:-5}
 [ "$(id -u)" -eq 0 ] || { echo "skipped: needs root (loop device)" >&2; exit 77; }
+command -v sfdisk >/dev/null || { echo "skipped: needs sfdisk" >&2; exit 77; }
+[ -x /usr/bin/time ] || { echo "skipped: needs /usr/bin/time (package time)" >&2; exit 77; }
 work=$(mktemp -d "${BENCH_DIR:-/dev/shm}/kdisk-bench-XXXXXX")
 img=$work/bench.img
 fallocate -l "${mib}M" "$img"
 dev=$(losetup -f --show "$img")
 trap 'losetup -d "$dev"; rm -rf "$work"' EXIT
 dd if=/dev/zero of="$dev" bs=1M count="$mib" oflag=direct status=none
-echo "load: $(uptime | sed 's/.*load average: //')"
+echo "load before: $(uptime | sed 's/.*load average: //')"
 sectors=$((mib * 2048))
 first=2048 count=$((sectors - 4096))
-now() { date +%s.%N; }
-secs() { awk -v a="$1" -v b="$2" 'BEGIN { print b - a }'; }
+
 table() { printf 'label: dos\nstart=%d, size=%d, type=6\n' "$first" "$count" | sfdisk -q "$dev" >/dev/null 2>&1; }
-# best CMD...: the shortest of three timings (the machine may be busy with other work).
-best() { local a b c; a=$("$@"); b=$("$@"); c=$("$@"); printf '%s\n%s\n%s\n' "$a" "$b" "$c" | sort -g | head -1; }
-# dd_direct FIRST COUNT: seconds for dd writing zeros over the range, past the page cache.
-dd_direct() {
-  local t0 t1
-  t0=$(now)
-  dd if=/dev/zero of="$dev" bs=4M seek=$(($1 * 512)) count=$(($2 * 512)) oflag=direct,seek_bytes iflag=count_bytes \
-    status=none
-  t1=$(now)
-  secs "$t0" "$t1"
+# timed CMD...: "seconds peak-KiB" of one command.
+timed() {
+  /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>&1 || echo "failed: $*" >&2
+  cat "$work/time"
 }
-# kdisk_run ARGS...: seconds for one Kdisk command on the loop device.
-kdisk_run() {
-  local t0 t1
-  t0=$(now)
-  "$KDISK" /NOOSDISK "/ADDDISK=$dev" "$@" >/dev/null 2>&1 || echo "kdisk $* failed" >&2
-  t1=$(now)
-  secs "$t0" "$t1"
+# dd_passes FIRST COUNT WRITES READS: seconds (and peak KiB) for dd doing the same passes.
+dd_passes() {
+  local t=0 m=0 r i
+  for ((i = 0; i < $3 + $4; i++)); do
+    if ((i < $3)); then
+      r=$(timed dd if=/dev/zero of="$dev" bs=4M seek=$(($1 * 512)) count=$(($2 * 512)) \
+        oflag=direct,seek_bytes iflag=count_bytes status=none)
+    else
+      r=$(timed dd if="$dev" of=/dev/null bs=4M skip=$(($1 * 512)) count=$(($2 * 512)) \
+        iflag=direct,skip_bytes,count_bytes status=none)
+    fi
+    t=$(awk -v a="$t" -v b="${r% *}" 'BEGIN { print a + b }')
+    ((${r#* } > m)) && m=${r#* }
+  done
+  echo "$t $m"
 }
-report() {  # NAME DD_SECONDS KDISK_SECONDS WRITING_PASSES
-  awk -v n="$1" -v d="$2" -v k="$3" -v p="$4" -v mb="$5" 'BEGIN {
-    printf "%-28s dd %7.1f MiB/s   kdisk %7.1f MiB/s per pass   ratio %.2f\n", n, mb / d, mb * p / k, d * p / k }'
-}
+kdisk_run() { timed "$KDISK" /NOOSDISK "/ADDDISK=$dev" "$@"; }
 
-part_mb=$((count / 2048))
-dd_part=$(best dd_direct "$first" "$count")
-part_wipe() { table; kdisk_run 1 /DEL /P:1 /CUSTOMWIPE:1 /Y; }
-k=$(best part_wipe)
-report "partition /CUSTOMWIPE:1" "$dd_part" "$k" 3 "$part_mb"
+# compare NAME SETUP FIRST COUNT WRITES READS KDISK-ARGS...: rounds alternating the order.
+compare() {
+  local name=$1 setup=$2 f=$3 c=$4 w=$5 rd=$6 i d k
+  shift 6
+  : >"$work/ratios"
+  for ((i = 0; i < rounds; i++)); do
+    if ((i % 2)); then
+      $setup; k=$(kdisk_run "$@"); d=$(dd_passes "$f" "$c" "$w" "$rd")
+    else
+      d=$(dd_passes "$f" "$c" "$w" "$rd"); $setup; k=$(kdisk_run "$@")
+    fi
+    echo "${d% *} ${k% *} ${d#* } ${k#* }" >>"$work/ratios"
+  done
+  sort -g -k5 <(awk '{ printf "%s %s %s %s %.3f\n", $1, $2, $3, $4, $1 / $2 }' "$work/ratios") |
+    awk -v n="$name" -v mb=$((c / 2048)) -v p=$((w + rd)) '
+      { r[NR] = $5; d[NR] = $1; k[NR] = $2; if ($3 > dm) dm = $3; if ($4 > km) km = $4 }
+      END { m = int((NR + 1) / 2)
+        printf "%-26s dd %6.0f MiB/s  kdisk %6.0f MiB/s per pass  median ratio %.2f  (runs %s..%s)  peak dd %.1f MiB, kdisk %.1f MiB\n",
+          n, mb * p / d[m], mb * p / k[m], r[m], r[1], r[NR], dm / 1024, km / 1024 }'
+}
+none() { :; }
 
-dd_disk=$(best dd_direct 0 "$sectors")
-k=$(best kdisk_run 1 /DISKWIPE /Y)
-report "/DISKWIPE (zeros)" "$dd_disk" "$k" 1 "$mib"
-k=$(best kdisk_run 1 /DISKWIPE /CUSTOMWIPE:1 /Y)
-report "/DISKWIPE /CUSTOMWIPE:1" "$dd_disk" "$k" 3 "$mib"
+compare "partition /CUSTOMWIPE:1" table "$first" "$count" 3 1 1 /DEL /P:1 /CUSTOMWIPE:1 /Y
+compare "/DISKWIPE (zeros)" none 0 "$sectors" 1 0 1 /DISKWIPE /Y
+compare "/DISKWIPE /CUSTOMWIPE:1" none 0 "$sectors" 3 1 1 /DISKWIPE /CUSTOMWIPE:1 /Y
+echo "load after: $(uptime | sed 's/.*load average: //')"
