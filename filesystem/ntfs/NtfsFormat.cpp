@@ -612,12 +612,19 @@ std::vector<uint8_t> Volume::mft() const {
     build(&mft[f.record * kRecordBytes], f);
     done[f.record] = true;
   }
-  // The rest of the first 16 records are reserved: in use, empty. The others are formatted
-  // and free (16 to 23 are kept back from ordinary files by the $MFT's bitmap).
+  // The other reserved records (up to 15, and up to 23 where $Extend's files follow them) are
+  // in use, unnamed and empty: standard information and an empty data stream, so that readers
+  // can open every record the $MFT's bitmap marks. The rest are formatted and free.
+  const uint32_t reservedEnd = t_.v3() ? uint32_t{rQuota} : 16;
   for (uint32_t r = 0; r < L_.mftRecords; ++r) {
     if (done[r]) continue;
-    const bool reserved = r < 16;
-    RecordBuilder(&mft[r * kRecordBytes], t_, r, reserved ? sequenceOf(r) : 0, reserved ? Record::kInUse : 0);
+    const bool reserved = r < reservedEnd;
+    RecordBuilder b(&mft[r * kRecordBytes], t_, r, reserved ? sequenceOf(r) : 0, reserved ? Record::kInUse : 0);
+    if (reserved) {
+      b.resident(atStandardInformation, u"", standardInformation(r));
+      if (!t_.v3()) b.resident(atSecurityDescriptor, u"", securityDescriptor(false));
+      b.resident(atData, u"", {});
+    }
     Record::LinkCount::put(&mft[r * kRecordBytes], 0);
   }
   for (uint32_t r = 0; r < L_.mftRecords; ++r) applyFixups(&mft[r * kRecordBytes], kRecordBytes, kUsn);

@@ -25,6 +25,11 @@ vol_check() {
   [ "$(od -An -tu4 -j28 -N4 "$WORK/vol" | tr -d ' ')" = "$s" ] || fail "$5: hidden sectors differ from $s"
   ntfsls -f "$WORK/vol" >"$WORK/ls" 2>&1 || fail "$5: ntfsls: $(cat "$WORK/ls")"
   ntfsfix -n "$WORK/vol" >"$WORK/fix" 2>&1 || fail "$5: ntfsfix -n: $(cat "$WORK/fix")"
+  # Every record the $MFT's bitmap marks in use opens as a file (the reserved ones too).
+  if command -v ntfscluster >/dev/null; then
+    ntfscluster -f --info "$WORK/vol" >"$WORK/clu" 2>&1 || fail "$5: ntfscluster: $(cat "$WORK/clu")"
+    ! grep -qi 'error' "$WORK/clu" || fail "$5: ntfscluster: $(grep -i error "$WORK/clu" | head -3)"
+  fi
   rm -f "$WORK/vol"
 }
 
