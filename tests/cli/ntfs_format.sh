@@ -25,6 +25,11 @@ vol_check() {
   [ "$(od -An -tu4 -j28 -N4 "$WORK/vol" | tr -d ' ')" = "$s" ] || fail "$5: hidden sectors differ from $s"
   ntfsls -f "$WORK/vol" >"$WORK/ls" 2>&1 || fail "$5: ntfsls: $(cat "$WORK/ls")"
   ntfsfix -n "$WORK/vol" >"$WORK/fix" 2>&1 || fail "$5: ntfsfix -n: $(cat "$WORK/fix")"
+  # $UpCase is the table the standard tool writes too.
+  if [ -s "$WORK/upcase.ref" ]; then
+    ntfscat -f "$WORK/vol" '$UpCase' >"$WORK/upcase" 2>/dev/null && cmp -s "$WORK/upcase" "$WORK/upcase.ref" ||
+      fail "$5: \$UpCase differs from mkntfs's"
+  fi
   # Every record the $MFT's bitmap marks in use opens as a file (the reserved ones too).
   if command -v ntfscluster >/dev/null; then
     ntfscluster -f --info "$WORK/vol" >"$WORK/clu" 2>&1 || fail "$5: ntfscluster: $(cat "$WORK/clu")"
@@ -32,6 +37,13 @@ vol_check() {
   fi
   rm -f "$WORK/vol"
 }
+
+# The reference upper-case table, from a scratch volume made by mkntfs.
+if command -v mkntfs >/dev/null && command -v ntfscat >/dev/null; then
+  truncate -s 16M "$WORK/ref.vol"
+  mkntfs -q -Q -F "$WORK/ref.vol" >/dev/null 2>&1 && ntfscat "$WORK/ref.vol" '$UpCase' >"$WORK/upcase.ref" 2>/dev/null
+  rm -f "$WORK/ref.vol"
+fi
 
 # ---- Every /NTFS value, on its own small disk.
 n=0
