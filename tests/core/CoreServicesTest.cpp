@@ -1,8 +1,9 @@
 // The message function's routing and prompt modes, the fixed test clock and random sequence,
-// and the system error text.
+// the system error text and the diagnostic log.
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <cstdlib>
 #include <string>
@@ -11,6 +12,7 @@
 #include "core/Md5.h"
 #include "core/Message.h"
 #include "core/System.h"
+#include "core/Trace.h"
 #include "support/TestSupport.h"
 
 using namespace Corvo::Core;
@@ -94,4 +96,36 @@ TEST(Md5Test, PublishedVectors) {
        "57edf4a22be3c955ac49da2e2107b67a"},
   };
   for (const auto& c : cases) EXPECT_EQ(Md5::hex(Md5::of(c.text, std::strlen(c.text))), c.digest) << c.text;
+}
+
+// Trace scopes nest in the log by indentation; without a log they write nothing, and a path
+// that is neither a regular file nor a terminal is refused with its reason.
+TEST(DiagnosticLog, ScopesNestAndUnusablePathsAreRefused) {
+  const std::string path = ::testing::TempDir() + "kdisk-trace.log";
+  std::remove(path.c_str());
+  { TraceScope quiet("before"); }
+  ASSERT_TRUE(DiagnosticLog::open(path));
+  {
+    TraceScope outer("outer");
+    TraceScope inner("inner");
+    DiagnosticLog::write("step");
+  }
+  DiagnosticLog::close();
+  { TraceScope quiet("after"); }
+  std::string text;
+  if (FILE* f = std::fopen(path.c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, f)) text += buf;
+    std::fclose(f);
+  }
+  const size_t body = text.find('\n') + 1;
+  EXPECT_EQ(text.rfind("--- diagnostic log opened ", 0), 0u) << text;
+  EXPECT_EQ(text.substr(body), "> outer\n  > inner\n    step\n  < inner\n< outer\n");
+  std::remove(path.c_str());
+  for (const char* bad : {"/dev/full", "/"}) {
+    std::string why;
+    EXPECT_FALSE(DiagnosticLog::open(bad, false, &why)) << bad;
+    EXPECT_FALSE(why.empty()) << bad;
+    EXPECT_FALSE(DiagnosticLog::isOpen()) << bad;
+  }
 }
