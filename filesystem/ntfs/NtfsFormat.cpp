@@ -590,8 +590,21 @@ void Volume::build(uint8_t* rec, const SystemFile& f) const {
     entries.push_back(lastEntry(std::nullopt));
     b.resident(atIndexRoot, u"$I30", indexRootValue(atFileName, coFileName, cb, concat(entries), false));
   } else if (f.record == rQuota) {
-    b.resident(atIndexRoot, u"$O", indexRootValue(0, coSid, cb, lastEntry(std::nullopt), false));
-    b.resident(atIndexRoot, u"$Q", indexRootValue(0, coUlong, cb, lastEntry(std::nullopt), false));
+    // The default limits (owner 1) and the Administrators' owner id, without limits.
+    const auto admins = sid(5, {32, 544});
+    std::vector<uint8_t> adminsId(4), defaultId(4), control(QuotaControl::kSize);
+    Core::put32(adminsId.data(), QuotaControl::kFirstOwner);
+    Core::put32(defaultId.data(), QuotaControl::kDefaultOwner);
+    QuotaControl::Version::put(control.data(), QuotaControl::kVersion);
+    QuotaControl::Flags::put(control.data(), QuotaControl::kDefaultLimits);
+    QuotaControl::ChangeTime::put(control.data(), now_);
+    QuotaControl::Threshold::put(control.data(), ~uint64_t{0});
+    QuotaControl::Limit::put(control.data(), ~uint64_t{0});
+    const std::vector<uint8_t> o = concat({viewEntry(admins, adminsId), lastEntry(std::nullopt)});
+    const std::vector<uint8_t> q = concat({viewEntry(defaultId, control), viewEntry(adminsId, concat({control, admins})),
+                                           lastEntry(std::nullopt)});
+    b.resident(atIndexRoot, u"$O", indexRootValue(0, coSid, cb, o, false));
+    b.resident(atIndexRoot, u"$Q", indexRootValue(0, coUlong, cb, q, false));
   } else if (f.record == rObjId) {
     b.resident(atIndexRoot, u"$O", indexRootValue(0, coUlongs, cb, lastEntry(std::nullopt), false));
   } else if (f.record == rReparse) {

@@ -135,6 +135,21 @@ inline constexpr size_t kSizeV1 = 0x30, kSizeV3 = 0x48;
 inline constexpr uint32_t kFileHidden = 0x02, kFileSystem = 0x04, kFileArchive = 0x20;
 inline constexpr uint32_t kDupFileNameIndex = 0x10000000, kDupViewIndex = 0x20000000;
 
+// A quota control entry: the data of a $Quota $Q entry, keyed by owner id; owners other than
+// the default one (id 1) carry their SID after the fixed part.
+namespace QuotaControl {
+using Version = Field<0x00, 4>;
+using Flags = Field<0x04, 4>;
+using BytesUsed = Field<0x08, 8>;
+using ChangeTime = Field<0x10, 8>;
+using Threshold = Field<0x18, 8>;
+using Limit = Field<0x20, 8>;
+using ExceededTime = Field<0x28, 8>;
+inline constexpr size_t kSize = 0x30;
+inline constexpr uint32_t kVersion = 2, kDefaultLimits = 0x01;
+inline constexpr uint32_t kDefaultOwner = 1, kFirstOwner = 0x100;
+}  // namespace QuotaControl
+
 namespace VolumeInformation {
 using Major = Field<0x08, 1>;
 using Minor = Field<0x09, 1>;

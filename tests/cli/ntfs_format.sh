@@ -30,6 +30,10 @@ vol_check() {
     ntfscat -f "$WORK/vol" '$UpCase' >"$WORK/upcase" 2>/dev/null && cmp -s "$WORK/upcase" "$WORK/upcase.ref" ||
       fail "$5: \$UpCase differs from mkntfs's"
   fi
+  # $Extend's $Quota holds the default entries the standard tool writes too.
+  if [ -s "$WORK/quota.ref" ] && [ "$3" != 1.2 ]; then
+    quota_entries "$WORK/vol" | cmp -s - "$WORK/quota.ref" || fail "$5: \$Quota entries differ from mkntfs's"
+  fi
   # Every record the $MFT's bitmap marks in use opens as a file (the reserved ones too).
   if command -v ntfscluster >/dev/null; then
     ntfscluster -f --info "$WORK/vol" >"$WORK/clu" 2>&1 || fail "$5: ntfscluster: $(cat "$WORK/clu")"
@@ -38,10 +42,14 @@ vol_check() {
   rm -f "$WORK/vol"
 }
 
-# The reference upper-case table, from a scratch volume made by mkntfs.
+# quota_entries VOLUME: the decoded index entries of $Quota (record 24), times left out.
+quota_entries() { ntfsinfo -v -i 24 "$1" 2>/dev/null | grep -E 'Key (SID|owner id)|Owner (id|SID)|Quota flags|Version|Threshold|Limit|Bytes used'; }
+
+# The reference upper-case table and quota entries, from a scratch volume made by mkntfs.
 if command -v mkntfs >/dev/null && command -v ntfscat >/dev/null; then
   truncate -s 16M "$WORK/ref.vol"
   mkntfs -q -Q -F "$WORK/ref.vol" >/dev/null 2>&1 && ntfscat "$WORK/ref.vol" '$UpCase' >"$WORK/upcase.ref" 2>/dev/null
+  quota_entries "$WORK/ref.vol" >"$WORK/quota.ref"
   rm -f "$WORK/ref.vol"
 fi
 
