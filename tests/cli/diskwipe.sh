@@ -53,7 +53,8 @@ while read -r sectors mode; do
   r=$(first_byte "$img" 0)
   case "$mode" in
     "") [ "$r" = 0 ] || fail "one pass of zeros left $r" ;;
-    *) [ "$r" != 0 ] && [ "$r" != 53 ] && [ "$r" != 202 ] && [ "$r" != 119 ] || fail "$mode: last byte $r" ;;
+    # The last pass writes the random byte, which is redrawn only while it is 0x35 or 0xCA.
+    *) [ "$r" != 53 ] && [ "$r" != 202 ] || fail "$mode: last byte $r" ;;
   esac
   wiped "$img" "$sectors" "$r" "$mode on $sectors sectors"
   expect_line "$(printf 'Partition will contain 0x%02X for all bytes in all sectors when wipe complete.' "$r")" "$mode"
@@ -110,7 +111,7 @@ table_ok "$img" "/KEEPCORVOBOOT"
 [ "$(extract "$img" 6144 2048 | sha256sum)" = "$kept" ] || fail "/KEEPCORVOBOOT: the kept partition changed"
 [ "$(dd if="$img" bs=1 skip=462 count=16 status=none | od -An -tx1)" = "$entry" ] || fail "/KEEPCORVOBOOT: entry changed"
 r=$(first_byte "$img" 1)
-[ "$r" != 119 ] || fail "/KEEPCORVOBOOT: sector 1 not wiped"
+expect_line "$(printf 'Partition will contain 0x%02X for all bytes in all sectors when wipe complete.' "$r")" "/KEEPCORVOBOOT"
 only_byte "$img" 1 6143 "$r" && only_byte "$img" 8192 8192 "$r" || fail "/KEEPCORVOBOOT: data left outside the kept partition"
 [ -z "$(dd if="$img" bs=446 count=1 status=none | tr -d '\0')" ] || fail "/KEEPCORVOBOOT: boot code left in sector 0"
 # Without such a partition the switch changes nothing.
