@@ -12,6 +12,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "core/System.h"
 #include "core/Trace.h"
 #include "disk/DiskDriveAccess.h"
 #include "disk/access/FileIo.h"
@@ -45,7 +46,7 @@ uint32_t ioctl(HANDLE h, DWORD code, const std::vector<uint8_t>* in, std::vector
 
 std::string errorText(uint32_t code) {
   SetLastError(code);
-  return lastSystemError();
+  return Core::lastSystemErrorText();
 }
 
 class DiskDriveAccessNt : public DiskDriveAccess {
@@ -112,7 +113,7 @@ class DiskDriveAccessNt : public DiskDriveAccess {
   // medium; the flush still asks the disk to empty its own cache.
   void flush() override {
     if (writable_ && !FlushFileBuffers(h_))
-      throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
+      throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + Core::lastSystemErrorText()).with("path", path_);
   }
 
   bool isBootDisk() const override {
@@ -205,7 +206,7 @@ class DiskDriveAccessNt : public DiskDriveAccess {
       }
       DWORD got = 0;
       if (!DeviceIoControl(v, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, &got, nullptr)) {
-        std::string why = lastSystemError();
+        std::string why = Core::lastSystemErrorText();
         CloseHandle(v);
         throw Error(ErrorId::InUse, "Volume " + narrow(name) + " on " + path_ + " is in use and cannot be locked -- " + why)
             .with("volume", narrow(name))
@@ -313,7 +314,7 @@ class DiskDriveAccessNt : public DiskDriveAccess {
     BOOL ok = isWrite ? WriteFile(h_, bounce_, static_cast<DWORD>(bytes), &done, &ov)
                       : ReadFile(h_, bounce_, static_cast<DWORD>(bytes), &done, &ov);
     if (!ok || done != bytes) {
-      std::string why = ok ? std::string("short transfer") : lastSystemError();
+      std::string why = ok ? std::string("short transfer") : Core::lastSystemErrorText();
       throw Error(isWrite ? ErrorId::WriteFailed : ErrorId::ReadFailed,
                   std::string(isWrite ? "Cannot write " : "Cannot read ") + path_ + " -- " + why)
           .with("path", path_)

@@ -5,6 +5,7 @@
 
 #include "core/Error.h"
 #include "core/FileKind.h"
+#include "core/System.h"
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -29,17 +30,6 @@ using Core::ErrorId;
 
 #if defined(_WIN32)
 
-std::string lastSystemError() {
-  DWORD code = GetLastError();
-  char buf[512] = {};
-  DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, buf,
-                           sizeof buf, nullptr);
-  std::string text(buf, n);
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '.')) text.pop_back();
-  if (text.empty()) text = "system error " + std::to_string(code);
-  return text;
-}
-
 FileIo::~FileIo() {
   if (handle_) CloseHandle(static_cast<HANDLE>(handle_));
   if (uncached_) CloseHandle(static_cast<HANDLE>(uncached_));
@@ -60,7 +50,7 @@ void FileIo::doOpen(const std::string& path, bool tryWrite, Accept accept) {
     h = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                     FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE)
-    throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
+    throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + Core::lastSystemErrorText()).with("path", path);
   handle_ = h;
   if (accept == Accept::Any) return;
   if (const char* what = Core::unacceptedFileKind(reinterpret_cast<intptr_t>(h), accept == Accept::RegularOrBlock, false)) {
@@ -77,42 +67,51 @@ uint64_t FileIo::size() const {
   return static_cast<uint64_t>(s.QuadPart);
 }
 
-size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
+namespace {
+// Positional transfers in pieces of at most 1 GiB until all `bytes` have moved. `call` moves one
+// piece and returns false when the system call failed; the loop ends early at a piece of 0 bytes.
+template <class Buffer, class Call>
+size_t transferFully(uint64_t offset, Buffer* buffer, size_t bytes, Call call) {
   size_t done = 0;
   while (done < bytes) {
     OVERLAPPED ov{};
-    uint64_t at = offset + done;
+    const uint64_t at = offset + done;
     ov.Offset = static_cast<DWORD>(at);
     ov.OffsetHigh = static_cast<DWORD>(at >> 32);
-    DWORD want = static_cast<DWORD>(std::min<size_t>(bytes - done, 1u << 30)), got = 0;
-    if (!ReadFile(static_cast<HANDLE>(handle_), static_cast<char*>(buffer) + done, want, &got, &ov)) {
-      if (GetLastError() == ERROR_HANDLE_EOF) break;
-      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
-          .with("path", path_)
-          .with("offset", std::to_string(at));
-    }
-    if (got == 0) break;
-    done += got;
+    DWORD moved = 0;
+    if (!call(buffer + done, static_cast<DWORD>(std::min<size_t>(bytes - done, 1u << 30)), &moved, &ov)) break;
+    if (moved == 0) break;
+    done += moved;
   }
+  return done;
+}
+}  // namespace
+
+size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
+  bool failed = false;
+  const size_t done = transferFully(offset, static_cast<char*>(buffer), bytes,
+                                    [&](char* at, DWORD want, DWORD* got, OVERLAPPED* ov) {
+                                      if (ReadFile(static_cast<HANDLE>(handle_), at, want, got, ov)) return true;
+                                      failed = GetLastError() != ERROR_HANDLE_EOF;
+                                      return false;
+                                    });
+  if (failed)
+    throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + Core::lastSystemErrorText())
+        .with("path", path_)
+        .with("offset", std::to_string(offset + done));
   return done;
 }
 
 void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   requireWritable();
-  size_t done = 0;
-  while (done < bytes) {
-    OVERLAPPED ov{};
-    uint64_t at = offset + done;
-    ov.Offset = static_cast<DWORD>(at);
-    ov.OffsetHigh = static_cast<DWORD>(at >> 32);
-    DWORD want = static_cast<DWORD>(std::min<size_t>(bytes - done, 1u << 30)), put = 0;
-    if (!WriteFile(static_cast<HANDLE>(handle_), static_cast<const char*>(buffer) + done, want, &put, &ov) ||
-        put == 0)
-      throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + lastSystemError())
-          .with("path", path_)
-          .with("offset", std::to_string(at));
-    done += put;
-  }
+  const size_t done = transferFully(offset, static_cast<const char*>(buffer), bytes,
+                                    [&](const char* at, DWORD want, DWORD* put, OVERLAPPED* ov) {
+                                      return WriteFile(static_cast<HANDLE>(handle_), at, want, put, ov) != FALSE;
+                                    });
+  if (done < bytes)
+    throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + Core::lastSystemErrorText())
+        .with("path", path_)
+        .with("offset", std::to_string(offset + done));
 }
 
 bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
@@ -131,7 +130,7 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
 
 void FileIo::sync() {
   if (writable_ && !FlushFileBuffers(static_cast<HANDLE>(handle_)))
-    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
+    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + Core::lastSystemErrorText()).with("path", path_);
 }
 
 namespace {
@@ -165,7 +164,7 @@ void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {
     DWORD got = 0;
     // The last span may reach past the end of the file; only the bytes asked for must be there.
     if (!ReadFile(static_cast<HANDLE>(uncached_), aligned_, span, &got, &ov) && GetLastError() != ERROR_HANDLE_EOF)
-      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+      throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + Core::lastSystemErrorText())
           .with("path", path_)
           .with("offset", std::to_string(offset));
     if (got < lead + n)
@@ -180,8 +179,6 @@ void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {
 }
 
 #else
-
-std::string lastSystemError() { return std::strerror(errno); }
 
 namespace {
 template <class Buffer, class Call>
@@ -226,7 +223,7 @@ void FileIo::doOpen(const std::string& path, bool tryWrite, Accept accept) {
     writable_ = fd >= 0;
   }
   if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | flags);
-  if (fd < 0) throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + lastSystemError()).with("path", path);
+  if (fd < 0) throw Error(ErrorId::OpenFailed, "Cannot open " + path + " -- " + Core::lastSystemErrorText()).with("path", path);
   fd_ = fd;
   if (accept == Accept::Any) return;
   if (const char* what = Core::unacceptedFileKind(fd, accept == Accept::RegularOrBlock, false)) {
@@ -255,7 +252,7 @@ uint64_t FileIo::size() const {
 size_t FileIo::readSome(uint64_t offset, void* buffer, size_t bytes) const {
   const size_t done = readFully(fd_, offset, buffer, bytes);
   if (done < bytes && errno != 0)
-    throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + lastSystemError())
+    throw Error(ErrorId::ReadFailed, "Cannot read " + path_ + " -- " + Core::lastSystemErrorText())
         .with("path", path_)
         .with("offset", std::to_string(offset + done));
   return done;
@@ -265,7 +262,7 @@ void FileIo::writeAt(uint64_t offset, const void* buffer, size_t bytes) {
   requireWritable();
   const size_t done = writeFully(fd_, offset, buffer, bytes);
   if (done < bytes)
-    throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + (errno != 0 ? lastSystemError() : "no space"))
+    throw Error(ErrorId::WriteFailed, "Cannot write " + path_ + " -- " + (errno != 0 ? Core::lastSystemErrorText() : "no space"))
         .with("path", path_)
         .with("offset", std::to_string(offset + done));
 }
@@ -288,7 +285,7 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {
 
 void FileIo::sync() {
   if (writable_ && ::fsync(fd_) != 0)
-    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + lastSystemError()).with("path", path_);
+    throw Error(ErrorId::WriteFailed, "Cannot flush " + path_ + " -- " + Core::lastSystemErrorText()).with("path", path_);
 }
 
 void FileIo::readMediumAt(uint64_t offset, void* buffer, size_t bytes) {

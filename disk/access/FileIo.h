@@ -62,9 +62,6 @@ class FileIo {
 #endif
 };
 
-// The system's text for the last error (errno / GetLastError).
-std::string lastSystemError();
-
 #if !defined(_WIN32)
 // Positional transfers with pread / pwrite, repeated after short transfers and interrupted
 // calls until all `bytes` have moved. Return the bytes moved: fewer when a call failed (errno

@@ -1,6 +1,7 @@
 #include "disk/access/FileReplace.h"
 
 #include "core/Error.h"
+#include "core/System.h"
 #include "disk/access/FileIo.h"
 
 #if defined(_WIN32)
@@ -21,7 +22,7 @@ using Core::ErrorId;
 namespace {
 
 Error writeError(const std::string& path, const std::string& step) {
-  return Error(ErrorId::WriteFailed, "Cannot write " + path + " -- " + step + ": " + lastSystemError())
+  return Error(ErrorId::WriteFailed, "Cannot write " + path + " -- " + step + ": " + Core::lastSystemErrorText())
       .with("path", path);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -122,6 +123,10 @@ class MbrDisk : public PartitionedDisk {
   PartitionNode* createInMaster(CreationRequest& request, bool extended);
   Chain* chainOf(const PartitionNode* extended);
   void locate(const PartitionNode& node, Chain*& chain, size_t& index) const;
+  // Rewrites the chain record holding the entry of a logical drive (its own record) or of a
+  // link (the record before the one it points to), after `edit` changed it; the chain must
+  // be intact and the record's sector not in use.
+  void rewriteHolder(const PartitionNode& node, const std::function<void(BiosBootRecord&)>& edit);
   uint64_t linkCount(const PartitionNodeBiosPartitionContainerEbr& target) const { return target.usedEnd() - target.block(); }
   // The tables as the system is told them.
   OsLayout osLayout() const;
@@ -540,6 +545,18 @@ void MbrDisk::locate(const PartitionNode& node, Chain*& chain, size_t& index) co
   throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk's tables");
 }
 
+void MbrDisk::rewriteHolder(const PartitionNode& node, const std::function<void(BiosBootRecord&)>& edit) {
+  Chain* chain = nullptr;
+  size_t index = 0;
+  locate(node, chain, index);
+  requireIntact(*chain);
+  const auto& holder = node.role == PartitionRole::Logical ? *chain->records[index] : *chain->records[index - 1];
+  guard(holder.block(), 1);
+  BiosBootRecord rec = holder.record();
+  edit(rec);
+  writeRecord(holder.block(), rec);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Creating
 
@@ -754,15 +771,7 @@ void MbrDisk::clearActive(PartitionNode& node) {
     mbr.deactivate(static_cast<unsigned>(node.slot));
     writeRecord(0, mbr);
   } else {
-    Chain* chain = nullptr;
-    size_t index = 0;
-    locate(node, chain, index);
-    requireIntact(*chain);
-    const auto& holder = node.role == PartitionRole::Logical ? *chain->records[index] : *chain->records[index - 1];
-    guard(holder.block(), 1);
-    BiosBootRecord rec = holder.record();
-    rec.deactivate(static_cast<unsigned>(node.slot));
-    writeRecord(holder.block(), rec);
+    rewriteHolder(node, [&](BiosBootRecord& rec) { rec.deactivate(static_cast<unsigned>(node.slot)); });
   }
   finishChange();
 }
@@ -784,15 +793,8 @@ void MbrDisk::setType(PartitionNode& node, uint8_t type) {
     mbr.setType(static_cast<unsigned>(node.slot), type);
     writeRecord(0, mbr);
   } else {
-    Chain* chain = nullptr;
-    size_t index = 0;
-    locate(node, chain, index);
-    requireIntact(*chain);
     drive().prepareForChange(node.firstBlock, node.blockCount);
-    guard(chain->records[index]->block(), 1);
-    BiosBootRecord rec = chain->records[index]->record();
-    rec.setType(0, type);
-    writeRecord(chain->records[index]->block(), rec);
+    rewriteHolder(node, [&](BiosBootRecord& rec) { rec.setType(0, type); });
   }
   finishChange();
 }
