@@ -13,26 +13,14 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "core/Config.h"
-#include "core/Endian.h"
 #include "core/Message.h"
 #include "disk/DiskDrive.h"
+#include "disk/layout/BiosBootRecord.h"
+#include "tests/support/InMemory.h"
 
 using namespace Corvo;
 
 namespace {
-// Counts the output instead of printing it.
-class CountingSink : public Core::MessageSink {
- public:
-  size_t bytes = 0;
-  void error(const std::string& t) override { bytes += t.size(); }
-  void warning(const std::string& t) override { bytes += t.size(); }
-  void information(const std::string& t) override { bytes += t.size(); }
-  bool question(const std::string&) override { return false; }
-  void output(const std::string& t) override { bytes += t.size(); }
-  void progress(const std::string&, uint64_t, uint64_t) override {}
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
-};
 double msSince(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
 }
@@ -44,15 +32,11 @@ int main() {
   if (!mkdtemp(tmpl.data())) return 1;
   Core::Config::setBool("OsDrive::Disable", true);
   // Each image: 64 MiB with one primary partition from 1 MiB to the end.
-  uint8_t mbr[512] = {};
-  mbr[446 + 4] = 0x83;
-  Core::put32(mbr + 446 + 8, 2048);
-  Core::put32(mbr + 446 + 12, 131072 - 2048);
-  mbr[510] = 0x55;
-  mbr[511] = 0xAA;
+  Disk::BiosBootRecord mbr;
+  mbr.setSlot(0, 2048, 131072 - 2048, 0x83, 255, 63);
   for (int i = 0; i < 128; ++i) {
     std::string path = tmpl + "/disk" + std::to_string(i) + ".img";
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(mbr), sizeof mbr);
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(mbr.data()), Disk::BiosBootRecord::kSize);
     fs::resize_file(path, uint64_t{64} << 20);
     Core::Config::append(Core::Config::kAddDiskKey, path);
   }
@@ -63,8 +47,8 @@ int main() {
   for (size_t i = 0; i < Disk::DiskManager::instance().driveCount(); ++i)
     usable += Disk::DiskManager::instance().getDrive(i) != nullptr;
 
-  auto sink = std::make_unique<CountingSink>();
-  CountingSink* counted = sink.get();
+  auto sink = std::make_unique<KdiskTest::SilentSink>();
+  KdiskTest::SilentSink* counted = sink.get();
   auto console = Core::setMessageSink(std::move(sink));
   t0 = std::chrono::steady_clock::now();
   Kdisk::buildFixedDiskTable();

@@ -22,6 +22,7 @@
 
 #include "core/Message.h"
 #include "filesystem/fat/Fat.h"
+#include "tests/support/InMemory.h"
 
 namespace {
 
@@ -53,20 +54,6 @@ class SparseImage : public Corvo::Disk::BlockDevice {
  private:
   int fd_ = -1;
   uint64_t blocks_;
-};
-
-// Discards the formatter's console output.
-class QuietSink : public Corvo::Core::MessageSink {
- public:
-  std::string errors;
-  void error(const std::string& t) override { errors += t; }
-  void warning(const std::string&) override {}
-  void information(const std::string&) override {}
-  bool question(const std::string&) override { return false; }
-  void output(const std::string&) override {}
-  void progress(const std::string&, uint64_t, uint64_t) override {}
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
 };
 
 uint64_t allocatedBytes(const std::string& path) {
@@ -101,8 +88,8 @@ int main(int argc, char** argv) {
     uint64_t ourWritten = 0, ourAlloc = 0, theirAlloc = 0;
     bool ok = true, theirsOk = true;
     for (int run = 0; run < runs && ok; ++run) {
-      auto sink = std::make_unique<QuietSink>();
-      QuietSink* quiet = sink.get();
+      auto sink = std::make_unique<KdiskTest::SilentSink>();
+      KdiskTest::SilentSink* quiet = sink.get();
       Corvo::Core::setMessageSink(std::move(sink));
       {
         SparseImage image(ours, c.bytes / 512);
@@ -111,7 +98,7 @@ int main(int argc, char** argv) {
           Corvo::Filesystem::formatFat(image, Corvo::Filesystem::FatType(c.type), {});
         } catch (const Corvo::Core::Error& e) {
           ok = false;
-          std::printf("%-14s formatter failed: %s %s\n", c.name, e.what(), quiet->errors.c_str());
+          std::printf("%-14s formatter failed: %s %s\n", c.name, e.what(), quiet->lastError.c_str());
         }
         ourTime = std::min(ourTime, seconds(start));
         ourWritten = image.bytesWritten;

@@ -67,12 +67,15 @@ void GptHeader::setEntrySize(uint32_t v) { put32(&bytes_[84], v); }
 void GptHeader::setEntriesCrc(uint32_t v) { put32(&bytes_[88], v); }
 void GptHeader::setHeaderSize(uint32_t v) { put32(&bytes_[12], v); }
 
-uint32_t GptHeader::computeHeaderCrc() const {
-  std::array<uint8_t, kSize> copy = bytes_;
-  put32(&copy[16], 0);
-  return Core::crc32(copy.data(), copy.size());
+uint32_t GptHeader::imageCrc(const uint8_t* block, uint32_t size) {
+  const uint8_t zero[4] = {};
+  uint32_t crc = Core::crc32(block, 16);
+  crc = Core::crc32(zero, sizeof zero, crc);
+  return Core::crc32(block + 20, size - 20, crc);
 }
-void GptHeader::updateHeaderCrc() { put32(&bytes_[16], computeHeaderCrc()); }
+void GptHeader::storeImageCrc(uint8_t* block, uint32_t size) { put32(block + 16, imageCrc(block, size)); }
+uint32_t GptHeader::computeHeaderCrc() const { return imageCrc(bytes_.data(), kSize); }
+void GptHeader::updateHeaderCrc() { storeImageCrc(bytes_.data(), kSize); }
 
 void GptHeader::setGptUuid(const GuidBytes& guid) {
   const GuidBytes old = diskGuid();
@@ -157,8 +160,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   if (!h.hasSignature()) return "has no GPT signature";
   uint32_t size = h.headerSize();
   if (size < GptHeader::kSize || size > blockBytes) return format("has an invalid header size of %u bytes", size);
-  put32(&sector[16], 0);
-  if (Core::crc32(sector.data(), size) != h.headerCrc()) return "has a wrong header CRC";
+  if (GptHeader::imageCrc(sector.data(), size) != h.headerCrc()) return "has a wrong header CRC";
   if (h.myBlock() != at)
     return format("gives block %llu as its own position, but it lies at block %llu", (unsigned long long)h.myBlock(),
                   (unsigned long long)at);

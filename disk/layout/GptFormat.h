@@ -58,6 +58,10 @@ class GptHeader {
   // CRC of the 92 bytes with the CRC field taken as zero; updateHeaderCrc stores it.
   uint32_t computeHeaderCrc() const;
   void updateHeaderCrc();
+  // The same over the first `size` bytes of a header's block, for a header that claims more
+  // than 92 bytes; storeImageCrc writes it into the block's CRC field.
+  static uint32_t imageCrc(const uint8_t* block, uint32_t size);
+  static void storeImageCrc(uint8_t* block, uint32_t size);
 
   // Sets the disk GUID here, then on the linked header when it still carries this header's
   // old GUID, and so on along the links.

@@ -1,5 +1,5 @@
-// In-memory disks for the front-end tests: a drive backend over a byte vector and a partition
-// table model that records what the commands ask it to change.
+// A partition table model for the front-end tests that records what the commands ask it to
+// change; the drive backend over a byte vector is in tests/support/InMemory.h.
 #pragma once
 #include <cstring>
 #include <memory>
@@ -11,46 +11,9 @@
 #include "core/Error.h"
 #include "disk/DiskDrive.h"
 #include "disk/PartitionedDisk.h"
+#include "tests/support/InMemory.h"
 
 namespace KdiskTest {
-
-class MemoryAccess : public Corvo::Disk::DiskDriveAccess {
- public:
-  explicit MemoryAccess(uint64_t blocks) : data(blocks * 512, 0) {}
-  std::string path() const override { return "memory"; }
-  Corvo::Disk::Geometry getGeometry() const override { return geometry; }
-  uint64_t totalBlocks() const override { return data.size() / 512; }
-  std::string model() const override { return "Memory disk"; }
-  std::string serialNumber() const override { return "SN-0001"; }
-  void read(uint64_t first, uint64_t count, void* buffer) override {
-    ++reads;
-    for (uint64_t s : badSectors)
-      if (s >= first && s < first + count) throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "bad sector");
-    std::memcpy(buffer, data.data() + first * 512, count * 512);
-  }
-  void write(uint64_t first, uint64_t count, const void* buffer) override {
-    requireWritable();
-    std::memcpy(data.data() + first * 512, buffer, count * 512);
-    sectorsWritten += count;
-  }
-  void flush() override {
-    if (failFlush) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "Cannot flush memory -- injected");
-  }
-  void requireWritable() const override {
-    if (readOnly) throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteProtected, "Cannot write memory -- read-only");
-  }
-  bool isBootDisk() const override { return bootDisk; }
-  void prepareForChange(uint64_t, uint64_t) override {
-    if (busy) throw Corvo::Core::Error(Corvo::Core::ErrorId::InUse, "The partition is mounted");
-  }
-
-  std::vector<uint8_t> data;
-  Corvo::Disk::Geometry geometry{};
-  std::set<uint64_t> badSectors;
-  bool bootDisk = false, busy = false, readOnly = false, failFlush = false;
-  mutable uint64_t reads = 0;
-  uint64_t sectorsWritten = 0;
-};
 
 // A partition table held as nodes; changes are applied to the nodes and counted.
 class FakeLayout : public Corvo::Disk::PartitionedDisk {

@@ -10,46 +10,14 @@
 
 #include "app/FixedDisks.h"
 #include "app/CmdStatus.h"
-#include "core/Endian.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/DiskDrive.h"
+#include "disk/layout/BiosBootRecord.h"
 #include "filesystem/Recognition.h"
-
-namespace {
+#include "tests/support/InMemory.h"
 
 using namespace Corvo::Disk;
-
-class FuzzAccess : public DiskDriveAccess {
- public:
-  explicit FuzzAccess(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
-  std::string path() const override { return "fuzz"; }
-  Geometry getGeometry() const override { return {}; }
-  uint64_t totalBlocks() const override { return bytes_.size() / 512; }
-  void read(uint64_t first, uint64_t count, void* buffer) override {
-    std::memcpy(buffer, &bytes_[first * 512], count * 512);
-  }
-  void write(uint64_t, uint64_t, const void*) override {
-    throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "read-only");
-  }
-
- private:
-  std::vector<uint8_t> bytes_;
-};
-
-class NullSink : public Corvo::Core::MessageSink {
- public:
-  void error(const std::string&) override {}
-  void warning(const std::string&) override {}
-  void information(const std::string&) override {}
-  bool question(const std::string&) override { return false; }
-  void output(const std::string&) override {}
-  void progress(const std::string&, uint64_t, uint64_t) override {}
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   namespace Fs = Corvo::Filesystem;
@@ -64,16 +32,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t partSectors = std::max<uint64_t>((size + 511) / 512, 1);
   std::vector<uint8_t> image((1 + partSectors) * 512, 0);
   std::memcpy(image.data() + 512, data, size);
-  uint8_t* slot = image.data() + 446;
-  slot[4] = type;
-  Corvo::Core::put32(slot + 8, 1);
-  Corvo::Core::put32(slot + 12, static_cast<uint32_t>(partSectors));
-  image[510] = 0x55;
-  image[511] = 0xAA;
+  BiosBootRecord mbr;
+  mbr.setSlot(0, 1, partSectors, type, 255, 63);
+  std::memcpy(image.data(), mbr.data(), BiosBootRecord::kSize);
 
-  auto previous = Corvo::Core::setMessageSink(std::make_unique<NullSink>());
+  auto previous = Corvo::Core::setMessageSink(std::make_unique<KdiskTest::SilentSink>());
   try {
-    auto drive = std::make_unique<DiskDrive>(0, std::make_unique<FuzzAccess>(std::move(image)));
+    auto access = std::make_unique<KdiskTest::MemoryAccess>(0);
+    access->data = std::move(image);
+    access->readOnly = true;
+    auto drive = std::make_unique<DiskDrive>(0, std::move(access));
     auto record = std::make_unique<Kdisk::FixedDisk>();
     record->drive = drive.get();
     record->layout = PartitionedDisk::load(*drive);

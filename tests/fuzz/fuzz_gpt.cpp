@@ -10,63 +10,34 @@
 
 #include "app/Consistency.h"
 #include "core/Crc32.h"
-#include "core/Endian.h"
 #include "core/Message.h"
 #include "disk/DiskDrive.h"
 #include "disk/layout/GptDisk.h"
+#include "disk/layout/GptFormat.h"
+#include "tests/support/InMemory.h"
 
 namespace {
 
 using namespace Corvo::Disk;
 
-class FuzzAccess : public DiskDriveAccess {
- public:
-  explicit FuzzAccess(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
-  std::string path() const override { return "fuzz"; }
-  Geometry getGeometry() const override { return {}; }
-  uint64_t totalBlocks() const override { return bytes_.size() / 512; }
-  void read(uint64_t first, uint64_t count, void* buffer) override {
-    std::memcpy(buffer, &bytes_[first * 512], count * 512);
-  }
-  void write(uint64_t first, uint64_t count, const void* buffer) override {
-    std::memcpy(&bytes_[first * 512], buffer, count * 512);
-  }
-
- private:
-  std::vector<uint8_t> bytes_;
-};
-
-class SilentSink : public Corvo::Core::MessageSink {
- public:
-  void error(const std::string&) override {}
-  void warning(const std::string&) override {}
-  void information(const std::string&) override {}
-  bool question(const std::string&) override { return false; }
-  void output(const std::string&) override {}
-  void progress(const std::string&, uint64_t, uint64_t) override {}
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
-};
-
 // Gives the header in `sector` correct CRCs for whatever it says, so that the fuzzer reaches
 // the checks behind the CRCs.
 void fixCrcs(std::vector<uint8_t>& disk, uint64_t sector) {
-  using namespace Corvo::Core;
-  uint8_t* h = &disk[sector * 512];
-  uint64_t entries = get64(h + 72);
-  uint64_t bytes = uint64_t{get32(h + 80)} * get32(h + 84);
+  uint8_t* block = &disk[sector * 512];
+  GptHeader header(block);
+  const uint64_t entries = header.entriesBlock();
+  const uint64_t bytes = uint64_t{header.entryCount()} * header.entrySize();
   if (entries < disk.size() / 512 && bytes <= disk.size() - entries * 512)
-    put32(h + 88, crc32(&disk[entries * 512], bytes));
-  uint32_t size = std::clamp<uint32_t>(get32(h + 12), 92, 512);
-  put32(h + 16, 0);
-  put32(h + 16, crc32(h, size));
+    header.setEntriesCrc(Corvo::Core::crc32(&disk[entries * 512], bytes));
+  header.copyTo(block);
+  GptHeader::storeImageCrc(block, std::clamp<uint32_t>(header.headerSize(), GptHeader::kSize, 512));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool sinkSet = [] {
-    Corvo::Core::setMessageSink(std::make_unique<SilentSink>());
+    Corvo::Core::setMessageSink(std::make_unique<KdiskTest::SilentSink>());
     return true;
   }();
   (void)sinkSet;
@@ -81,7 +52,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size && (data[0] & 1)) fixCrcs(disk, 1);
   if (size && (data[0] & 2)) fixCrcs(disk, kDisk / 512 - 1);
 
-  DiskDrive drive(0, std::make_unique<FuzzAccess>(std::move(disk)));
+  auto access = std::make_unique<KdiskTest::MemoryAccess>(0);
+  access->data = std::move(disk);
+  DiskDrive drive(0, std::move(access));
   auto gpt = loadGptDisk(drive);  // must not throw
   Kdisk::checkPartitionTables(*gpt, 0, true);
   try {

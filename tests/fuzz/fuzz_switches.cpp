@@ -11,27 +11,11 @@
 #include "app/Switches.h"
 #include "core/Config.h"
 #include "core/Message.h"
-
-namespace {
-
-class NullSink : public Corvo::Core::MessageSink {
- public:
-  void error(const std::string& t) override { bytes += t.size(); }
-  void warning(const std::string& t) override { bytes += t.size(); }
-  void information(const std::string& t) override { bytes += t.size(); }
-  bool question(const std::string&) override { return false; }
-  void output(const std::string& t) override { bytes += t.size(); }
-  void progress(const std::string&, uint64_t, uint64_t) override {}
-  int readKey() override { return -1; }
-  bool readLine(std::string&) override { return false; }
-  size_t bytes = 0;
-};
-
-}  // namespace
+#include "tests/support/InMemory.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool installed = [] {
-    Corvo::Core::setMessageSink(std::make_unique<NullSink>());
+    Corvo::Core::setMessageSink(std::make_unique<KdiskTest::SilentSink>());
     return true;
   }();
   (void)installed;
