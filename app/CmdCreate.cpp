@@ -12,6 +12,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "filesystem/exfat/Exfat.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
@@ -69,6 +70,13 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
       Corvo::Filesystem::Ext2FormatOptions ext2;
       if (!request.label.empty()) ext2.label = request.label;
       Corvo::Filesystem::formatExt2(device, ext2);
+      return true;
+    }
+    if (request.formatKind == FormatKind::Exfat) {
+      Corvo::Filesystem::ExfatFormatOptions exfat;
+      if (!request.label.empty()) exfat.label = request.label;
+      exfat.partitionOffset = part.firstBlock;
+      Corvo::Filesystem::formatExfat(device, exfat);
       return true;
     }
     Corvo::Filesystem::FatFormatOptions options;
@@ -272,6 +280,17 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
     request.formatKind = FormatKind::Ext2;
     request.versionCode = 10;
   }
+  if (set.isPresent(swEXFAT)) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /EXFAT may only be used in conjunction with /FOR");
+      return 2;
+    }
+    if (ntfs || set.isPresent(swEXT2)) {
+      message(mkError, "Conflicting switches. Specify only one of /NTFS, /EXT2, or /EXFAT");
+      return 2;
+    }
+    request.formatKind = FormatKind::Exfat;
+  }
   if (set.isPresent(swV, &value, &hasValue)) {
     if (!format) {
       message(mkError, "Conflicting switches. /V may only be used in conjunction with /FOR");
@@ -283,7 +302,10 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
           !Corvo::Filesystem::validateVolumeLabel(value, true))
         return 2;
       if (request.formatKind == FormatKind::Ntfs && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
-      if (const char* problem = request.formatKind == FormatKind::Ext2 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
+      const char* problem = request.formatKind == FormatKind::Ext2    ? Corvo::Filesystem::ext2LabelProblem(value)
+                            : request.formatKind == FormatKind::Exfat ? Corvo::Filesystem::exfatLabelProblem(value)
+                                                                      : nullptr;
+      if (problem) {
         message(mkError, "%s", problem);
         return 2;
       }
@@ -354,7 +376,7 @@ int runCreate(CreateOrder& order) {
 }  // namespace
 
 int commandCreate(SwitchSet& set) {
-  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
+  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swEXFAT, &swALIGN, &swV,
                      &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
     message(mkError, "%s", set.errorText().c_str());
     return 2;
