@@ -4,19 +4,12 @@
 #include <iterator>
 #include <vector>
 
+#include "filesystem/UpcaseRuns.h"
 #include "filesystem/exfat/Exfat.h"
 
 namespace Corvo::Filesystem {
 
 namespace {
-
-// Runs of lower-case letters: first, last, step between the letters of the run (1, or 2 where
-// upper and lower case alternate) and the distance to the upper-case letter (modulo 2^16).
-struct UpcaseRun {
-  uint16_t first, last;
-  uint8_t step;
-  int16_t delta;
-};
 
 const UpcaseRun kRuns[] = {
     {0x0061, 0x007A, 1, -32}, {0x00E0, 0x00F6, 1, -32}, {0x00F8, 0x00FE, 1, -32}, {0x00FF, 0x00FF, 1, 121},
@@ -61,10 +54,7 @@ const IdentityRun kCompressed[] = {{0x0587, 0x17F6}, {0x2185, 0x034B}, {0x24EA, 
 constexpr uint16_t kCompressionMark = 0xFFFF;
 
 std::vector<uint8_t> buildTable() {
-  std::vector<uint16_t> map(0x10000);
-  for (uint32_t c = 0; c < map.size(); ++c) map[c] = static_cast<uint16_t>(c);
-  for (const UpcaseRun& r : kRuns)
-    for (uint32_t c = r.first; c <= r.last; c += r.step) map[c] = static_cast<uint16_t>(c + r.delta);
+  const std::vector<uint16_t> map = upcaseMap(kRuns);
   std::vector<uint8_t> out;
   auto put = [&out](uint16_t unit) {
     out.push_back(static_cast<uint8_t>(unit));
