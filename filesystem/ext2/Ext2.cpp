@@ -217,41 +217,33 @@ void fillDirectories(uint8_t* p, const Ext2Layout& L) {
   for (uint32_t i = 1; i < L.lostFoundBlocks; ++i) X::DirEntry::recordLength.set(lf + i * B, static_cast<uint16_t>(B));
 }
 
-void printSummary(const Ext2Layout& L, const Identity& id) {
-  Core::print("Format complete.\n\n");
-  if (id.label.empty())
-    Core::print("Volume has no label\n");
-  else
-    Core::print("Volume label is %s\n", id.label.c_str());
-  Core::print("Volume UUID is %s\n", uuidText(id.uuid).c_str());
-  const std::string numbers[] = {std::to_string(L.blockSize),     std::to_string(L.blockCount),
-                                 std::to_string(L.freeBlocks),    std::to_string(L.reservedBlocks),
-                                 std::to_string(L.inodeCount),    std::to_string(L.groupCount),
-                                 std::to_string(L.unusedSectors)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  Core::print("%*s bytes in each block\n", width, numbers[0].c_str());
-  Core::print("%*s total blocks\n", width, numbers[1].c_str());
-  Core::print("%*s free blocks\n", width, numbers[2].c_str());
-  Core::print("%*s blocks reserved for the administrator\n", width, numbers[3].c_str());
-  Core::print("%*s inodes of %u bytes\n", width, numbers[4].c_str(), L.inodeSize);
-  Core::print("%*s block groups of %u blocks\n", width, numbers[5].c_str(), L.blocksPerGroup);
-  if (L.unusedSectors) Core::print("%*s sectors at the end of the partition left unused\n", width, numbers[6].c_str());
+FormatSummary summaryOf(const Ext2Layout& L, const Identity& id) {
+  FormatSummary s;
+  s.say(id.label.empty() ? "Volume has no label" : "Volume label is " + id.label);
+  s.say("Volume UUID is " + uuidText(id.uuid));
+  s.count(L.blockSize, "bytes in each block");
+  s.count(L.blockCount, "total blocks");
+  s.count(L.freeBlocks, "free blocks");
+  s.count(L.reservedBlocks, "blocks reserved for the administrator");
+  s.count(L.inodeCount, Core::format("inodes of %u bytes", L.inodeSize));
+  s.count(L.groupCount, Core::format("block groups of %u blocks", L.blocksPerGroup));
+  if (L.unusedSectors) s.count(L.unusedSectors, "sectors at the end of the partition left unused");
   const std::vector<uint32_t> copies = L.superblockCopies();
   if (copies.empty()) {
-    Core::print("No superblock backups\n");
+    s.say("No superblock backups");
   } else {
     std::string list;
     for (uint32_t b : copies) list += (list.empty() ? "" : ", ") + std::to_string(b);
-    Core::print("Superblock backups at blocks %s\n", list.c_str());
+    s.say("Superblock backups at blocks " + list);
   }
-  Core::print("\n");
+  return s;
 }
 
 }  // namespace
 
-const char* ext2LabelProblem(const std::string& label) {
-  return label.size() > kExt2LabelBytes ? "Invalid volume label -- maximum of 16 bytes for ext2" : nullptr;
+std::string ext2LabelProblem(const std::string& label) {
+  if (label.size() <= kExt2LabelBytes) return {};
+  return Core::format("Invalid volume label -- maximum of %zu bytes for ext2", kExt2LabelBytes);
 }
 
 bool Ext2Layout::hasSuperblockCopy(uint32_t group) const {
@@ -320,11 +312,11 @@ Ext2Layout computeExt2Layout(uint64_t sectors) {
   return L;
 }
 
-void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
+FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
   Core::TraceScope trace("formatExt2");
   Identity id;
   id.label = options.label.value_or("");
-  if (const char* problem = ext2LabelProblem(id.label))
+  if (const std::string problem = ext2LabelProblem(id.label); !problem.empty())
     throw Error(ErrorId::InvalidArgument, problem).with("label", id.label);
   Disk::requireSectorSize(device.bytesPerBlock());
   const Ext2Layout L = computeExt2Layout(device.blockCount());
@@ -397,7 +389,13 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
     throw;
   }
   progress.complete();
-  printSummary(L, id);
+  return summaryOf(L, id);
+}
+
+FormatSummary Ext2Formatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
+  Ext2FormatOptions ext2;
+  static_cast<FormatOptions&>(ext2) = options;
+  return formatExt2(device, ext2);
 }
 
 std::string Ext2::volumeLabelOf(const uint8_t* partitionStart, size_t length) {

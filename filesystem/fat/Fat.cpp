@@ -11,6 +11,7 @@
 #include "core/Error.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/PartitionTypes.h"
 #include "filesystem/fat/BootCode.h"
 #include "filesystem/fat/FatStructures.h"
 
@@ -53,16 +54,15 @@ bool isMediaError(ErrorId id) {
   return id == ErrorId::ReadFailed || id == ErrorId::WriteFailed || id == ErrorId::VerifyFailed;
 }
 
-// Prints the failed step's message and throws the step's status. The FAT steps (writing the
-// FATs, verifying the data area and marking bad clusters in the FATs) report the bad-sector
-// status (WriteFailed) whatever the device said; the other steps pass the device's own status
-// through.
+// Throws the failed step's error. The FAT steps (writing the FATs, verifying the data area and
+// marking bad clusters in the FATs) report the bad-sector status (WriteFailed) whatever the
+// device said; the other steps pass the device's own status through.
 enum class StepStatus { Device, BadSectors };
-[[noreturn]] void stepFailed(Core::Progress& progress, const char* stepMessage, const Error& e,
+[[noreturn]] void stepFailed(Core::Progress& progress, const char* step, const Error& e,
                              StepStatus status = StepStatus::Device) {
   progress.abandon();
-  Core::message(Core::mkError, stepMessage, e.what());
-  throw Error(status == StepStatus::BadSectors ? ErrorId::WriteFailed : e.id(), e.text(), e.properties());
+  if (status == StepStatus::BadSectors) throw stepError(step, e, ErrorId::WriteFailed);
+  throw stepError(step, e);
 }
 
 // FAT entries of one FAT copy that differ from a freshly written FAT, kept by sector.
@@ -110,37 +110,36 @@ class FatPatch {
 
 }  // namespace
 
-bool validateVolumeLabel(const std::string& label, bool report) {
-  if (label.size() > 11) {
-    if (report) Core::message(Core::mkError, "Invalid volume label -- maximum of 11 characters");
-    return false;
-  }
-  if (!label.empty() && std::isspace(static_cast<unsigned char>(label[0]))) {
-    if (report) Core::message(Core::mkError, "Invalid volume label -- may not start with whitespace");
-    return false;
-  }
+std::string fatLabelProblem(const std::string& label) {
+  if (label.size() > 11) return "Invalid volume label -- maximum of 11 characters";
+  if (!label.empty() && std::isspace(static_cast<unsigned char>(label[0])))
+    return "Invalid volume label -- may not start with whitespace";
   // Then each character in turn, left to right: the first offending character names the rule,
   // so the administrator is told about the leftmost problem ("a*" is refused for its lower-case
   // letter). A character breaks at most one of the three rules, so their order within one
   // character does not matter.
   for (char ch : label) {
     unsigned char c = static_cast<unsigned char>(ch);
-    if (c != 0 && std::strchr(kForbiddenLabelChars, c)) {
-      Core::message(Core::mkError,
-                    "Invalid volume label -- may not contain any of the following characters: "
-                    "* ? / \\ | . , ; : + = [ ] ( ) & ^ < > \"");
-      return false;
-    }
-    if (c < 0x20 || c >= 0x7F) {
-      Core::message(Core::mkError, "Invalid volume label -- may not contain unprintable characters");
-      return false;
-    }
-    if (c >= 'a' && c <= 'z') {
-      Core::message(Core::mkError, "Invalid volume label -- may not contain lower-case letters");
-      return false;
-    }
+    if (c != 0 && std::strchr(kForbiddenLabelChars, c))
+      return "Invalid volume label -- may not contain any of the following characters: "
+             "* ? / \\ | . , ; : + = [ ] ( ) & ^ < > \"";
+    if (c < 0x20 || c >= 0x7F) return "Invalid volume label -- may not contain unprintable characters";
+    if (c >= 'a' && c <= 'z') return "Invalid volume label -- may not contain lower-case letters";
   }
-  return true;
+  return {};
+}
+
+FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
+  switch (type) {
+    case Disk::kTypeFat12: return ftFat12;
+    case Disk::kTypeFat16Small: case Disk::kTypeFat16: case Disk::kTypeFat16Lba: return ftFat16;
+    case Disk::kTypeFat32: case Disk::kTypeFat32Lba: return ftFat32;
+    default: break;
+  }
+  const bool fat32Allowed = fat32Support && !ntFat16;
+  if (blocks < 32774) return ftFat12;
+  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return ftFat32;
+  return ftFat16;
 }
 
 uint32_t fatVolumeSerial(const std::tm& t) {
@@ -243,7 +242,7 @@ void FAT::buildLayoutFat32(uint64_t total) {
   limitClusterCount();
 }
 
-void FAT::fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now) {
+void FAT::fillBootSector(const FormatOptions& options, uint64_t total, const std::tm& now) {
   FatLayout& L = *layout_;
   L.bootSector.fill(0);
   FatBootSector b(L.bootSector.data());
@@ -290,7 +289,7 @@ void FAT::fillBootSector(const FatFormatOptions& options, uint64_t total, const 
   b.setSignature();
 }
 
-const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& now) {
+const FatLayout& FAT::buildBpb(const FormatOptions& options, const std::tm& now) {
   Core::TraceScope trace("buildBpb");
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   FatLayout& L = *layout_;
@@ -329,20 +328,21 @@ void FAT32::writeReservedArea() {
   device_.write(kBackupBootSector, 1, L.bootSector.data());
 }
 
-void FAT::format(const FatFormatOptions& inOptions) {
+FormatSummary FAT::format(const FormatOptions& inOptions) {
   Core::TraceScope trace("format");
-  FatFormatOptions options = inOptions;
+  FormatOptions options = inOptions;
   if (options.label && options.label->empty()) options.label.reset();
-  if (options.label && !validateVolumeLabel(*options.label, true))
-    throw Error(ErrorId::InvalidArgument, "Invalid volume label").with("label", *options.label);
+  if (options.label) {
+    if (const std::string problem = fatLabelProblem(*options.label); !problem.empty())
+      throw Error(ErrorId::InvalidArgument, problem).with("label", *options.label);
+  }
 
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   const std::tm now = Core::localNow();
   try {
     buildBpb(options, now);
   } catch (const Error& e) {
-    Core::message(Core::mkError, "Cannot create BPB for new filesystem -- %s", e.what());
-    throw;
+    throw stepError("Cannot create BPB for new filesystem", e);
   }
   const FatLayout& L = *layout_;
   const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
@@ -367,7 +367,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
   stopIfInterrupted(progress);
   writeBootSector(progress);
   progress.complete();
-  printSummary(options);
+  return summary(options);
 }
 
 void FAT::stopIfInterrupted(Core::Progress& progress) { Disk::stopIfInterrupted(progress, device_, "Format"); }
@@ -380,7 +380,7 @@ void FAT::clearBootArea(Core::Progress& progress) {
   try {
     device_.verify(0, L.reservedSectors);
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
   progress.advance(L.reservedSectors);
   stopIfInterrupted(progress);
@@ -389,7 +389,7 @@ void FAT::clearBootArea(Core::Progress& progress) {
     device_.write(0, 1, cleared.data());
     device_.flush();
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
 }
 
@@ -416,13 +416,13 @@ std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workB
       }
     }
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in FAT table area -- %s", e, StepStatus::BadSectors);
+    stepFailed(progress, "Bad sectors in FAT table area", e, StepStatus::BadSectors);
   }
   return firstFatSector;
 }
 
 // Root directory, with the volume label entry first when there is a label.
-void FAT::writeRootDirectory(Core::Progress& progress, const FatFormatOptions& options, const std::tm& now) {
+void FAT::writeRootDirectory(Core::Progress& progress, const FormatOptions& options, const std::tm& now) {
   const FatLayout& L = *layout_;
   const uint64_t rootFirst = uint64_t(L.reservedSectors) + L.fatSectors;
   const uint32_t rootSectors = bpbLayoutKind() == blFat32 ? L.sectorsPerCluster : L.rootDirSectors;
@@ -440,7 +440,7 @@ void FAT::writeRootDirectory(Core::Progress& progress, const FatFormatOptions& o
     }
     device_.write(rootFirst, rootSectors, root.data());
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in root directory area -- %s", e);
+    stepFailed(progress, "Bad sectors in root directory area", e);
   }
   progress.advance(L.rootDirSectors);
 }
@@ -455,7 +455,7 @@ void FAT::verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512
   const bool fat32 = bpbLayoutKind() == blFat32;
   const uint32_t s = L.sectorsPerCluster;
   const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
-  constexpr const char* kVerifyFailed = "Bad sectors in FAT table area -- %s";
+  constexpr const char* kVerifyFailed = "Bad sectors in FAT table area";
   std::vector<uint32_t> bad;
   const uint64_t chunk = std::max<uint64_t>(s, workBlocks / s * s);
   for (uint64_t done = 0; done < L.dataSectors;) {
@@ -504,35 +504,24 @@ void FAT::writeBootSector(Core::Progress& progress) {
     device_.write(0, 1, L.bootSector.data());
     device_.flush();
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
 }
 
-void FAT::printSummary(const FatFormatOptions& options) const {
+FormatSummary FAT::summary(const FormatOptions& options) const {
   const FatLayout& L = *layout_;
-  Core::print("Format complete.\n");
-  Core::print("\n");
-  const uint64_t unit = uint64_t(L.sectorsPerCluster) * kSector;
-  const std::string numbers[] = {
-      std::to_string(uint64_t(L.totalClusters) * unit), std::to_string(uint64_t(L.badClusters) * unit),
-      std::to_string(uint64_t(L.freeClusters) * unit),  std::to_string(unit),
-      std::to_string(L.totalClusters),                  std::to_string(L.badClusters),
-      std::to_string(L.freeClusters)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  if (options.label)
-    Core::print("Volume label is %s\n", options.label->c_str());
-  else
-    Core::print("Volume has no label\n");
-  Core::print("Volume Serial Number is %04X-%04X\n", L.volumeSerial >> 16, L.volumeSerial & 0xFFFF);
-  Core::print("%*s %sbytes total disk space\n", width, numbers[0].c_str(), "");
-  Core::print("%*s %sbytes in bad sectors\n", width, numbers[1].c_str(), "");
-  Core::print("%*s %sbytes available on disk\n", width, numbers[2].c_str(), "");
-  Core::print("%*s bytes in each allocation unit\n", width, numbers[3].c_str());
-  Core::print("%*s total allocation units on disk\n", width, numbers[4].c_str());
-  Core::print("%*s allocation units containing bad sectors\n", width, numbers[5].c_str());
-  Core::print("%*s available allocation units on disk\n", width, numbers[6].c_str());
-  Core::print("\n");
+  const uint64_t unit = uint64_t(L.sectorsPerCluster) * device_.bytesPerBlock();
+  FormatSummary s;
+  s.say(options.label ? "Volume label is " + *options.label : "Volume has no label");
+  s.say(Core::format("Volume Serial Number is %04X-%04X", L.volumeSerial >> 16, L.volumeSerial & 0xFFFF));
+  s.count(L.totalClusters * unit, "bytes total disk space");
+  s.count(L.badClusters * unit, "bytes in bad sectors");
+  s.count(L.freeClusters * unit, "bytes available on disk");
+  s.count(unit, "bytes in each allocation unit");
+  s.count(L.totalClusters, "total allocation units on disk");
+  s.count(L.badClusters, "allocation units containing bad sectors");
+  s.count(L.freeClusters, "available allocation units on disk");
+  return s;
 }
 
 std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type) {
@@ -545,8 +534,13 @@ std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type) {
   }
 }
 
-void formatFat(Disk::BlockDevice& device, FatType type, const FatFormatOptions& options) {
-  makeFatType(device, type)->format(options);
+FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOptions& options) {
+  return makeFatType(device, type)->format(options);
+}
+
+FormatSummary FatFormatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
+  return formatFat(device, fatTypeIndexFor(options.partitionType, device.blockCount(), options.fat32Support, options.ntFat16),
+                   options);
 }
 
 }  // namespace Corvo::Filesystem

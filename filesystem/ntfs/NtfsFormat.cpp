@@ -723,10 +723,9 @@ uint64_t roundUp(uint64_t v, uint64_t unit) { return (v + unit - 1) / unit * uni
 
 }  // namespace
 
-bool validateNtfsLabel(const std::string& label, bool report) {
-  if (Ntfs::utf16From(label).size() <= kNtfsLabelUnits) return true;
-  if (report) Core::message(Core::mkError, "Invalid volume label -- maximum of %zu characters for NTFS", kNtfsLabelUnits);
-  return false;
+std::string ntfsLabelProblem(const std::string& label) {
+  if (Ntfs::utf16From(label).size() <= kNtfsLabelUnits) return {};
+  return Core::format("Invalid volume label -- maximum of %zu characters for NTFS", kNtfsLabelUnits);
 }
 
 NtfsLayout planNtfs(uint64_t sectors, int versionCode) {
@@ -797,15 +796,15 @@ uint64_t ntfsMinimumSectors(int versionCode) {
   return lo;
 }
 
-void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
+FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
   Core::TraceScope scope("formatNtfs");
   std::u16string label;
   if (options.label) {
-    if (!validateNtfsLabel(*options.label, false))
-      throw Error(ErrorId::InvalidArgument, "Invalid volume label -- maximum of 32 characters for NTFS")
-          .with("label", *options.label);
+    if (const std::string problem = ntfsLabelProblem(*options.label); !problem.empty())
+      throw Error(ErrorId::InvalidArgument, problem).with("label", *options.label);
     label = utf16From(*options.label);
   }
+  Disk::requireSectorSize(device.bytesPerBlock());
   const Target t = targetOf(options.versionCode);
   const uint64_t sectors = device.blockCount();
   NtfsLayout L;
@@ -886,27 +885,26 @@ void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
   }
   progress.complete();
 
-  Core::print("Format complete.\n");
-  Core::print("\n");
   const uint64_t freeClusters = L.freeClusters();
-  const std::string numbers[] = {std::to_string(L.clusters * cb), std::to_string(freeClusters * cb), std::to_string(cb),
-                                 std::to_string(L.clusters), std::to_string(freeClusters), std::to_string(L.mftLcn)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  if (!label.empty())
-    Core::print("Volume label is %s\n", utf8From(label).c_str());
-  else
-    Core::print("Volume has no label\n");
+  FormatSummary summary;
+  summary.say(label.empty() ? "Volume has no label" : "Volume label is " + utf8From(label));
   const uint32_t low = static_cast<uint32_t>(volume.serial());
-  Core::print("Volume Serial Number is %04X-%04X\n", low >> 16, low & 0xFFFF);
-  Core::print("NTFS version %u.%u\n", t.major, t.minor);
-  Core::print("%*s bytes total disk space\n", width, numbers[0].c_str());
-  Core::print("%*s bytes available on disk\n", width, numbers[1].c_str());
-  Core::print("%*s bytes in each allocation unit\n", width, numbers[2].c_str());
-  Core::print("%*s total allocation units on disk\n", width, numbers[3].c_str());
-  Core::print("%*s available allocation units on disk\n", width, numbers[4].c_str());
-  Core::print("%*s first cluster of the $MFT\n", width, numbers[5].c_str());
-  Core::print("\n");
+  summary.say(Core::format("Volume Serial Number is %04X-%04X", low >> 16, low & 0xFFFF));
+  summary.say(Core::format("NTFS version %u.%u", t.major, t.minor));
+  summary.count(L.clusters * cb, "bytes total disk space");
+  summary.count(freeClusters * cb, "bytes available on disk");
+  summary.count(cb, "bytes in each allocation unit");
+  summary.count(L.clusters, "total allocation units on disk");
+  summary.count(freeClusters, "available allocation units on disk");
+  summary.count(L.mftLcn, "first cluster of the $MFT");
+  return summary;
+}
+
+FormatSummary NtfsFormatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
+  NtfsFormatOptions ntfs;
+  static_cast<FormatOptions&>(ntfs) = options;
+  if (!ntfs.versionCode) ntfs.versionCode = ntWindowsVista;
+  return formatNtfs(device, ntfs);
 }
 
 }  // namespace Corvo::Filesystem
