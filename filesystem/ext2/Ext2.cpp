@@ -122,43 +122,43 @@ struct Identity {
 void fillSuperblock(uint8_t* sb, const Ext2Layout& L, const Identity& id, uint32_t group) {
   namespace S = X::Super;
   std::memset(sb, 0, X::kSuperblockSize);
-  S::inodesCount.set(sb, static_cast<uint32_t>(L.inodeCount));
-  S::blocksCount.set(sb, L.blockCount);
-  S::reservedBlocksCount.set(sb, L.reservedBlocks);
-  S::freeBlocksCount.set(sb, static_cast<uint32_t>(L.freeBlocks));
-  S::freeInodesCount.set(sb, static_cast<uint32_t>(L.freeInodes));
-  S::firstDataBlock.set(sb, L.firstDataBlock);
+  S::inodesCount.put(sb, static_cast<uint32_t>(L.inodeCount));
+  S::blocksCount.put(sb, L.blockCount);
+  S::reservedBlocksCount.put(sb, L.reservedBlocks);
+  S::freeBlocksCount.put(sb, static_cast<uint32_t>(L.freeBlocks));
+  S::freeInodesCount.put(sb, static_cast<uint32_t>(L.freeInodes));
+  S::firstDataBlock.put(sb, L.firstDataBlock);
   const uint32_t logSize = L.blockSize == 1024 ? 0 : 2;
-  S::logBlockSize.set(sb, logSize);
-  S::logFragmentSize.set(sb, logSize);
-  S::blocksPerGroup.set(sb, L.blocksPerGroup);
-  S::fragmentsPerGroup.set(sb, L.blocksPerGroup);
-  S::inodesPerGroup.set(sb, L.inodesPerGroup);
-  S::writeTime.set(sb, id.now);
-  S::maxMountCount.set(sb, 0xFFFF);  // -1: no check forced by the number of mounts
-  S::magic.set(sb, X::kMagic);
-  S::state.set(sb, X::kStateClean);
-  S::errors.set(sb, X::kErrorsContinue);
-  S::lastCheck.set(sb, id.now);
-  S::creatorOs.set(sb, X::kCreatorLinux);
-  S::revision.set(sb, X::kDynamicRevision);
-  S::firstInode.set(sb, X::kFirstInode);
-  S::inodeSize.set(sb, static_cast<uint16_t>(L.inodeSize));
-  S::blockGroupNumber.set(sb, static_cast<uint16_t>(group));
-  S::featureCompat.set(sb, X::kCompatExtAttr | X::kCompatDirIndex);
-  S::featureIncompat.set(sb, X::kIncompatFiletype);
-  S::featureRoCompat.set(sb, X::kRoCompatSparseSuper | X::kRoCompatLargeFile);
+  S::logBlockSize.put(sb, logSize);
+  S::logFragmentSize.put(sb, logSize);
+  S::blocksPerGroup.put(sb, L.blocksPerGroup);
+  S::fragmentsPerGroup.put(sb, L.blocksPerGroup);
+  S::inodesPerGroup.put(sb, L.inodesPerGroup);
+  S::writeTime.put(sb, id.now);
+  S::maxMountCount.put(sb, 0xFFFF);  // -1: no check forced by the number of mounts
+  S::magic.put(sb, X::kMagic);
+  S::state.put(sb, X::kStateClean);
+  S::errors.put(sb, X::kErrorsContinue);
+  S::lastCheck.put(sb, id.now);
+  S::creatorOs.put(sb, X::kCreatorLinux);
+  S::revision.put(sb, X::kDynamicRevision);
+  S::firstInode.put(sb, X::kFirstInode);
+  S::inodeSize.put(sb, static_cast<uint16_t>(L.inodeSize));
+  S::blockGroupNumber.put(sb, static_cast<uint16_t>(group));
+  S::featureCompat.put(sb, X::kCompatExtAttr | X::kCompatDirIndex);
+  S::featureIncompat.put(sb, X::kIncompatFiletype);
+  S::featureRoCompat.put(sb, X::kRoCompatSparseSuper | X::kRoCompatLargeFile);
   putBytes(sb, S::uuid, id.uuid.data(), id.uuid.size());
   putBytes(sb, S::volumeName, reinterpret_cast<const uint8_t*>(id.label.data()), id.label.size());
   putBytes(sb, S::hashSeed, id.hashSeed.data(), id.hashSeed.size());
-  S::defaultHashVersion.set(sb, X::kHashHalfMd4);
-  S::defaultMountOptions.set(sb, X::kMountUserXattr | X::kMountAcl);
-  S::mkfsTime.set(sb, id.now);
+  S::defaultHashVersion.put(sb, X::kHashHalfMd4);
+  S::defaultMountOptions.put(sb, X::kMountUserXattr | X::kMountAcl);
+  S::mkfsTime.put(sb, id.now);
   if (L.inodeSize > X::kGoodOldInodeSize) {
-    S::minExtraInodeSize.set(sb, X::kLargeInodeExtra);
-    S::wantExtraInodeSize.set(sb, X::kLargeInodeExtra);
+    S::minExtraInodeSize.put(sb, X::kLargeInodeExtra);
+    S::wantExtraInodeSize.put(sb, X::kLargeInodeExtra);
   }
-  S::flags.set(sb, X::kFlagSignedHash);
+  S::flags.put(sb, X::kFlagSignedHash);
 }
 
 // Descriptors first .. first + count - 1 into out (count * 32 bytes, zeroed by the caller).
@@ -167,29 +167,29 @@ void fillDescriptors(uint8_t* out, const Ext2Layout& L, uint64_t first, uint64_t
   for (uint64_t i = 0; i < count && first + i < L.groupCount; ++i) {
     const uint32_t g = static_cast<uint32_t>(first + i);
     uint8_t* d = out + i * X::kGroupDescriptorSize;
-    G::blockBitmap.set(d, L.blockBitmapBlock(g));
-    G::inodeBitmap.set(d, L.inodeBitmapBlock(g));
-    G::inodeTable.set(d, L.inodeTableBlock(g));
-    G::freeBlocksCount.set(d, static_cast<uint16_t>(L.groupBlocks(g) - L.groupUsedBlocks(g)));
-    G::freeInodesCount.set(d, static_cast<uint16_t>(L.inodesPerGroup - (g == 0 ? X::kFirstInode : 0)));
-    G::usedDirsCount.set(d, g == 0 ? 2 : 0);
+    G::blockBitmap.put(d, L.blockBitmapBlock(g));
+    G::inodeBitmap.put(d, L.inodeBitmapBlock(g));
+    G::inodeTable.put(d, L.inodeTableBlock(g));
+    G::freeBlocksCount.put(d, static_cast<uint16_t>(L.groupBlocks(g) - L.groupUsedBlocks(g)));
+    G::freeInodesCount.put(d, static_cast<uint16_t>(L.inodesPerGroup - (g == 0 ? X::kFirstInode : 0)));
+    G::usedDirsCount.put(d, g == 0 ? 2 : 0);
   }
 }
 
 void fillDirectoryInode(uint8_t* inode, const Ext2Layout& L, uint32_t now, uint16_t mode, uint16_t links,
                         uint32_t firstBlock, uint32_t blocks) {
   namespace I = X::Inode;
-  I::mode.set(inode, static_cast<uint16_t>(X::kModeDirectory | mode));
-  I::size.set(inode, blocks * L.blockSize);
-  I::accessTime.set(inode, now);
-  I::changeTime.set(inode, now);
-  I::modifyTime.set(inode, now);
-  I::linksCount.set(inode, links);
-  I::sectors.set(inode, blocks * (L.blockSize / Disk::kSectorSize));
-  for (uint32_t i = 0; i < blocks; ++i) inodeBlockPointer(i).set(inode, firstBlock + i);
+  I::mode.put(inode, static_cast<uint16_t>(X::kModeDirectory | mode));
+  I::size.put(inode, blocks * L.blockSize);
+  I::accessTime.put(inode, now);
+  I::changeTime.put(inode, now);
+  I::modifyTime.put(inode, now);
+  I::linksCount.put(inode, links);
+  I::sectors.put(inode, blocks * (L.blockSize / Disk::kSectorSize));
+  for (uint32_t i = 0; i < blocks; ++i) inodeBlockPointer(i).put(inode, firstBlock + i);
   if (L.inodeSize > X::kGoodOldInodeSize) {
-    I::extraSize.set(inode, X::kLargeInodeExtra);
-    I::creationTime.set(inode, now);
+    I::extraSize.put(inode, X::kLargeInodeExtra);
+    I::creationTime.put(inode, now);
   }
 }
 
@@ -197,10 +197,10 @@ void fillDirectoryInode(uint8_t* inode, const Ext2Layout& L, uint32_t now, uint1
 size_t putEntry(uint8_t* block, size_t at, uint32_t inode, const char* name, size_t recordLength) {
   namespace D = X::DirEntry;
   const size_t nameLength = std::strlen(name);
-  D::inode.set(block + at, inode);
-  D::recordLength.set(block + at, static_cast<uint16_t>(recordLength));
-  D::nameLength.set(block + at, static_cast<uint8_t>(nameLength));
-  D::fileType.set(block + at, X::kFileTypeDirectory);
+  D::inode.put(block + at, inode);
+  D::recordLength.put(block + at, static_cast<uint16_t>(recordLength));
+  D::nameLength.put(block + at, static_cast<uint8_t>(nameLength));
+  D::fileType.put(block + at, X::kFileTypeDirectory);
   std::memcpy(block + at + D::kName, name, nameLength);
   return at + recordLength;
 }
@@ -214,7 +214,7 @@ void fillDirectories(uint8_t* p, const Ext2Layout& L) {
   uint8_t* lf = p + B;
   at = putEntry(lf, 0, X::kLostFoundInode, ".", 12);
   putEntry(lf, at, X::kRootInode, "..", B - at);
-  for (uint32_t i = 1; i < L.lostFoundBlocks; ++i) X::DirEntry::recordLength.set(lf + i * B, static_cast<uint16_t>(B));
+  for (uint32_t i = 1; i < L.lostFoundBlocks; ++i) X::DirEntry::recordLength.put(lf + i * B, static_cast<uint16_t>(B));
 }
 
 FormatSummary summaryOf(const Ext2Layout& L, const Identity& id) {

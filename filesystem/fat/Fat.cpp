@@ -20,7 +20,6 @@ namespace Corvo::Filesystem {
 using Core::Error;
 using Core::ErrorId;
 using Core::get32;
-using Core::put16;
 using Core::put32;
 
 namespace {
@@ -430,13 +429,13 @@ void FAT::writeRootDirectory(Core::Progress& progress, const FormatOptions& opti
     std::vector<uint8_t> root(size_t(rootSectors) * kSector, 0);
     if (options.label) {
       uint8_t* e = root.data();
-      putPaddedName(e + FatDirEntry::kNameAt, *options.label, FatDirEntry::kNameSize);
-      e[FatDirEntry::kAttributesAt] = FatDirEntry::kAttrVolumeLabel;
-      put16(e + FatDirEntry::kCreateTimeAt, dosTime(now));
-      put16(e + FatDirEntry::kCreateDateAt, dosDate(now));
-      put16(e + FatDirEntry::kAccessDateAt, dosDate(now));
-      put16(e + FatDirEntry::kWriteTimeAt, dosTime(now));
-      put16(e + FatDirEntry::kWriteDateAt, dosDate(now));
+      putPaddedName(e + FatDirEntry::kName.offset, *options.label, FatDirEntry::kName.size);
+      FatDirEntry::kAttributes.put(e, FatDirEntry::kAttrVolumeLabel);
+      FatDirEntry::kCreateTime.put(e, dosTime(now));
+      FatDirEntry::kCreateDate.put(e, dosDate(now));
+      FatDirEntry::kAccessDate.put(e, dosDate(now));
+      FatDirEntry::kWriteTime.put(e, dosTime(now));
+      FatDirEntry::kWriteDate.put(e, dosDate(now));
     }
     device_.write(rootFirst, rootSectors, root.data());
   } catch (const Error& e) {
