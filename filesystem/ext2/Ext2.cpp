@@ -77,7 +77,7 @@ std::string uuidText(const Ext2Uuid& u) {
 class SequentialWriter {
  public:
   SequentialWriter(Disk::BlockDevice& device, uint32_t blockSize)
-      : device_(device), blockSize_(blockSize), sectorsPerBlock_(blockSize / Disk::kSectorSize) {
+      : device_(device), blockSize_(blockSize), sectorsPerBlock_(blockSize / device.bytesPerBlock()) {
     buffer_.reserve(kWriteBufferBytes);
   }
   // Zero-filled room for `count` blocks from `block` on, valid until the next call. Blocks are
@@ -102,7 +102,7 @@ class SequentialWriter {
   }
   void flush() {
     if (buffer_.empty()) return;
-    device_.write(first_ * sectorsPerBlock_, buffer_.size() / Disk::kSectorSize, buffer_.data());
+    device_.write(first_ * sectorsPerBlock_, buffer_.size() / device_.bytesPerBlock(), buffer_.data());
     buffer_.clear();
   }
 
@@ -185,7 +185,7 @@ void fillDirectoryInode(uint8_t* inode, const Ext2Layout& L, uint32_t now, uint1
   I::changeTime.put(inode, now);
   I::modifyTime.put(inode, now);
   I::linksCount.put(inode, links);
-  I::sectors.put(inode, blocks * (L.blockSize / Disk::kSectorSize));
+  I::sectors.put(inode, blocks * (L.blockSize / X::kInodeSectorBytes));
   for (uint32_t i = 0; i < blocks; ++i) inodeBlockPointer(i).put(inode, firstBlock + i);
   if (L.inodeSize > X::kGoodOldInodeSize) {
     I::extraSize.put(inode, X::kLargeInodeExtra);
@@ -268,8 +268,8 @@ std::vector<uint32_t> Ext2Layout::superblockCopies() const {
   return out;
 }
 
-Ext2Layout computeExt2Layout(uint64_t sectors) {
-  const uint64_t bytes = sectors * Disk::kSectorSize;
+Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes) {
+  const uint64_t bytes = sectors * sectorBytes;
   Ext2Layout L;
   // Small volumes get 1 KiB blocks and more inodes for their size; tiny ones small inodes too.
   L.blockSize = bytes >= 512 * kMiB ? 4096 : 1024;
@@ -308,7 +308,7 @@ Ext2Layout computeExt2Layout(uint64_t sectors) {
   L.freeBlocks = 0;
   for (uint32_t g = 0; g < L.groupCount; ++g) L.freeBlocks += L.groupBlocks(g) - L.groupUsedBlocks(g);
   L.reservedBlocks = static_cast<uint32_t>(uint64_t{L.blockCount} * 5 / 100);
-  L.unusedSectors = sectors - uint64_t{L.blockCount} * (L.blockSize / Disk::kSectorSize);
+  L.unusedSectors = sectors - uint64_t{L.blockCount} * (L.blockSize / sectorBytes);
   return L;
 }
 
@@ -319,13 +319,14 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
   if (const std::string problem = ext2LabelProblem(id.label); !problem.empty())
     throw Error(ErrorId::InvalidArgument, problem).with("label", id.label);
   Disk::requireSectorSize(device.bytesPerBlock());
-  const Ext2Layout L = computeExt2Layout(device.blockCount());
+  const uint32_t sector = device.bytesPerBlock();
+  const Ext2Layout L = computeExt2Layout(device.blockCount(), sector);
   id.uuid = options.uuid ? *options.uuid : randomUuid();
   id.hashSeed = options.hashSeed ? *options.hashSeed : randomUuid();
   id.now = options.now ? *options.now : static_cast<uint32_t>(Core::currentTime());
 
   const uint32_t B = L.blockSize;
-  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * 512.0 / kMiB),
+  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * sector / kMiB),
                           L.groupCount + 2);
   try {
     // Whatever superblock was here stops counting before any new metadata is written. Where
@@ -334,7 +335,7 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
     const bool allZero = device.zeroQuickly(0, device.blockCount());
     if (!allZero) {
       const std::vector<uint8_t> head(X::kSuperblockOffset + 3 * X::kSuperblockSize, 0);
-      device.write(0, head.size() / Disk::kSectorSize, head.data());
+      device.write(0, head.size() / sector, head.data());
     }
     device.flush();
     progress.advance(1);
@@ -371,7 +372,7 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
       progress.advance(1);
     }
     out.flush();
-    const uint64_t sectorsPerBlock = B / Disk::kSectorSize, total = device.blockCount();
+    const uint64_t sectorsPerBlock = B / sector, total = device.blockCount();
     const uint32_t last = L.groupCount - 1;
     const uint64_t metadataEnd = (uint64_t{L.groupFirstBlock(last)} + L.groupUsedBlocks(last)) * sectorsPerBlock;
     const uint64_t tailFirst = std::max(metadataEnd, total > kTailSectors ? total - kTailSectors : 0);
@@ -382,7 +383,7 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
 
     std::vector<uint8_t> sb(X::kSuperblockSize);
     fillSuperblock(sb.data(), L, id, 0);
-    device.write(X::kSuperblockOffset / Disk::kSectorSize, X::kSuperblockSize / Disk::kSectorSize, sb.data());
+    device.write(X::kSuperblockOffset / sector, X::kSuperblockSize / sector, sb.data());
     device.flush();
   } catch (const Error&) {
     progress.abandon();

@@ -58,9 +58,9 @@ struct Ext2Layout {
   std::vector<uint32_t> superblockCopies() const;  // block numbers of the backups
 };
 
-// Computes the layout for a device of `sectors` 512-byte sectors. Throws Core::Error
-// (FormatFailed) when no ext2 layout fits.
-Ext2Layout computeExt2Layout(uint64_t sectors);
+// Computes the layout for a device of `sectors` sectors of `sectorBytes` bytes. Throws
+// Core::Error (FormatFailed) when no ext2 layout fits.
+Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes);
 
 // Writes the filesystem over the whole device: metadata and directories first, then a flush,
 // then the primary superblock and a flush. Reports progress and returns the summary.

@@ -19,6 +19,8 @@ using Bytes = Core::ByteField;
 inline constexpr uint32_t kSuperblockOffset = 1024;  // bytes from the start of the partition
 inline constexpr uint32_t kSuperblockSize = 1024;
 inline constexpr uint16_t kMagic = 0xEF53;
+// An inode counts its blocks in units of this many bytes, whatever the device's sectors.
+inline constexpr uint32_t kInodeSectorBytes = 512;
 
 // The superblock; offsets from its own start.
 namespace Super {

@@ -24,6 +24,8 @@ using Core::put32;
 
 namespace {
 
+// The sector size the BPB records and the one the FAT sectors below are built for; the
+// formatter refuses devices with other sectors (requireSectorSize).
 constexpr uint32_t kSector = 512;
 constexpr uint32_t kDirEntrySize = FatDirEntry::kSize;
 // FAT32's reserved area: FSInfo in sector 1, a third boot sector in 2, the backup copies of
@@ -166,9 +168,10 @@ const char* FAT::typeName() const {
 // leaves a remainder, the volume is laid out with its tail unused.
 void FAT::buildLayoutSmall(uint64_t total) {
   FatLayout& L = *layout_;
+  const uint32_t sector = device_.bytesPerBlock();
   const double t = static_cast<double>(total);
   const uint32_t reserved = reservedSectorCount();
-  const uint32_t root = (rootDirectoryEntries() * kDirEntrySize + kSector - 1) / kSector;
+  const uint32_t root = (rootDirectoryEntries() * kDirEntrySize + sector - 1) / sector;
   const std::string tooSmall = std::string("The partition is too small for a ") + typeName() + " filesystem";
   if (uint64_t(reserved) + root > total) throw Error(ErrorId::BpbFailed, tooSmall);
 
@@ -176,16 +179,16 @@ void FAT::buildLayoutSmall(uint64_t total) {
   const double maxClusters = maxClusterCount();
   bool chosen = false;
   for (uint32_t s = minSectorsPerCluster(); s <= maxSectorsPerCluster(); s *= 2) {
-    double A = std::floor((t - reserved - root) * kSector - 2 * E);
-    double C = std::floor(A / (2 * E + s * double(kSector))) + 2;
+    double A = std::floor((t - reserved - root) * sector - 2 * E);
+    double C = std::floor(A / (2 * E + s * double(sector))) + 2;
     if (C > maxClusters) C = maxClusters;
     if (C < 2) C = 2;
     double fatBytes = std::ceil(C * E);
-    uint64_t F = (static_cast<uint64_t>(fatBytes) + kSector - 1) / kSector;
+    uint64_t F = (static_cast<uint64_t>(fatBytes) + sector - 1) / sector;
     if (uint64_t(reserved) + 2 * F + root > total) throw Error(ErrorId::BpbFailed, tooSmall);
     uint64_t D = (total - reserved - 2 * F - root) / s * s;
     if (D == 0) throw Error(ErrorId::BpbFailed, tooSmall);
-    uint64_t N = std::min<uint64_t>(static_cast<uint64_t>(std::floor(F * double(kSector) / E)), maxClusterCount());
+    uint64_t N = std::min<uint64_t>(static_cast<uint64_t>(std::floor(F * double(sector) / E)), maxClusterCount());
     uint64_t data = std::min<uint64_t>(D, (N - 2) * s);
     L.reservedSectors = reserved;
     L.rootDirSectors = root;
@@ -215,22 +218,23 @@ void FAT::limitClusterCount() {
 // that the data area starts on a 4 KB boundary.
 void FAT::buildLayoutFat32(uint64_t total) {
   FatLayout& L = *layout_;
+  const uint32_t sector = device_.bytesPerBlock();
   const std::string tooSmall = "The partition is too small for a FAT32 filesystem";
   uint32_t s = total < 0x1000001 ? 8 : total < 0x2000001 ? 16 : total < 0x4000001 ? 32 : 64;
   uint32_t reserved = reservedSectorCount();
   if (reserved > total) throw Error(ErrorId::BpbFailed, tooSmall);
 
   const double E = 4;
-  double A = std::floor((static_cast<double>(total) - reserved) * kSector - 2 * E);
-  double C = std::floor(A / (2 * E + s * double(kSector))) + 2;
+  double A = std::floor((static_cast<double>(total) - reserved) * sector - 2 * E);
+  double C = std::floor(A / (2 * E + s * double(sector))) + 2;
   if (C > maxClusterCount()) C = maxClusterCount();
   if (C < 2) C = 2;
-  uint64_t F = (static_cast<uint64_t>(std::ceil(C * E)) + kSector - 1) / kSector;
+  uint64_t F = (static_cast<uint64_t>(std::ceil(C * E)) + sector - 1) / sector;
   if ((reserved + 2 * F) % 8) reserved += static_cast<uint32_t>(8 - (reserved + 2 * F) % 8);
   if (uint64_t(reserved) + 2 * F > total) throw Error(ErrorId::BpbFailed, tooSmall);
   uint64_t D = (total - reserved - 2 * F) / s * s;
   if (D == 0) throw Error(ErrorId::BpbFailed, tooSmall);
-  uint64_t N = std::min<uint64_t>(F * kSector / 4, maxClusterCount());
+  uint64_t N = std::min<uint64_t>(F * sector / 4, maxClusterCount());
   uint64_t data = std::min<uint64_t>(D, (N - 2) * s);
   L.reservedSectors = reserved;
   L.rootDirSectors = 0;
@@ -321,7 +325,7 @@ void FAT32::writeReservedArea() {
   device_.write(kBackupBootSector + third, 1, BootCode::kFat32BootSector);
   for (uint64_t s = third + 1; s < kBackupBootSector; ++s) device_.write(s, 1, zero.data());
   if (L.reservedSectors > backupEnd) {
-    std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * kSector, 0);
+    std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * device_.bytesPerBlock(), 0);
     device_.write(backupEnd, L.reservedSectors - backupEnd, zeros.data());
   }
   device_.write(kBackupBootSector, 1, L.bootSector.data());
@@ -349,7 +353,7 @@ FormatSummary FAT::format(const FormatOptions& inOptions) {
   Core::print("Checking existing disk format.\n");
   const uint64_t progressTotal = dataStart + (options.verify ? L.dataSectors : 0);
   Core::Progress progress(Core::format("%s%.2fM", options.verify ? "Verifying " : "QuickFormatting ",
-                                       double(device_.blockCount()) * kSector / 1048576.0),
+                                       double(device_.blockCount()) * device_.bytesPerBlock() / 1048576.0),
                           progressTotal);
   const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
 
@@ -402,7 +406,7 @@ std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workB
   std::memcpy(firstFatSector.data(), entries.data(), entries.size());
   if (bpbLayoutKind() == blFat32) put32(firstFatSector.data() + 8, endOfChain());  // the root directory's cluster
   try {
-    std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * kSector, 0);
+    std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * device_.bytesPerBlock(), 0);
     for (uint32_t copy = 0; copy < 2; ++copy) {
       const uint64_t first = L.reservedSectors + uint64_t(copy) * F;
       device_.write(first, 1, firstFatSector.data());
@@ -426,7 +430,7 @@ void FAT::writeRootDirectory(Core::Progress& progress, const FormatOptions& opti
   const uint64_t rootFirst = uint64_t(L.reservedSectors) + L.fatSectors;
   const uint32_t rootSectors = bpbLayoutKind() == blFat32 ? L.sectorsPerCluster : L.rootDirSectors;
   try {
-    std::vector<uint8_t> root(size_t(rootSectors) * kSector, 0);
+    std::vector<uint8_t> root(size_t(rootSectors) * device_.bytesPerBlock(), 0);
     if (options.label) {
       uint8_t* e = root.data();
       putPaddedName(e + FatDirEntry::kName.offset, *options.label, FatDirEntry::kName.size);

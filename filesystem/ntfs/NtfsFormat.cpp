@@ -679,7 +679,7 @@ struct Extent {
 class Writer {
  public:
   Writer(Disk::BlockDevice& device, uint32_t clusterBytes, Core::Progress& progress)
-      : device_(device), spc_(clusterBytes / kSector), progress_(progress),
+      : device_(device), sector_(device.bytesPerBlock()), spc_(clusterBytes / sector_), progress_(progress),
         chunk_(std::clamp<uint64_t>(device.preferredTransferBlocks(), 2048, 16384) / spc_ * spc_) {}
 
   // Writes bytes at the cluster, zero-padded to whole clusters.
@@ -692,24 +692,26 @@ class Writer {
   // Writes `bytes` bytes (zero-padded to whole clusters) made by fill(offset, out, n) over a zeroed buffer.
   template <typename Fill>
   void generate(uint64_t lcn, uint64_t bytes, Fill fill) {
-    const uint64_t sectors = (bytes + spc_ * kSector - 1) / (spc_ * kSector) * spc_;
-    std::vector<uint8_t> buffer(std::min<uint64_t>(sectors, chunk_) * kSector);
+    const uint64_t sectors = (bytes + spc_ * sector_ - 1) / (spc_ * sector_) * spc_;
+    std::vector<uint8_t> buffer(std::min<uint64_t>(sectors, chunk_) * sector_);
     for (uint64_t done = 0; done < sectors;) {
       Disk::stopIfInterrupted(progress_, device_, "Format");  // the boot sectors come last
       const uint64_t n = std::min<uint64_t>(chunk_, sectors - done);
       std::fill(buffer.begin(), buffer.end(), 0);
-      fill(done * kSector, buffer.data(), static_cast<size_t>(n * kSector));
+      fill(done * sector_, buffer.data(), static_cast<size_t>(n * sector_));
       device_.write(lcn * spc_ + done, n, buffer.data());
       progress_.advance(n);
       done += n;
     }
   }
+  // Progress units (512-byte sectors) of a run of clusters.
   static uint64_t sectorsOf(uint64_t bytes, uint32_t clusterBytes) {
     return (bytes + clusterBytes - 1) / clusterBytes * (clusterBytes / kSector);
   }
 
  private:
   Disk::BlockDevice& device_;
+  uint32_t sector_;
   uint64_t spc_;
   Core::Progress& progress_;
   uint64_t chunk_;
@@ -845,11 +847,11 @@ FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& opt
                                  Writer::sectorsOf(attrDef.size(), cb) + Writer::sectorsOf(8, cb) +
                                  Writer::sectorsOf(rootBlock.size(), cb) + Writer::sectorsOf(L.bitmapBytes, cb) +
                                  Writer::sectorsOf(upCase.size(), cb) + Writer::sectorsOf(sds.size(), cb) + 2;
-  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(sectors) * kSector / 1048576.0), progressTotal);
+  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(sectors) * device.bytesPerBlock() / 1048576.0), progressTotal);
   Writer w(device, cb, progress);
   try {
     // A volume half written must not look like NTFS: the old boot sector goes first.
-    const std::vector<uint8_t> zero(kSector, 0);
+    const std::vector<uint8_t> zero(device.bytesPerBlock(), 0);
     device.write(0, 1, zero.data());
     device.flush();
     w.put(0, std::vector<uint8_t>(kBootBytes, 0));
