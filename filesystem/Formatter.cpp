@@ -14,10 +14,10 @@ namespace {
 
 // The registry: one line per formatter.
 const std::unique_ptr<const Formatter> kFormatters[] = {
-    std::make_unique<FatFormatter>(FormatKind::FatFull),
-    std::make_unique<FatFormatter>(FormatKind::FatQuick),
-    std::make_unique<NtfsFormatter>(),
-    std::make_unique<Ext2Formatter>(),
+    std::make_unique<FormatterOf<FormatOptions>>(FormatKind::FatFull, fatLabelProblem, formatFatPartition),
+    std::make_unique<FormatterOf<FormatOptions>>(FormatKind::FatQuick, fatLabelProblem, formatFatPartition),
+    std::make_unique<FormatterOf<NtfsFormatOptions>>(FormatKind::Ntfs, ntfsLabelProblem, formatNtfs),
+    std::make_unique<FormatterOf<Ext2FormatOptions>>(FormatKind::Ext2, ext2LabelProblem, formatExt2),
 };
 
 }  // namespace

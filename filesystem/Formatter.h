@@ -55,6 +55,30 @@ class Formatter {
   virtual FormatSummary format(Disk::BlockDevice& device, const FormatOptions& options) const = 0;
 };
 
+// A formatter made of its kind, its label rule and its format function, which takes the
+// common options or a kind's options derived from them (the extra fields left at their
+// defaults).
+template <typename Options>
+class FormatterOf : public Formatter {
+ public:
+  using LabelRule = std::string (*)(const std::string& label);
+  using FormatFunction = FormatSummary (*)(Disk::BlockDevice& device, const Options& options);
+  FormatterOf(Disk::FormatKind kind, LabelRule labelRule, FormatFunction formatFunction)
+      : kind_(kind), labelRule_(labelRule), format_(formatFunction) {}
+  Disk::FormatKind kind() const override { return kind_; }
+  std::string labelProblem(const std::string& label) const override { return labelRule_(label); }
+  FormatSummary format(Disk::BlockDevice& device, const FormatOptions& options) const override {
+    Options own;
+    static_cast<FormatOptions&>(own) = options;
+    return format_(device, own);
+  }
+
+ private:
+  Disk::FormatKind kind_;
+  LabelRule labelRule_;
+  FormatFunction format_;
+};
+
 // The formatter of a format kind; nullptr for FormatKind::None and unknown kinds.
 const Formatter* formatterFor(Disk::FormatKind kind);
 

@@ -393,12 +393,6 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
   return summaryOf(L, id);
 }
 
-FormatSummary Ext2Formatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
-  Ext2FormatOptions ext2;
-  static_cast<FormatOptions&>(ext2) = options;
-  return formatExt2(device, ext2);
-}
-
 std::string Ext2::volumeLabelOf(const uint8_t* partitionStart, size_t length) {
   if (!partitionStart || length < kSuperblockOffset + kSuperblockSize) return {};
   const uint8_t* sb = partitionStart + kSuperblockOffset;

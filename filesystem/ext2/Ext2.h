@@ -68,11 +68,4 @@ Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes);
 // small, and passes on the device's errors.
 FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options);
 
-class Ext2Formatter : public Formatter {
- public:
-  Disk::FormatKind kind() const override { return Disk::FormatKind::Ext2; }
-  std::string labelProblem(const std::string& label) const override { return ext2LabelProblem(label); }
-  FormatSummary format(Disk::BlockDevice& device, const FormatOptions& options) const override;
-};
-
 }  // namespace Corvo::Filesystem

@@ -541,7 +541,7 @@ FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOpt
   return makeFatType(device, type)->format(options);
 }
 
-FormatSummary FatFormatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
+FormatSummary formatFatPartition(Disk::BlockDevice& device, const FormatOptions& options) {
   return formatFat(device, fatTypeIndexFor(options.partitionType, device.blockCount(), options.fat32Support, options.ntFat16),
                    options);
 }

@@ -36,17 +36,9 @@ FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool n
 // Core::Error on failure, a failed step naming itself in the "step" property.
 FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOptions& options);
 
-// FAT12, FAT16 or FAT32 by fatTypeIndexFor; registered for both FAT format kinds.
-class FatFormatter : public Formatter {
- public:
-  explicit FatFormatter(Disk::FormatKind kind) : kind_(kind) {}
-  Disk::FormatKind kind() const override { return kind_; }
-  std::string labelProblem(const std::string& label) const override { return fatLabelProblem(label); }
-  FormatSummary format(Disk::BlockDevice& device, const FormatOptions& options) const override;
-
- private:
-  Disk::FormatKind kind_;
-};
+// The format of a new partition: FAT12, FAT16 or FAT32 as fatTypeIndexFor picks from the
+// options' partition type and FAT rules and the device's size. Registered for both FAT kinds.
+FormatSummary formatFatPartition(Disk::BlockDevice& device, const FormatOptions& options);
 
 // Volume serial number made from a local time: the month and second in the top byte, the
 // day, the hour, and year plus minute in the low 16 bits (32-bit wrap-around).

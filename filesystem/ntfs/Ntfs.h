@@ -13,7 +13,7 @@ namespace Corvo::Filesystem {
 // Filesystem version codes of a creation request: the Windows version the volume is made for.
 enum NtfsTarget : int { ntNt351 = 5, ntNt4 = 6, ntWindows2000 = 7, ntWindowsXP = 8, ntWindowsVista = 9 };
 
-// The common options (versionCode is the target) and the serial number.
+// The common options (versionCode is the target; 0 takes ntWindowsVista) and the serial number.
 struct NtfsFormatOptions : FormatOptions {
   NtfsFormatOptions() { versionCode = ntWindowsVista; }
   std::optional<uint64_t> serial;  // random when not given
@@ -48,13 +48,6 @@ uint64_t ntfsMinimumSectors(int versionCode);
 // Writes the volume (the full-format flag of the creation request is clear for NTFS: nothing
 // is verified) and returns the summary. Reports progress; throws Core::Error on failure.
 FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options);
-
-class NtfsFormatter : public Formatter {
- public:
-  Disk::FormatKind kind() const override { return Disk::FormatKind::Ntfs; }
-  std::string labelProblem(const std::string& label) const override { return ntfsLabelProblem(label); }
-  FormatSummary format(Disk::BlockDevice& device, const FormatOptions& options) const override;
-};
 
 // The volume label of the NTFS volume on the device, from $Volume's $VOLUME_NAME found through
 // the $MFT. Empty for no label and for anything that cannot be read as NTFS; never throws.

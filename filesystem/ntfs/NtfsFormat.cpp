@@ -798,8 +798,10 @@ uint64_t ntfsMinimumSectors(int versionCode) {
   return lo;
 }
 
-FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
+FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& requested) {
   Core::TraceScope scope("formatNtfs");
+  NtfsFormatOptions options = requested;
+  if (!options.versionCode) options.versionCode = ntWindowsVista;
   std::u16string label;
   if (options.label) {
     if (const std::string problem = ntfsLabelProblem(*options.label); !problem.empty())
@@ -900,13 +902,6 @@ FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& opt
   summary.count(freeClusters, "available allocation units on disk");
   summary.count(L.mftLcn, "first cluster of the $MFT");
   return summary;
-}
-
-FormatSummary NtfsFormatter::format(Disk::BlockDevice& device, const FormatOptions& options) const {
-  NtfsFormatOptions ntfs;
-  static_cast<FormatOptions&>(ntfs) = options;
-  if (!ntfs.versionCode) ntfs.versionCode = ntWindowsVista;
-  return formatNtfs(device, ntfs);
 }
 
 }  // namespace Corvo::Filesystem
