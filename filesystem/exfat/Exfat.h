@@ -7,18 +7,19 @@
 #include <vector>
 
 #include "disk/BlockDevice.h"
+#include "filesystem/Formatter.h"
 
 namespace Corvo::Filesystem {
 
-struct ExfatFormatOptions {
-  std::optional<std::string> label;  // at most 11 UTF-16 code units
-  uint64_t partitionOffset = 0;      // the partition's first sector on the disk
+// The common options (the label at most 11 UTF-16 code units; firstSector goes into the boot
+// sector) and the serial, which tests fix.
+struct ExfatFormatOptions : FormatOptions {
   std::optional<uint32_t> serial;  // left empty, made from the clock
 };
 
 // The message for a label that an exFAT volume cannot hold (longer than 11 UTF-16 code units,
-// or with a character that a file name may not have); nullptr when the label fits.
-const char* exfatLabelProblem(const std::string& label);
+// or with a character that a file name may not have); empty when the label fits.
+std::string exfatLabelProblem(const std::string& label);
 
 // What the formatter decides before it writes anything. Sector numbers count the device's own
 // sectors from the start of the partition; clusters are numbered from 2.
@@ -52,9 +53,9 @@ ExfatLayout planExfat(uint64_t sectors, uint32_t bytesPerSector);
 const std::vector<uint8_t>& exfatUpcaseTable();
 
 // Writes the volume over the whole device: every other structure first, flushed, then the
-// backup boot region, flushed, then the main boot sector and a flush. Prints progress and a
-// summary. Throws Core::Error before writing anything when the label does not fit or the
-// device is too small, and passes on the device's errors.
-void formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& options);
+// backup boot region, flushed, then the main boot sector and a flush. Reports progress and
+// returns the summary. Throws Core::Error before writing anything when the label does not fit
+// or the device is too small, and passes on the device's errors.
+FormatSummary formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& options);
 
 }  // namespace Corvo::Filesystem

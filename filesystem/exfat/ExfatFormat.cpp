@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/Clock.h"
+#include "core/Endian.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "core/Trace.h"
@@ -54,22 +55,22 @@ std::vector<uint8_t> bootRegion(const ExfatLayout& L, const ExfatFormatOptions& 
   uint8_t* boot = region.data();
   putBytes(boot, B::jumpBoot, X::kJumpBoot, sizeof X::kJumpBoot);
   putBytes(boot, B::fileSystemName, X::kFileSystemName, B::fileSystemName.size);
-  B::partitionOffset.set(boot, options.partitionOffset);
-  B::volumeLength.set(boot, L.volumeSectors);
-  B::fatOffset.set(boot, L.fatOffset);
-  B::fatLength.set(boot, L.fatLength);
-  B::clusterHeapOffset.set(boot, L.clusterHeapOffset);
-  B::clusterCount.set(boot, L.clusterCount);
-  B::rootDirectoryCluster.set(boot, L.rootCluster());
-  B::volumeSerial.set(boot, id.serial);
-  B::fileSystemRevision.set(boot, X::kRevision);
-  B::bytesPerSectorShift.set(boot, log2Of(S));
-  B::sectorsPerClusterShift.set(boot, log2Of(L.sectorsPerCluster));
-  B::numberOfFats.set(boot, 1);
-  B::driveSelect.set(boot, X::kDriveSelect);
-  B::percentInUse.set(boot, static_cast<uint8_t>(uint64_t{L.usedClusters()} * 100 / L.clusterCount));
+  B::partitionOffset.put(boot, options.firstSector);
+  B::volumeLength.put(boot, L.volumeSectors);
+  B::fatOffset.put(boot, L.fatOffset);
+  B::fatLength.put(boot, L.fatLength);
+  B::clusterHeapOffset.put(boot, L.clusterHeapOffset);
+  B::clusterCount.put(boot, L.clusterCount);
+  B::rootDirectoryCluster.put(boot, L.rootCluster());
+  B::volumeSerial.put(boot, id.serial);
+  B::fileSystemRevision.put(boot, X::kRevision);
+  B::bytesPerSectorShift.put(boot, log2Of(S));
+  B::sectorsPerClusterShift.put(boot, log2Of(L.sectorsPerCluster));
+  B::numberOfFats.put(boot, 1);
+  B::driveSelect.put(boot, X::kDriveSelect);
+  B::percentInUse.put(boot, static_cast<uint8_t>(uint64_t{L.usedClusters()} * 100 / L.clusterCount));
   std::memset(boot + B::bootCode.offset, X::kHalt, B::bootCode.size);
-  B::bootSignature.set(boot, X::kBootSignature);
+  B::bootSignature.put(boot, X::kBootSignature);
   for (uint32_t i = 1; i <= X::kExtendedBootSectors; ++i)
     Core::put32(boot + size_t{S} * (i + 1) - 4, X::kExtendedBootSignature);
   const uint32_t sum = X::bootChecksum(region.data(), S);
@@ -109,24 +110,24 @@ std::vector<uint8_t> rootDirectory(const ExfatLayout& L, const Identity& id) {
   std::vector<uint8_t> dir(L.clusterBytes(), 0);
   uint8_t* e = dir.data();
   if (id.labelUnits.empty()) {
-    X::Entry::type.set(e, X::kTypeNoVolumeLabel);
+    X::Entry::type.put(e, X::kTypeNoVolumeLabel);
   } else {
-    X::Entry::type.set(e, X::kTypeVolumeLabel);
-    X::Label::characterCount.set(e, static_cast<uint8_t>(id.labelUnits.size()));
+    X::Entry::type.put(e, X::kTypeVolumeLabel);
+    X::Label::characterCount.put(e, static_cast<uint8_t>(id.labelUnits.size()));
     for (size_t i = 0; i < id.labelUnits.size(); ++i)
       Core::put16(e + X::Label::volumeLabel.offset + 2 * i, static_cast<uint16_t>(id.labelUnits[i]));
   }
   e += X::kEntryBytes;
-  X::Entry::type.set(e, X::kTypeAllocationBitmap);
-  X::Bitmap::flags.set(e, 0);  // the first (only) bitmap
-  X::Bitmap::firstCluster.set(e, L.bitmapCluster());
-  X::Bitmap::dataLength.set(e, L.bitmapBytes);
+  X::Entry::type.put(e, X::kTypeAllocationBitmap);
+  X::Bitmap::flags.put(e, 0);  // the first (only) bitmap
+  X::Bitmap::firstCluster.put(e, L.bitmapCluster());
+  X::Bitmap::dataLength.put(e, L.bitmapBytes);
   e += X::kEntryBytes;
   const std::vector<uint8_t>& upcase = exfatUpcaseTable();
-  X::Entry::type.set(e, X::kTypeUpcaseTable);
-  X::Upcase::tableChecksum.set(e, X::tableChecksum(upcase.data(), upcase.size()));
-  X::Upcase::firstCluster.set(e, L.upcaseCluster());
-  X::Upcase::dataLength.set(e, upcase.size());
+  X::Entry::type.put(e, X::kTypeUpcaseTable);
+  X::Upcase::tableChecksum.put(e, X::tableChecksum(upcase.data(), upcase.size()));
+  X::Upcase::firstCluster.put(e, L.upcaseCluster());
+  X::Upcase::dataLength.put(e, upcase.size());
   return dir;
 }
 
@@ -161,30 +162,22 @@ class Writer {
   uint32_t sector_;
 };
 
-void printSummary(const ExfatLayout& L, const Identity& id) {
-  Core::print("Format complete.\n\n");
-  if (id.label.empty())
-    Core::print("Volume has no label\n");
-  else
-    Core::print("Volume label is %s\n", id.label.c_str());
-  Core::print("Volume Serial Number is %04X-%04X\n", id.serial >> 16, id.serial & 0xFFFF);
+FormatSummary summaryOf(const ExfatLayout& L, const Identity& id) {
+  FormatSummary s;
+  s.say(id.label.empty() ? "Volume has no label" : "Volume label is " + id.label);
+  s.say(Core::format("Volume Serial Number is %04X-%04X", id.serial >> 16, id.serial & 0xFFFF));
   const uint64_t cb = L.clusterBytes();
-  const std::string numbers[] = {std::to_string(cb * L.clusterCount), std::to_string(cb * L.freeClusters()),
-                                 std::to_string(cb), std::to_string(L.clusterCount),
-                                 std::to_string(L.freeClusters())};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  Core::print("%*s bytes total disk space\n", width, numbers[0].c_str());
-  Core::print("%*s bytes available on disk\n", width, numbers[1].c_str());
-  Core::print("%*s bytes in each allocation unit\n", width, numbers[2].c_str());
-  Core::print("%*s total allocation units on disk\n", width, numbers[3].c_str());
-  Core::print("%*s available allocation units on disk\n", width, numbers[4].c_str());
-  Core::print("\n");
+  s.count(cb * L.clusterCount, "bytes total disk space");
+  s.count(cb * L.freeClusters(), "bytes available on disk");
+  s.count(cb, "bytes in each allocation unit");
+  s.count(L.clusterCount, "total allocation units on disk");
+  s.count(L.freeClusters(), "available allocation units on disk");
+  return s;
 }
 
 }  // namespace
 
-const char* exfatLabelProblem(const std::string& label) {
+std::string exfatLabelProblem(const std::string& label) {
   const std::u16string units = Core::utf16FromUtf8(label);
   if (units.size() > X::kLabelUnits) return "Invalid volume label -- maximum of 11 characters for exFAT";
   for (char16_t c : units) {
@@ -192,7 +185,7 @@ const char* exfatLabelProblem(const std::string& label) {
     if (c < 0x80 && std::strchr("\"*/:<>?\\|", static_cast<char>(c)))
       return "Invalid volume label -- may not contain any of the following characters: \" * / : < > ? \\ |";
   }
-  return nullptr;
+  return {};
 }
 
 ExfatLayout planExfat(uint64_t sectors, uint32_t bytesPerSector) {
@@ -231,11 +224,11 @@ ExfatLayout planExfat(uint64_t sectors, uint32_t bytesPerSector) {
   return L;
 }
 
-void formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& options) {
+FormatSummary formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& options) {
   Core::TraceScope trace("formatExfat");
   Identity id;
   id.label = options.label.value_or("");
-  if (const char* problem = exfatLabelProblem(id.label))
+  if (const std::string problem = exfatLabelProblem(id.label); !problem.empty())
     throw Error(ErrorId::InvalidArgument, problem).with("label", id.label);
   id.labelUnits = Core::utf16FromUtf8(id.label);
   const uint32_t S = device.bytesPerBlock();
@@ -283,7 +276,7 @@ void formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& options) {
     throw;
   }
   progress.complete();
-  printSummary(L, id);
+  return summaryOf(L, id);
 }
 
 }  // namespace Corvo::Filesystem

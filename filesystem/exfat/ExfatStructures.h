@@ -1,43 +1,20 @@
 // On-disk structures of exFAT: the boot sector, the extended boot sector's signature, the FAT
 // entries and the root directory's entries (allocation bitmap, up-case table, volume label),
 // with the checksums of the boot region and the up-case table. Each field is named once here,
-// with its offset inside its structure, and read and written through the little-endian
-// accessors.
+// with its offset inside its structure, and read and written through it (core/Field.h).
 #pragma once
 #include <cstddef>
 #include <cstdint>
 
-#include "core/Endian.h"
+#include "core/Field.h"
 
 namespace Corvo::Filesystem::Exfat {
 
-template <typename T>
-struct Field {
-  size_t offset;
-  T get(const uint8_t* base) const {
-    const uint8_t* p = base + offset;
-    if constexpr (sizeof(T) == 1) return *p;
-    else if constexpr (sizeof(T) == 2) return Core::get16(p);
-    else if constexpr (sizeof(T) == 4) return Core::get32(p);
-    else return Core::get64(p);
-  }
-  void set(uint8_t* base, T value) const {
-    uint8_t* p = base + offset;
-    if constexpr (sizeof(T) == 1) *p = value;
-    else if constexpr (sizeof(T) == 2) Core::put16(p, value);
-    else if constexpr (sizeof(T) == 4) Core::put32(p, value);
-    else Core::put64(p, value);
-  }
-};
-using F8 = Field<uint8_t>;
-using F16 = Field<uint16_t>;
-using F32 = Field<uint32_t>;
-using F64 = Field<uint64_t>;
-
-// A byte array field.
-struct Bytes {
-  size_t offset, size;
-};
+using F8 = Core::Field8;
+using F16 = Core::Field16;
+using F32 = Core::Field32;
+using F64 = Core::Field64;
+using Bytes = Core::ByteField;
 
 // The boot region: boot sector, 8 extended boot sectors, OEM parameters, a reserved sector and
 // the checksum sector, twice (main, then backup).
@@ -67,7 +44,9 @@ inline constexpr uint16_t kBootSignature = 0xAA55;
 // The last four bytes of every extended boot sector.
 inline constexpr uint32_t kExtendedBootSignature = 0xAA550000;
 // Boot sector bytes left out of the boot checksum: VolumeFlags and PercentInUse.
-inline constexpr bool isVolatileBootByte(size_t offset) { return offset == 106 || offset == 107 || offset == 112; }
+inline constexpr bool isVolatileBootByte(size_t offset) {
+  return (offset >= Boot::volumeFlags.offset && offset < Boot::volumeFlags.end()) || offset == Boot::percentInUse.offset;
+}
 
 // FAT entries: 32 bits each; entries 0 and 1 hold the media type and a constant.
 inline constexpr uint32_t kFatEntryBytes = 4;

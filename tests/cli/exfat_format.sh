@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # /CRE /FOR /EXFAT on images from 8 MiB to a 2 TiB sparse GPT disk, around the cluster size
 # boundaries: fsck.exfat -n finds every volume clean, blkid -p names it exfat with the label,
-# the summary's cluster size is the one expected, exfat-fuse mounts it read-write, a tree of
-# files written, unmounted and mounted again reads back, and fsck stays clean. Labels an exFAT
-# volume cannot hold and conflicting format switches are refused with the image unchanged.
+# the summary's cluster size is the one expected, the boot sector holds the partition's first
+# sector, exfat-fuse mounts it read-write, a tree of files written, unmounted and mounted again
+# reads back, and fsck stays clean. Labels an exFAT volume cannot hold and conflicting format
+# switches are refused with the image unchanged.
 set -u
 KDISK=$1
 . "$(dirname "$0")/lib/partition.bash"
@@ -42,6 +43,7 @@ check() {
   [ "$(blkid -p -o value -s LABEL "$loop")" = "$label" ] || fail "$ctx: label $(blkid -p -o value -s LABEL "$loop")"
   [ "$(blkid -p -o value -s UUID "$loop")" = 1F0E-1DF4 ] || fail "$ctx: serial $(blkid -p -o value -s UUID "$loop")"
   [ "$(summary 'bytes in each allocation unit')" = "$cluster" ] || fail "$ctx: cluster size: $FMT"
+  [ "$(od -An -tu8 -j64 -N8 "$loop" | tr -d ' ')" = "$start" ] || fail "$ctx: the boot sector's partition offset"
   if mount.exfat-fuse "$loop" "$mnt" >/dev/null 2>&1; then
     tree "$mnt" || fail "$ctx: writing the tree failed"
     listing "$mnt" >"$WORK/written"
