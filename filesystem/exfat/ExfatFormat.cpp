@@ -233,6 +233,7 @@ FormatSummary formatExfat(Disk::BlockDevice& device, const ExfatFormatOptions& o
   id.labelUnits = Core::utf16FromUtf8(id.label);
   const uint32_t S = device.bytesPerBlock();
   const ExfatLayout L = planExfat(device.blockCount(), S);
+  device.requireWritable();  // a disk that takes no writes at all is refused before the first
   id.serial = options.serial ? *options.serial : fatVolumeSerial(Core::localNow());
 
   const std::vector<uint8_t> boot = bootRegion(L, options, id);
