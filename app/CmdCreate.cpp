@@ -74,6 +74,7 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
     options.heads = static_cast<uint16_t>(drive.geometry().heads);
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
+    options.firstSector = part.firstBlock;
     options.versionCode = request.versionCode;
     options.partitionType = part.type;
     options.fat32Support = disk.layout->fat32Support;
@@ -272,6 +273,17 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
     request.formatKind = FormatKind::Ext2;
     request.versionCode = 10;
   }
+  if (set.isPresent(swEXFAT)) {
+    if (!format) {
+      message(mkError, "Conflicting switches. /EXFAT may only be used in conjunction with /FOR");
+      return 2;
+    }
+    if (ntfs || set.isPresent(swEXT2)) {
+      message(mkError, "Conflicting switches. Specify only one of /NTFS, /EXT2, or /EXFAT");
+      return 2;
+    }
+    request.formatKind = FormatKind::Exfat;
+  }
   if (set.isPresent(swV, &value, &hasValue)) {
     if (!format) {
       message(mkError, "Conflicting switches. /V may only be used in conjunction with /FOR");
@@ -352,7 +364,7 @@ int runCreate(CreateOrder& order) {
 }  // namespace
 
 int commandCreate(SwitchSet& set) {
-  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swALIGN, &swV,
+  if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swEXFAT, &swALIGN, &swV,
                      &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
     message(mkError, "%s", set.errorText().c_str());
     return 2;

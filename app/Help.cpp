@@ -67,7 +67,7 @@ void printGeneralHelp(const std::string& program) {
   print("Fixed Disk Partitioning Utility\n");
   print("%s %s\n\n", kProductTitle, versionText().c_str());
   print("%s disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%%}}] [/END]\n", p);
-  print("%*s [/FOR [/Q] [/NTFS[:VISTA|XP|2000|NT4|NT351]] [/EXT2] [/ALIGN[:CHS|1MB]] [/V[:label]]] [/-32] [/NTFAT16]\n",
+  print("%*s [/FOR [/Q] [/NTFS[:VISTA|XP|2000|NT4|NT351]] [/EXT2] [/EXFAT] [/ALIGN[:CHS|1MB]] [/V[:label]]] [/-32] [/NTFAT16]\n",
         w, "");
   print("%s disk /DEL {/P:partn-no|/ALL}\n", p);
   print("%*s [/QWIPE|/DODWIPE|/CUSTOMWIPE:passes]\n", w, "");
@@ -100,7 +100,7 @@ void printHelp(const std::string& program, CommandCode code) {
     case ccCreate:
       describe("Creates fixed disk partitions and logical drives.\n\n");
       print("%s disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%%}}] [/END]\n", p);
-      print("%*s [/FOR [/Q] [/NTFS[:VISTA|XP|2000|NT4|NT351]] [/EXT2] [/ALIGN[:CHS|1MB]] [/V[:label]]] [/-32] [/NTFAT16]\n",
+      print("%*s [/FOR [/Q] [/NTFS[:VISTA|XP|2000|NT4|NT351]] [/EXT2] [/EXFAT] [/ALIGN[:CHS|1MB]] [/V[:label]]] [/-32] [/NTFAT16]\n",
             w, "");
       print("%*s [/LETTER:c] [/X] [/I] [/U] [/S]\n", w, "");
       printList({kDisk,
@@ -116,6 +116,7 @@ void printHelp(const std::string& program, CommandCode code) {
                  {"/V[:label]", "Volume label of the format. Default is no label."},
                  {"/NTFS[:VISTA, XP, 2000, NT4, NT351]", "NTFS quick format for the given Windows version."},
                  {"/EXT2", "Format as ext2."},
+                 {"/EXFAT", "Format as exFAT."},
                  {"/ALIGN[:CHS or 1MB]", "Alignment: CHS is the traditional cylinder/head/sector alignment,\n"
                                          "1MB the 1 MB alignment of Windows Vista."},
                  {"/LETTER:c", "Drive letter to assign to the new partition."},

@@ -18,7 +18,7 @@ extern const Switch swCRE, swDEL, swSTATUS, swACT, swDeACT, swHIDE, swUnHIDE, sw
     swDISKWIPE, swBOOTINI, swATASECURITY, swBATCH, swVIEW;
 extern const Switch swR, swX, swI, swU, swS, swY, swSURE, swDIAG;
 // Creation.
-extern const Switch swSZ, swPRI, swEXT, swLOG, swNo32, swNTFAT16, swFOR, swQ, swNTFS, swEXT2, swALIGN, swV,
+extern const Switch swSZ, swPRI, swEXT, swLOG, swNo32, swNTFAT16, swFOR, swQ, swNTFS, swEXT2, swEXFAT, swALIGN, swV,
     swNoCE, swEND, swLETTER;
 // Deletion.
 extern const Switch swDelPRI, swDelEXT, swDelLOG, swDelP, swALL, swQWIPE, swDODWIPE, swCUSTOMWIPE;

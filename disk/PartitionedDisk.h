@@ -69,7 +69,7 @@ struct TableCapabilities {
 };
 
 // The filesystem a created partition is formatted with.
-enum class FormatKind : int { None = 0, FatFull = 1, FatQuick = 2, Ntfs = 3, Ext2 = 4 };
+enum class FormatKind : int { None = 0, FatFull = 1, FatQuick = 2, Ntfs = 3, Ext2 = 4, Exfat = 5 };
 
 // A request to create a partition (as the creation command builds it).
 struct CreationRequest {

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "filesystem/exfat/Exfat.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
@@ -18,6 +19,7 @@ const std::unique_ptr<const Formatter> kFormatters[] = {
     std::make_unique<FormatterOf<FormatOptions>>(FormatKind::FatQuick, fatLabelProblem, formatFatPartition),
     std::make_unique<FormatterOf<NtfsFormatOptions>>(FormatKind::Ntfs, ntfsLabelProblem, formatNtfs),
     std::make_unique<FormatterOf<Ext2FormatOptions>>(FormatKind::Ext2, ext2LabelProblem, formatExt2),
+    std::make_unique<FormatterOf<ExfatFormatOptions>>(FormatKind::Exfat, exfatLabelProblem, formatExfat),
 };
 
 }  // namespace

@@ -19,6 +19,7 @@ struct FormatOptions {
   uint16_t sectorsPerTrack = 63;     // the disk's geometry, for the boot sector
   uint16_t heads = 255;
   uint32_t hiddenSectors = 0;        // the partition's first sector on the disk (32 bits wide)
+  uint64_t firstSector = 0;          // the same, whole (exFAT's PartitionOffset)
   int versionCode = 0;               // per kind: the NTFS target (NtfsTarget); 0 the default
   // The partition's type byte and the FAT rules of the command (/-32, /NTFAT16): the FAT
   // formatter picks FAT12, FAT16 or FAT32 from them and the partition's size.

@@ -488,7 +488,8 @@ void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used)
 }
 
 uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const {
-  if (request.formatKind == FormatKind::Ntfs) return kTypeNtfs;
+  // exFAT shares the installable-filesystem type with NTFS.
+  if (request.formatKind == FormatKind::Ntfs || request.formatKind == FormatKind::Exfat) return kTypeNtfs;
   if (request.formatKind == FormatKind::Ext2) return kTypeLinux;
   const uint64_t n = count;
   const bool fat32Allowed = fat32Support && !ntFat16;

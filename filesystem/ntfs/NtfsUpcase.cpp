@@ -2,17 +2,11 @@
 // compares as. Names in directory indexes are sorted through the same table.
 #include "filesystem/ntfs/NtfsUpcase.h"
 
+#include "filesystem/UpcaseRuns.h"
+
 namespace Corvo::Filesystem::Ntfs {
 
 namespace {
-
-// Runs of lower-case letters: first, last, step between the letters of the run (1, or 2 where
-// upper and lower case alternate) and the distance to the upper-case letter (modulo 2^16).
-struct UpcaseRun {
-  uint16_t first, last;
-  uint8_t step;
-  int16_t delta;
-};
 
 const UpcaseRun kRuns[] = {
     {0x0061, 0x007A, 1, -32}, {0x00E0, 0x00F6, 1, -32}, {0x00F8, 0x00FE, 1, -32}, {0x00FF, 0x00FF, 1, 121},
@@ -64,10 +58,9 @@ char16_t upcase(char16_t c) {
 }
 
 std::vector<uint8_t> upcaseTable() {
+  const std::vector<uint16_t> map = upcaseMap(kRuns);
   std::vector<uint8_t> table(kUpcaseBytes);
-  for (uint32_t c = 0; c < 0x10000; ++c) Core::put16(&table[2 * c], c);
-  for (const UpcaseRun& r : kRuns)
-    for (uint32_t c = r.first; c <= r.last; c += r.step) Core::put16(&table[2 * c], static_cast<uint16_t>(c + r.delta));
+  for (uint32_t c = 0; c < map.size(); ++c) Core::put16(&table[2 * c], map[c]);
   return table;
 }
 

@@ -8,6 +8,7 @@
 #include "core/Interrupt.h"
 #include "disk/Wipe.h"
 #include "filesystem/Recognition.h"
+#include "filesystem/exfat/Exfat.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
@@ -98,7 +99,7 @@ TEST(Interrupt, FormatStopsBeforeItsBootSector) {
   Core::clearInterrupt();
 }
 
-TEST(Interrupt, Ext2AndNtfsFormatsStopBeforeTheyAreRecognisable) {
+TEST(Interrupt, Ext2NtfsAndExfatFormatsStopBeforeTheyAreRecognisable) {
   const struct {
     const char* name;
     uint64_t afterWrites;
@@ -108,6 +109,8 @@ TEST(Interrupt, Ext2AndNtfsFormatsStopBeforeTheyAreRecognisable) {
       {"ext2, tenth write", 10, [](Disk::BlockDevice& d) { Filesystem::formatExt2(d, {}); }},
       {"NTFS, first write", 1, [](Disk::BlockDevice& d) { Filesystem::formatNtfs(d, {}); }},
       {"NTFS, tenth write", 10, [](Disk::BlockDevice& d) { Filesystem::formatNtfs(d, {}); }},
+      {"exFAT, first write", 1, [](Disk::BlockDevice& d) { Filesystem::formatExfat(d, {}); }},
+      {"exFAT, tenth write", 10, [](Disk::BlockDevice& d) { Filesystem::formatExfat(d, {}); }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
