@@ -49,11 +49,12 @@ bool wipeNode(FixedDisk& disk, const PartitionNode& node, WipeMode wipeMode, uns
               const std::vector<WipeExtent>& keep = {}) {
   if (wipeMode == wmNone) return true;
   try {
-    std::vector<WipeExtent> failed = wipePartition(*disk.drive, node.firstBlock, node.blockCount, wipeMode,
-                                                   customCount, displayNumberOf(*disk.layout, node), disk.index + 1, keep);
+    std::vector<WipeExtent> failed =
+        wipePartition(*disk.drive, node.firstBlock, node.blockCount, wipeMode, customCount, keep);
     // Sectors left unwritten make the wipe a failed one: the table stays as it is.
     if (!failed.empty()) {
-      message(mkError, failText, unwrittenSectorsText(failed).c_str());
+      const std::string text = reportUnwrittenSectors(failed, displayNumberOf(*disk.layout, node), disk.index + 1);
+      message(mkError, failText, text.c_str());
       return false;
     }
   } catch (const Error& e) {

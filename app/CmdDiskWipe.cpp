@@ -54,9 +54,9 @@ bool wipeWholeDisk(FixedDisk& disk, int mode, unsigned customCount, bool keepUti
   bool ok = true;
   try {
     if (!kept.empty()) Corvo::Disk::writeKeptBootRecord(drive, kept);
-    const std::vector<WipeExtent> failed = wipeDevice(drive, mode, customCount, 0, number, extents);
+    const std::vector<WipeExtent> failed = wipeDevice(drive, mode, customCount, extents);
     if (!failed.empty()) {
-      message(mkError, failText, number, unwrittenSectorsText(failed).c_str());
+      message(mkError, failText, number, reportUnwrittenSectors(failed, 0, number).c_str());
       ok = false;
     }
   } catch (const Error& e) {

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <climits>
 
+#include "core/Message.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 
@@ -13,6 +14,22 @@ using Corvo::Disk::PartitionedDisk;
 using Corvo::Disk::PartitionNode;
 using Corvo::Disk::PartitionRole;
 using Corvo::Disk::PartitionScheme;
+using Corvo::Disk::WipeExtent;
+using Corvo::Core::message;
+using Corvo::Core::mkError;
+
+std::string reportUnwrittenSectors(const std::vector<WipeExtent>& failed, unsigned partitionNumber,
+                                   unsigned diskNumber) {
+  for (const WipeExtent& e : failed) {
+    const std::string from = std::to_string(e.first), to = std::to_string(e.first + e.count - 1);
+    if (partitionNumber == 0)
+      message(mkError, "Cannot write sectors %s to %s of fixed disk %u", from.c_str(), to.c_str(), diskNumber);
+    else
+      message(mkError, "Cannot write sectors %s to %s of partition %u on fixed disk %u", from.c_str(), to.c_str(),
+              partitionNumber, diskNumber);
+  }
+  return unwrittenSectorsText(failed);
+}
 
 bool isDosType(uint8_t type) {
   switch (type) {

@@ -3,9 +3,11 @@
 #pragma once
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "app/FixedDisks.h"
 #include "disk/PartitionedDisk.h"
+#include "disk/Wipe.h"
 #include "filesystem/Formatter.h"
 
 namespace Kdisk {
@@ -25,6 +27,13 @@ bool anotherActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo:
 bool isOnlyActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::Disk::PartitionNode& node);
 // The DOS extended partition of an MBR disk (0x05 or 0x0F, or their hidden forms), or null.
 Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedDisk& disk);
+
+// ---- Wipes.
+
+// Prints "Cannot write sectors a to b of ..." for every range a wipe left unwritten
+// (partitionNumber 0: the whole disk) and returns the error text of the failed wipe.
+std::string reportUnwrittenSectors(const std::vector<Corvo::Disk::WipeExtent>& failed, unsigned partitionNumber,
+                                   unsigned diskNumber);
 
 // ---- Value scanning.
 

@@ -95,8 +95,8 @@ class PageBuffer {
 
 }  // namespace
 
-std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount, unsigned partitionNumber,
-                                   unsigned diskNumber, const std::vector<WipeExtent>& extents) {
+std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount,
+                                   const std::vector<WipeExtent>& extents) {
   const unsigned passes = wipePassCount(mode, customCount);
   if (passes == 0) throw Error(ErrorId::InvalidArgument, "Invalid wipe mode");
   device.requireWritable();
@@ -173,16 +173,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   }
   progress.complete();
 
-  std::vector<WipeExtent> bad = failed.list();
-  for (const WipeExtent& e : bad) {
-    const std::string from = std::to_string(e.first), to = std::to_string(e.first + e.count - 1);
-    if (partitionNumber == 0)
-      message(mkError, "Cannot write sectors %s to %s of fixed disk %u", from.c_str(), to.c_str(), diskNumber);
-    else
-      message(mkError, "Cannot write sectors %s to %s of partition %u on fixed disk %u", from.c_str(), to.c_str(),
-              partitionNumber, diskNumber);
-  }
-  return bad;
+  return failed.list();
 }
 
 std::string unwrittenSectorsText(const std::vector<WipeExtent>& failed) {
@@ -205,15 +196,14 @@ std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> k
 }
 
 std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
-                                      unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
-                                      const std::vector<WipeExtent>& keep) {
+                                      unsigned customCount, const std::vector<WipeExtent>& keep) {
   drive.requireWritable();
   drive.prepareForChange(first, count);
   RangeBlockDevice device(drive, first, count);
 
   std::vector<WipeExtent> extents = extentsOutside(count, keep);
   if (extents.empty()) return {};  // nothing of its own to overwrite
-  return wipeDevice(device, mode, customCount, partitionNumber, diskNumber, extents);
+  return wipeDevice(device, mode, customCount, extents);
 }
 
 }  // namespace Corvo::Disk

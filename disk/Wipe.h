@@ -32,20 +32,17 @@ uint8_t drawWipeRandomByte();
 // writing pass goes past the system's cache and is flushed before the next begins; the
 // verifying pass of modes 2 and 3 reads the medium and compares it with the last pattern. A
 // chunk that fails is retried sector by sector and the pass goes on; every range that could
-// not be written (or did not read back as written) is reported as an error naming the 1-based
-// partition and disk numbers (partitionNumber 0: the whole disk), and returned: a wipe that
-// returns ranges has failed. Throws Core::Error for failures that are not about single
+// not be written (or did not read back as written) is returned, in order, for the caller to
+// report: a wipe that returns ranges has failed. Throws Core::Error for failures that are not about single
 // sectors, such as a failed flush. Uses two buffers of the device's transfer length.
 std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount,
-                                   unsigned partitionNumber, unsigned diskNumber,
                                    const std::vector<WipeExtent>& extents = {});
 
 // Wipes the sectors [first, first + count) of a drive, leaving out the `keep` extents
 // (relative to first). Refuses with Core::Error, writing nothing, when the drive cannot be
 // written or the range is mounted or in use.
 std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
-                                      unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
-                                      const std::vector<WipeExtent>& keep = {});
+                                      unsigned customCount, const std::vector<WipeExtent>& keep = {});
 
 // The runs of [0, count) that lie outside every `keep` extent, in order.
 std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> keep);

@@ -99,6 +99,13 @@ class MbrDisk : public PartitionedDisk {
  private:
   void readTables();
   void readChain(PartitionNode& extended);
+  // What the first entry of an extended boot record holds, read before anything is built from it.
+  struct LogicalEntry {
+    bool isDrive = false;  // a logical drive to add
+    bool unused = false;   // a non-zero entry that holds nothing
+    std::string problem;   // why the entry is ignored
+  };
+  static LogicalEntry parseLogicalEntry(const PartitionNodeBiosPartitionContainerEbr& container);
   void problem(std::string text) { facts_.problems.push_back(std::move(text)); }
 
   // Editing helpers.
@@ -184,6 +191,26 @@ void MbrDisk::readTables() {
     if (isExtendedClassType(root->type)) readChain(*root);
 }
 
+MbrDisk::LogicalEntry MbrDisk::parseLogicalEntry(const PartitionNodeBiosPartitionContainerEbr& container) {
+  LogicalEntry entry;
+  const BiosBootRecord& rec = container.record();
+  if (rec.isSlotEmpty(0)) return entry;
+  const uint8_t type = rec.getType(0);
+  const uint64_t block = container.block();
+  if (type == 0) {
+    entry.unused = true;
+  } else if (container.getSlotBlockRange(0).second == 0) {
+    entry.unused = true;
+    entry.problem = format("The logical drive entry at sector %" PRIu64 " has no sectors and is ignored", block);
+  } else if (anyExtendedType(type) && !container.mayHoldExtended(0)) {
+    entry.problem = format("The extended boot record at sector %" PRIu64 " holds an extended type in its first entry",
+                           block);
+  } else {
+    entry.isDrive = true;
+  }
+  return entry;
+}
+
 void MbrDisk::readChain(PartitionNode& extended) {
   const uint64_t start = extended.firstBlock;
   const uint64_t end = start + extended.blockCount;
@@ -243,34 +270,25 @@ void MbrDisk::readChain(PartitionNode& extended) {
       container = std::make_unique<PartitionNodeBiosPartitionContainerAuxiliary>(block, rec, start);
     container->holder = holder;
 
-    if (!rec.isSlotEmpty(0)) {
-      const uint8_t type = rec.getType(0);
-      auto [first, count] = container->getSlotBlockRange(0);
-      if (type == 0) {
-        facts_.nonZeroUnusedEntry = true;
-      } else if (count == 0) {
-        facts_.nonZeroUnusedEntry = true;
-        problem(format("The logical drive entry at sector %" PRIu64 " has no sectors and is ignored", block));
-      } else if (anyExtendedType(type) && !container->createContainerInSlot(0, PartitionRole::Auxiliary)) {
-        problem(format("The extended boot record at sector %" PRIu64 " holds an extended type in its first entry",
-                       block));
-      } else {
-        auto node = container->makePartitionFromSlot(0, PartitionRole::Logical);
-        node->parent = holder;
-        const uint64_t last = node->lastBlock();
-        auto record = seen.lower_bound(first);
-        if (first == block) {
-          problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
-          if (chain.damage.empty()) chain.damage = facts_.problems.back();
-        } else if (record != seen.end() && *record <= last && chain.damage.empty()) {
-          damaged(format("The logical drive at sector %" PRIu64 " covers the extended boot record at sector %" PRIu64
-                         " of its own chain",
-                         first, *record));
-        }
-        drives[first] = std::max(drives[first], last);
-        container->logical = node.get();
-        holder->children.push_back(std::move(node));
+    const LogicalEntry entry = parseLogicalEntry(*container);
+    if (entry.unused) facts_.nonZeroUnusedEntry = true;
+    if (!entry.problem.empty()) problem(entry.problem);
+    if (entry.isDrive) {
+      auto node = container->makePartitionFromSlot(0, PartitionRole::Logical);
+      node->parent = holder;
+      const uint64_t first = node->firstBlock, last = node->lastBlock();
+      auto record = seen.lower_bound(first);
+      if (first == block) {
+        problem(format("The logical drive at sector %" PRIu64 " starts on its own extended boot record", block));
+        if (chain.damage.empty()) chain.damage = facts_.problems.back();
+      } else if (record != seen.end() && *record <= last && chain.damage.empty()) {
+        damaged(format("The logical drive at sector %" PRIu64 " covers the extended boot record at sector %" PRIu64
+                       " of its own chain",
+                       first, *record));
       }
+      drives[first] = std::max(drives[first], last);
+      container->logical = node.get();
+      holder->children.push_back(std::move(node));
     }
     if (!rec.isSlotEmpty(2) || !rec.isSlotEmpty(3)) facts_.nonZeroUnusedEntry = true;
 

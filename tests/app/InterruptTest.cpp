@@ -62,7 +62,7 @@ TEST(Interrupt, WipeStopsAtTheNextChunkAndFlushes) {
     CtrlCDevice dev(1000, c.afterWrites, 100);
     ScopedCapture capture;
     try {
-      Corvo::Disk::wipeDevice(dev, c.mode, c.custom, 1, 1);
+      Corvo::Disk::wipeDevice(dev, c.mode, c.custom);
       ADD_FAILURE() << "the wipe ran to its end";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), Core::ErrorId::Interrupted);

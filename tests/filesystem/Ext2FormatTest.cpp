@@ -46,23 +46,23 @@ std::string dumpField(const std::string& dump, const std::string& name) {
   return dump.substr(v, dump.find('\n', v) - v);
 }
 
-// Records every write and flush; can fail every write after the first `allowed` ones.
-class RecordingDevice : public MemoryBlockDevice {
- public:
-  using MemoryBlockDevice::MemoryBlockDevice;
-  std::vector<std::string> events;  // "w first count" or "flush"
-  size_t allowed = SIZE_MAX;
-  void flush() override { events.push_back("flush"); }
-
- protected:
-  void doWrite(uint64_t first, uint64_t count, const void* buffer) override {
-    if (writesSoFar_++ >= allowed) throw Core::Error(Core::ErrorId::WriteFailed, "stopped");
-    events.push_back("w " + std::to_string(first) + " " + std::to_string(count));
-    MemoryBlockDevice::doWrite(first, count, buffer);
+// The test disk under a drive, recording every write and flush; every write after the first
+// `stopAfter` fails.
+struct RecordingDisk {
+  explicit RecordingDisk(uint64_t sectors, size_t stopAfter = SIZE_MAX)
+      : mem(new KdiskTest::MemoryAccess(sectors)), drive(0, std::unique_ptr<KdiskTest::MemoryAccess>(mem)) {
+    mem->recording = true;
+    mem->stopAfter = stopAfter;
   }
-
- private:
-  size_t writesSoFar_ = 0;
+  // "w first count" or "flush" for each event of the log.
+  std::vector<std::string> events() const {
+    std::vector<std::string> out;
+    for (const auto& e : mem->log)
+      out.push_back(e.flush ? "flush" : "w " + std::to_string(e.first) + " " + std::to_string(e.data.size() / 512));
+    return out;
+  }
+  KdiskTest::MemoryAccess* mem;  // owned by the drive
+  Disk::DiskDrive drive;
 };
 
 }  // namespace
@@ -134,17 +134,17 @@ TEST(Ext2Format, RefusalsWriteNothing) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    RecordingDevice device(c.sectors);
+    RecordingDisk disk(c.sectors);
     Ext2FormatOptions options = fixedOptions();
     options.label = c.label;
     ScopedCapture quiet;
     try {
-      formatExt2(device, options);
+      formatExt2(disk.drive, options);
       ADD_FAILURE() << "formatted";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), c.id) << e.text();
     }
-    EXPECT_TRUE(device.events.empty());
+    EXPECT_TRUE(disk.mem->log.empty());
   }
 }
 
@@ -154,35 +154,35 @@ TEST(Ext2Format, RefusalsWriteNothing) {
 TEST(Ext2Format, NoPrefixOfTheWritesLooksLikeAFilesystem) {
   for (uint64_t sectors : {3 * kMiB, 18 * kMiB}) {
     SCOPED_TRACE(sectors);
-    RecordingDevice full(sectors);
+    RecordingDisk full(sectors);
     Ext2FormatOptions options = fixedOptions();
     options.label = "ORDER";
     {
       ScopedCapture quiet;
-      formatExt2(full, options);
+      formatExt2(full.drive, options);
     }
-    const auto& ev = full.events;
+    const auto ev = full.events();
+    const std::vector<uint8_t>& image = full.mem->data;
     ASSERT_GE(ev.size(), 6u);
     EXPECT_EQ(ev.front(), "w 0 8");  // the old superblock cleared first
     EXPECT_EQ(ev[1], "flush");
     EXPECT_EQ(ev[ev.size() - 3], "flush");
     EXPECT_EQ(ev[ev.size() - 2], "w 2 2");  // the primary superblock
     EXPECT_EQ(ev.back(), "flush");
-    EXPECT_EQ(Filesystem::detectContent(full.data().data(), full.data().size(), 0), Filesystem::ctExt2);
-    EXPECT_EQ(Filesystem::Ext2::volumeLabelOf(full.data().data(), full.data().size()), "ORDER");
+    EXPECT_EQ(Filesystem::detectContent(image.data(), image.size(), 0), Filesystem::ctExt2);
+    EXPECT_EQ(Filesystem::Ext2::volumeLabelOf(image.data(), image.size()), "ORDER");
 
     size_t writes = 0;
     for (const auto& e : ev) writes += e[0] == 'w';
     for (size_t allowed = 0; allowed < writes; ++allowed) {
-      RecordingDevice cut(sectors);
-      cut.data() = full.data();  // an earlier filesystem lies where the new one is written
-      cut.allowed = allowed;
+      RecordingDisk cut(sectors, allowed);
+      cut.mem->data = image;  // an earlier filesystem lies where the new one is written
       Ext2FormatOptions other = fixedOptions();
       other.now = 1800000000;
       ScopedCapture quiet;
-      EXPECT_THROW(formatExt2(cut, other), Core::Error);
+      EXPECT_THROW(formatExt2(cut.drive, other), Core::Error);
       // No write at all leaves the earlier filesystem; any write clears it for good.
-      EXPECT_EQ(Filesystem::detectContent(cut.data().data(), cut.data().size(), 0),
+      EXPECT_EQ(Filesystem::detectContent(cut.mem->data.data(), cut.mem->data.size(), 0),
                 allowed == 0 ? Filesystem::ctExt2 : Filesystem::ctNothing)
           << "after " << allowed << " writes";
     }
