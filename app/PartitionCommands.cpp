@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 
+#include "core/Message.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 
@@ -109,6 +110,17 @@ const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool n
   if (no32 && sizeMb > 2048 && !ntFat16) return "Can not create a drive larger that 2048 MB when FAT32 support is disabled";
   if (ntFat16 && sizeMb >= 4096) return "Can not create a drive larger that 4095 MB when NT support is enabled";
   return nullptr;
+}
+
+std::string beyondReachText(const Corvo::Disk::PartitionedDisk& disk) {
+  const uint64_t beyond = disk.blocksBeyondReach();
+  if (!beyond) return {};
+  const double bytesPerBlock = disk.drive().bytesPerBlock();
+  const auto mb = [&](uint64_t blocks) { return static_cast<double>(blocks) * bytesPerBlock / 1048576.0; };
+  return Corvo::Core::format(
+      "%.1fMB at the end of the disk lie beyond the reach of its MBR partition table (%.1fMB); /GPT /WIPE reaches "
+      "all of it",
+      mb(beyond), mb(disk.drive().blockCount() - beyond));
 }
 
 Corvo::Filesystem::FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {

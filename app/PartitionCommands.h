@@ -26,6 +26,10 @@ bool isOnlyActivePrimary(const Corvo::Disk::PartitionedDisk& disk, const Corvo::
 // The DOS extended partition of an MBR disk (0x05 or 0x0F, or their hidden forms), or null.
 Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedDisk& disk);
 
+// What lies past the reach of an MBR disk's table ("... /GPT /WIPE reaches all of it"); empty
+// when the table reaches the whole disk.
+std::string beyondReachText(const Corvo::Disk::PartitionedDisk& disk);
+
 // ---- Value scanning.
 
 // Reads "number, then at most two characters" the way "%d%c%c" does; returns the number of

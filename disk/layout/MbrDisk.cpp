@@ -82,6 +82,9 @@ class MbrDisk : public PartitionedDisk {
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override;
   void reload() override { readTables(); }
+  uint64_t blocksBeyondReach() const override {
+    return drive().blockCount() > kMbrAddressLimit ? drive().blockCount() - kMbrAddressLimit : 0;
+  }
 
   unsigned slotCount() const override { return 4; }
   unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
@@ -484,6 +487,7 @@ void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used)
 }
 
 uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const {
+  if (request.mbrType != kTypeUnused) return request.mbrType;
   if (request.formatKind == FormatKind::Ntfs) return kTypeNtfs;
   if (request.formatKind == FormatKind::Ext2) return kTypeLinux;
   const uint64_t n = count;
