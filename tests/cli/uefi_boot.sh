@@ -29,18 +29,34 @@ uefi_boot() {
   SERIAL=$(tr -d '\r\000' <"$work/serial")
 }
 
+# esp_start IMAGE BYTES: START, the first sector of the image's first partition as sfdisk reads
+# it (a 4096-byte-sector image through a read-only loop device of that sector size), after
+# checking that it is an EFI system partition.
+esp_start() {
+  local dev=$1 loopdev="" json
+  if [ "$2" != 512 ]; then
+    loopdev=$(losetup -f --show -r -b "$2" "$1") || { fail "$2: no loop device"; return; }
+    dev=$loopdev
+  fi
+  json=$(sfdisk -J "$dev")
+  [ -z "$loopdev" ] || losetup -d "$loopdev"
+  [ "$(jq -r .partitiontable.sectorsize <<<"$json")" = "$2" ] || fail "$2: sfdisk reads $(jq -r .partitiontable.sectorsize <<<"$json")-byte sectors"
+  [ "$(jq -r '.partitiontable.partitions[0].type' <<<"$json")" = C12A7328-F81F-11D2-BA4B-00A0C93EC93B ] ||
+    fail "$2: the partition is not an EFI system partition"
+  START=$(jq -r '.partitiontable.partitions[0].start' <<<"$json")
+}
+
 # Sector size | the start-up switches of Kdisk | the disk as the machine sees it.
 while IFS='|' read -r bytes startup device; do
+  [ "$bytes" = 512 ] || [ "$(id -u)" -eq 0 ] || { echo "note: $bytes-byte sectors need root for a loop device"; continue; }
   img=$work/uefi-$bytes.img
   rm -f "$img"; truncate -s 512M "$img"
   # shellcheck disable=SC2086
   kd "$img" $startup 1 /GPT /WIPE /Y; expect_rc 0 "$bytes: /GPT /WIPE"
   # shellcheck disable=SC2086
   kd "$img" $startup 1 /CRE /PRI /SZ:300 /TYPE:EFI /FOR /Q; expect_rc 0 "$bytes: EFI system partition"
-  [ "$(sfdisk -J "$img" | jq -r '.partitiontable.partitions[0].type')" = \
-    C12A7328-F81F-11D2-BA4B-00A0C93EC93B ] || fail "$bytes: the partition is not an EFI system partition"
-  start=$(sfdisk -J "$img" | jq -r '.partitiontable.partitions[0].start')
-  volume="$img@@$((start * bytes))"
+  esp_start "$img" "$bytes"
+  volume="$img@@$((START * bytes))"
   mmd -i "$volume" ::EFI ::EFI/BOOT
   mcopy -i "$volume" "$work/BOOTX64.EFI" ::EFI/BOOT/BOOTX64.EFI
   # shellcheck disable=SC2086
