@@ -14,9 +14,7 @@
 #include "core/Message.h"
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
-#include "filesystem/ext2/Ext2.h"
-#include "filesystem/fat/Fat.h"
-#include "filesystem/ntfs/Ntfs.h"
+#include "filesystem/Formatter.h"
 
 namespace Kdisk {
 
@@ -79,41 +77,30 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
 // Formats the new partition as the request asks. The partition stays in the table whatever
 // happens here: it was written before formatting began.
 bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
-  if (request.formatKind == FormatKind::None) return true;
+  const Corvo::Filesystem::Formatter* formatter = Corvo::Filesystem::formatterFor(request.formatKind);
+  if (!formatter) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
-    if (request.formatKind == FormatKind::Ext2) {
-      Corvo::Filesystem::Ext2FormatOptions ext2;
-      if (!request.label.empty()) ext2.label = request.label;
-      Corvo::Filesystem::formatExt2(device, ext2);
-      return true;
-    }
-    Corvo::Filesystem::FatFormatOptions options;
+    Corvo::Filesystem::FormatOptions options;
+    if (!request.label.empty()) options.label = request.label;
+    // Only the full FAT format reads the data area back.
     options.verify = request.formatKind == FormatKind::FatFull;
     options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
     options.heads = static_cast<uint16_t>(drive.geometry().heads);
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
-    if (!request.label.empty()) options.label = request.label;
-    if (request.formatKind == FormatKind::Ntfs) {
-      Corvo::Filesystem::NtfsFormatOptions ntfs;
-      ntfs.versionCode = request.versionCode;
-      ntfs.sectorsPerTrack = options.sectorsPerTrack;
-      ntfs.heads = options.heads;
-      ntfs.hiddenSectors = options.hiddenSectors;
-      ntfs.label = options.label;
-      Corvo::Filesystem::formatNtfs(device, ntfs);
-      return true;
-    }
-    const PartitionedDisk& layout = *disk.layout;
+    options.versionCode = request.versionCode;
     // A type the user chose says nothing about the FAT variant: the size decides.
-    const uint8_t type = request.mbrType ? Corvo::Disk::kTypeUnused : part.type;
-    Corvo::Filesystem::formatFat(device, fatTypeIndexFor(type, part.blockCount, layout.fat32Support, layout.ntFat16),
-                                 options);
+    options.partitionType = request.mbrType ? Corvo::Disk::kTypeUnused : part.type;
+    options.fat32Support = disk.layout->fat32Support;
+    options.ntFat16 = disk.layout->ntFat16;
+    print("%s", formatSummaryText(formatter->format(device, options)).c_str());
   } catch (const Error& e) {
-    // The same wording serves logical drives.
+    // A failed step of the format is named first; the same wording serves logical drives.
+    if (const std::string step = e.property("step"); !step.empty())
+      message(mkError, "%s -- %s", step.c_str(), e.text().c_str());
     message(mkError, "Cannot format primary DOS partition -- %s", e.text().c_str());
     return false;
   }
@@ -302,13 +289,11 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
     }
     if (hasValue) {
       // Checked now so that nothing is written for a label the formatter would refuse.
-      if ((request.formatKind == FormatKind::FatFull || request.formatKind == FormatKind::FatQuick) &&
-          !Corvo::Filesystem::validateVolumeLabel(value, true))
-        return 2;
-      if (request.formatKind == FormatKind::Ntfs && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
-      if (const char* problem = request.formatKind == FormatKind::Ext2 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
-        message(mkError, "%s", problem);
-        return 2;
+      if (const Corvo::Filesystem::Formatter* formatter = Corvo::Filesystem::formatterFor(request.formatKind)) {
+        if (const std::string problem = formatter->labelProblem(value); !problem.empty()) {
+          message(mkError, "%s", problem.c_str());
+          return 2;
+        }
       }
       request.label = value;
     }

@@ -1,5 +1,5 @@
 // On-disk structures of a GPT disk: the header, the partition entry and the disk-level
-// properties. Fields are read and written through the little-endian accessors only.
+// properties. Each field is declared once (core/Field.h) and read and written through it.
 #pragma once
 #include <array>
 #include <cstdint>

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "app/PartitionCommands.h"
+#include "filesystem/fat/Fat.h"
 
 using namespace Kdisk;
 
@@ -45,5 +46,5 @@ TEST(CreateValues, FatLimitsAndTypeChoice) {
                {0x00, 32773, true, false, 0},   {0x00, 32774, true, false, 1},   {0x00, 1048576, true, false, 1},
                {0x00, 1048577, true, false, 2}, {0x00, 1048577, true, true, 1},  {0x00, 1048577, false, false, 1},
                {0x00, 8387873, false, true, 2}};
-  for (const auto& t : types) EXPECT_EQ(int(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt)), t.index) << t.blocks;
+  for (const auto& t : types) EXPECT_EQ(int(Corvo::Filesystem::fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt)), t.index) << t.blocks;
 }

@@ -194,7 +194,7 @@ TEST_F(WriteOrder, HalfMadeFatFilesystemIsNotRecognised) {
     DiskDrive drive(0, std::move(owned));
     {
       KdiskTest::ScopedCapture quiet;
-      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FatFormatOptions{});
+      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FormatOptions{});
     }
     writeSparseImage(path, rec.image);
     const std::string newUuid = fatUuid(path);
