@@ -30,7 +30,9 @@ namespace {
 
 constexpr unsigned kPrimarySlots = 4;
 
-double toMegabytes(uint64_t blocks) { return static_cast<double>(blocks) * 512.0 / 1048576.0; }
+double toMegabytes(const PartitionedDisk& disk, uint64_t blocks) {
+  return static_cast<double>(disk.drive().bytesOf(blocks)) / 1048576.0;
+}
 
 bool primarySlotsFull(const PartitionedDisk& disk) {
   return disk.scheme() == PartitionScheme::Mbr && disk.primarySlotsInUse() >= kPrimarySlots;
@@ -64,7 +66,7 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
     if (request.largestAvailable == 0)
       message(mkError, "%s", fullText);
     else
-      message(mkError, maxText, toMegabytes(request.largestAvailable));
+      message(mkError, maxText, toMegabytes(disk, request.largestAvailable));
     const std::string beyond = beyondReachText(disk);
     if (!beyond.empty()) message(mkError, "%s", beyond.c_str());
     return nullptr;
@@ -147,6 +149,11 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
 
 bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
   PartitionedDisk& layout = *disk.layout;
+  if (!layout.capabilities().extendedPartitions) {
+    message(mkError, "Extended DOS partition could not be created -- Extended DOS partitions are not supported on %s disks",
+            layout.kindName());
+    return false;
+  }
   if (layout.scheme() == PartitionScheme::Mbr) {
     if (dosExtendedPartition(layout)) {
       message(mkError, "Extended DOS partition already exists");
@@ -171,6 +178,11 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
 
 bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
   PartitionedDisk& layout = *disk.layout;
+  if (!layout.capabilities().logicalDrives) {
+    message(mkError, "Logical DOS drive could not be created -- Logical DOS drives are not supported on %s disks",
+            layout.kindName());
+    return false;
+  }
   if (layout.scheme() == PartitionScheme::Mbr) {
     const PartitionNode* ext = dosExtendedPartition(layout);
     if (!ext) {
@@ -353,12 +365,12 @@ int runCreate(CreateOrder& order) {
   int sizeMb = 0;
   if (order.size) {
     const std::string& value = *order.size;
-    switch (parsePartitionSize(value, layout.drive().blockCount(), sizeMb)) {
+    switch (parsePartitionSize(value, layout.drive().bytesOf(layout.drive().blockCount()), sizeMb)) {
       case SizeStatus::Ok: break;
       case SizeStatus::Invalid: message(mkError, "Invalid partition size -- %s", value.c_str()); return 2;
       case SizeStatus::TooSmall: message(mkError, "Partition size to small -- %s", value.c_str()); return 2;
     }
-    request.sizeBlocks = static_cast<uint64_t>(sizeMb) * 2048;
+    request.sizeBlocks = layout.drive().blocksOf(static_cast<uint64_t>(sizeMb) << 20);  // 1 MB = 2^20 bytes
     // 100 per cent of an empty disk is all of it that a partition can use: the sectors ahead
     // of the first partition and past the last whole cylinder can never be part of one.
     int percent = 0;

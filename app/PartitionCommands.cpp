@@ -87,7 +87,7 @@ bool scanPositiveNumber(const std::string& text, int& number) {
   return true;
 }
 
-SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int& megabytes) {
+SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBytes, int& megabytes) {
   int number = 0;
   char c1 = 0, c2 = 0;
   int items = scanNumberChars(value, number, c1, c2);
@@ -99,7 +99,7 @@ SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int
     megabytes = number;
     return SizeStatus::Ok;
   }
-  double diskMb = static_cast<double>(diskBlocks) * 512.0 / 1048576.0;
+  double diskMb = static_cast<double>(diskBytes) / 1048576.0;
   double mb = diskMb * number / 100.0;
   if (mb < 1.0) return SizeStatus::TooSmall;
   megabytes = static_cast<int>(mb);

@@ -40,8 +40,8 @@ int scanNumberChars(const std::string& text, int& number, char& c1, char& c2, bo
 bool scanPositiveNumber(const std::string& text, int& number);
 
 enum class SizeStatus { Ok, Invalid, TooSmall };
-// /SZ: megabytes, or nP / np / n% of a disk of diskBlocks sectors (truncated to whole MB).
-SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int& megabytes);
+// /SZ: megabytes, or nP / np / n% of a disk of diskBytes bytes (truncated to whole MB).
+SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBytes, int& megabytes);
 
 // The FAT size limits of /-32 and /NTFAT16 for primaries and logical drives; sizeMb 0 means
 // no size was given. Returns the message to print, or null when the size is allowed.

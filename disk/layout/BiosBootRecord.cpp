@@ -196,33 +196,4 @@ uint32_t newDiskIdentifier() {
   return v;
 }
 
-void DiskFormatPropertiesBios::read(BlockDevice& disk) {
-  uint8_t buf[512];
-  disk.read(0, 1, buf);
-  BiosBootRecord mbr(true, 4, buf);
-  has9xId_ = mbr.hasSignature() && mbr.is9xIdAvailable();
-  id9x_ = has9xId_ ? mbr.getWindows9xId() : 0;
-  hasNtId_ = mbr.hasSignature();
-  idNt_ = hasNtId_ ? mbr.getWindowsNtId() : 0;
-  bootCode_ = mbr.hasSignature() ? mbr.getBootCode() : std::vector<uint8_t>{};
-  extra_.clear();
-  // Boot sectors between the master boot record and the first partition (at most the rest
-  // of the first track), up to the last non-zero one.
-  uint64_t limit = 63;
-  if (mbr.hasSignature())
-    for (unsigned s = 0; s < 4; ++s)
-      if (mbr.getType(s) != 0 && mbr.getStartBlock(s) > 0) limit = std::min<uint64_t>(limit, mbr.getStartBlock(s));
-  limit = std::min(limit, disk.blockCount());
-  std::vector<std::array<uint8_t, 512>> sectors;
-  size_t lastUsed = 0;
-  for (uint64_t b = 1; b < limit; ++b) {
-    std::array<uint8_t, 512> s;
-    disk.read(b, 1, s.data());
-    sectors.push_back(s);
-    if (std::any_of(s.begin(), s.end(), [](uint8_t x) { return x != 0; })) lastUsed = sectors.size();
-  }
-  sectors.resize(lastUsed);
-  extra_ = std::move(sectors);
-}
-
 }  // namespace Corvo::Disk

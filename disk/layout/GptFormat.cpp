@@ -137,29 +137,19 @@ void GptTableCopy::setRecord(uint32_t index, const GptRecord& record) {
   record.copyTo(p);
 }
 
-uint32_t gptBlockUnit(const BlockDevice& disk) {
-  if (const auto* drive = dynamic_cast<const DiskDrive*>(&disk)) {
-    uint32_t bytes = drive->geometry().bytesPerSector;
-    if (bytes > kSectorSize && bytes % kSectorSize == 0 && bytes <= 65536) return bytes / kSectorSize;
-  }
-  return 1;
-}
-
-uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t unit) {
-  uint64_t blockBytes = uint64_t{unit} * kSectorSize;
+uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t blockBytes) {
   return (uint64_t{entryCount} * entrySize + blockBytes - 1) / blockBytes;
 }
 
 std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   using Core::format;
-  const uint32_t unit = gptBlockUnit(disk);
-  const uint64_t blockBytes = uint64_t{unit} * kSectorSize;
-  const uint64_t blocks = disk.blockCount() / unit;
+  const uint32_t blockBytes = disk.bytesPerBlock();
+  const uint64_t blocks = disk.blockCount();
   if (at >= blocks) return format("would lie at block %llu, beyond the end of the disk", (unsigned long long)at);
 
   std::vector<uint8_t> sector(blockBytes);
   try {
-    disk.read(at * unit, unit, sector.data());
+    disk.read(at, 1, sector.data());
   } catch (const Core::Error& e) {
     return "cannot be read -- " + e.text();
   }
@@ -177,7 +167,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   if (count == 0 || uint64_t{count} * esize > kMaxEntryArrayBytes)
     return format("has an invalid entry count of %u", count);
 
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(count, esize, unit);
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(count, esize, blockBytes);
   const uint64_t last = blocks - 1;
   const uint64_t first = h.firstUsableBlock(), lastUsable = h.lastUsableBlock();
   const uint64_t entries = h.entriesBlock();
@@ -206,7 +196,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
 
   std::vector<uint8_t> array(arrayBlocks * blockBytes);
   try {
-    disk.read(entries * unit, arrayBlocks * unit, array.data());
+    disk.read(entries, arrayBlocks, array.data());
   } catch (const Core::Error& e) {
     return "has an entry array that cannot be read -- " + e.text();
   }
@@ -215,25 +205,6 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   out.header = h;
   out.entries = std::move(array);
   return {};
-}
-
-// ---- DiskFormatPropertiesGpt
-
-void DiskFormatPropertiesGpt::setGptSlotCount(uint32_t count) {
-  slotCount_ = count;
-  slotCountAvailable_ = true;
-}
-void DiskFormatPropertiesGpt::setGptUuid(const GuidBytes& guid) {
-  uuid_ = guid;
-  uuidAvailable_ = true;
-}
-void DiskFormatPropertiesGpt::read(BlockDevice& disk) {
-  slotCountAvailable_ = uuidAvailable_ = false;
-  const uint64_t blocks = disk.blockCount() / gptBlockUnit(disk);
-  GptTableCopy copy;
-  if (blocks < 3 || (!readGptCopy(disk, 1, copy).empty() && !readGptCopy(disk, blocks - 1, copy).empty())) return;
-  setGptSlotCount(copy.header.entryCount());
-  setGptUuid(copy.header.diskGuid());
 }
 
 }  // namespace Corvo::Disk

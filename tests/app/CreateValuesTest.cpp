@@ -7,7 +7,7 @@
 using namespace Kdisk;
 
 TEST(CreateValues, PartitionSize) {
-  const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
+  const uint64_t disk1000MB = (1000ull << 20) + (1ull << 19);  // 1000.5 MB
   const struct {
     const char* text;
     SizeStatus status;
@@ -23,8 +23,8 @@ TEST(CreateValues, PartitionSize) {
     EXPECT_EQ(mb, c.mb) << c.text;
   }
   int mb = 0;  // 1 per cent of 99 MB is below one MB, 2 per cent is one
-  EXPECT_EQ(parsePartitionSize("1P", 99 * 2048, mb), SizeStatus::TooSmall);
-  EXPECT_TRUE(parsePartitionSize("2P", 99 * 2048, mb) == SizeStatus::Ok && mb == 1);
+  EXPECT_EQ(parsePartitionSize("1P", 99ull << 20, mb), SizeStatus::TooSmall);
+  EXPECT_TRUE(parsePartitionSize("2P", 99ull << 20, mb) == SizeStatus::Ok && mb == 1);
   for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, mb)) << bad;
   EXPECT_TRUE(scanPositiveNumber(" 3", mb) && mb == 3);
 }
