@@ -216,6 +216,7 @@ struct CreateOrder {
   std::optional<std::string> typeText;  // the /TYPE value
   Corvo::Disk::PartitionTypeChoice type;
   bool no32 = false, ntFat16 = false, noCE = false;
+  bool alignGiven = false;  // /ALIGN was given
 };
 
 // Reads and checks the switches; returns 0, or the exit code of a refusal it has reported.
@@ -274,6 +275,7 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
       request.versionCode = code;
     }
   }
+  order.alignGiven = set.isPresent(swALIGN);
   if (set.isPresent(swALIGN, &value)) {
     std::string upper = value;
     for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -350,6 +352,9 @@ int runCreate(CreateOrder& order) {
   if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
   PartitionedDisk& layout = *disk->layout;
 
+  // Cylinders mean nothing on disks whose sectors are not 512 bytes: they align to 1 MiB.
+  if (!order.alignGiven && layout.drive().bytesPerBlock() != Corvo::Disk::kSectorSize)
+    request.alignment = CreationRequest::kMegabyteAlignment;
   if (order.typeText) {
     const bool mbr = layout.scheme() == PartitionScheme::Mbr;
     if (mbr ? !order.type.mbrType : !order.type.gptType) {

@@ -349,7 +349,7 @@ void MbrDisk::requireIntact(const Chain& chain) const {
 
 void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
   Core::TraceScope scope("writeBootRecord");
-  drive().write(block, 1, record.data());
+  drive().writeRecord(block, record.data(), BiosBootRecord::kSize);
 }
 
 // Zeroes a boot record that left the chain, unless its sector belongs to a partition that
@@ -494,7 +494,8 @@ uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint
   if (request.mbrType != kTypeUnused) return request.mbrType;
   if (request.formatKind == FormatKind::Ntfs) return kTypeNtfs;
   if (request.formatKind == FormatKind::Ext2) return kTypeLinux;
-  const uint64_t n = count;
+  // The size limits of the FAT types count 512-byte units.
+  const uint64_t n = count * (drive().bytesPerBlock() / kSectorSize);
   const bool fat32Allowed = fat32Support && !ntFat16;
   if (lbaAllowed && beyondChs(first + count - 1)) {
     if (n < 32774)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# A disk made by Kdisk alone starts a UEFI machine: /GPT /WIPE, then an EFI system partition
+# A disk made by Kdisk alone starts a UEFI machine, with 512-byte sectors and with 4096-byte ones
+# (an NVMe namespace formatted so): /GPT /WIPE, then an EFI system partition
 # (/CRE /PRI /SZ:300 /TYPE:EFI /FOR /Q) with a loader copied to \EFI\BOOT\BOOTX64.EFI. The
 # firmware (OVMF) must find the partition, read its FAT and start the loader, which writes a
 # line to the serial port and powers the machine off.
@@ -64,5 +65,6 @@ while IFS='|' read -r bytes startup device; do
   grep -q "KDISK-UEFI-OK" <<<"$SERIAL" || fail "$bytes: the loader did not run; serial port: ${SERIAL: -800}"
 done <<'T'
 512||-device virtio-blk-pci,drive=disk
+4096|/SECTORSIZE=4096|-device nvme,drive=disk,serial=kdisk,logical_block_size=4096,physical_block_size=4096
 T
 finish
