@@ -12,6 +12,8 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "disk/layout/GptGuid.h"
+#include "disk/layout/PartitionTypes.h"
 #include "filesystem/Formatter.h"
 
 namespace Kdisk {
@@ -36,6 +38,20 @@ bool primarySlotsFull(const PartitionedDisk& disk) {
   return disk.scheme() == PartitionScheme::Mbr && disk.primarySlotsInUse() >= kPrimarySlots;
 }
 
+// A disk whose medium writes larger sectors than it addresses (512e) reads and rewrites a whole
+// physical sector for every write that covers only part of one: cylinder alignment can start a
+// partition in the middle of one, 1 MB alignment never does.
+void warnOffPhysicalSector(const PartitionedDisk& disk, const CreationRequest& request, const PartitionNode& node) {
+  const Corvo::Disk::Geometry& g = disk.drive().geometry();
+  const uint32_t physical = g.physicalSectorSize();
+  if (request.alignment != CreationRequest::kCylinderAlignment || physical <= disk.drive().bytesPerBlock()) return;
+  if (node.firstBlock * disk.drive().bytesPerBlock() % physical == 0) return;
+  message(mkWarning,
+          "The new partition does not start on a physical sector of the disk (%u bytes), which slows every write to "
+          "it; /ALIGN:1MB aligns it",
+          physical);
+}
+
 // Calls one of the disk layer's create operations and reports why it placed nothing.
 PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, PartitionNode* (PartitionedDisk::*create)(CreationRequest&),
                               const char* failedText, const char* fullText, const char* maxText) {
@@ -51,9 +67,12 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
       message(mkError, "%s", fullText);
     else
       message(mkError, maxText, toMegabytes(disk, request.largestAvailable));
+    const std::string beyond = beyondReachText(disk);
+    if (!beyond.empty()) message(mkError, "%s", beyond.c_str());
     return nullptr;
   }
   if (!disk.lastWarning().empty()) message(mkWarning, "%s", disk.lastWarning().c_str());
+  warnOffPhysicalSector(disk, request, *node);
   return node;
 }
 
@@ -76,7 +95,8 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
     options.firstSector = part.firstBlock;
     options.versionCode = request.versionCode;
-    options.partitionType = part.type;
+    // A type the user chose says nothing about the FAT variant: the size decides.
+    options.partitionType = request.mbrType ? Corvo::Disk::kTypeUnused : part.type;
     options.fat32Support = disk.layout->fat32Support;
     options.ntFat16 = disk.layout->ntFat16;
     print("%s", formatSummaryText(formatter->format(device, options)).c_str());
@@ -194,7 +214,10 @@ struct CreateOrder {
   CreationRequest request;
   uint32_t diskIndex = 0;
   std::optional<std::string> size;  // the /SZ value
+  std::optional<std::string> typeText;  // the /TYPE value
+  Corvo::Disk::PartitionTypeChoice type;
   bool no32 = false, ntFat16 = false, noCE = false;
+  bool alignGiven = false;  // /ALIGN was given
 };
 
 // Reads and checks the switches; returns 0, or the exit code of a refusal it has reported.
@@ -253,6 +276,7 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
       request.versionCode = code;
     }
   }
+  order.alignGiven = set.isPresent(swALIGN);
   if (set.isPresent(swALIGN, &value)) {
     std::string upper = value;
     for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -307,6 +331,20 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
     request.letter = static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
   }
 
+  if (set.isPresent(swTYPE, &value)) {
+    if (ext) {
+      message(mkError, "Conflicting switches. /TYPE may not be used with /EXT");
+      return 2;
+    }
+    auto type = Corvo::Disk::parsePartitionTypeChoice(value);
+    if (!type) {
+      message(mkError, "Invalid partition type -- %s", value.c_str());
+      return 2;
+    }
+    order.typeText = value;
+    order.type = *type;
+  }
+
   order.kind = pri ? CreateOrder::Kind::Primary : ext ? CreateOrder::Kind::Extended : CreateOrder::Kind::Logical;
   order.diskIndex = parseDiskNumber(set);
   if (order.diskIndex == kNoDisk) return 2;
@@ -325,6 +363,21 @@ int runCreate(CreateOrder& order) {
   FixedDisk* disk = findDisk(order.diskIndex);
   if (!disk) return 1;  // findDisk has said why; it returns only disks that were read
   PartitionedDisk& layout = *disk->layout;
+
+  // Cylinders mean nothing on disks whose sectors are not 512 bytes: they align to 1 MiB.
+  if (!order.alignGiven && layout.drive().bytesPerBlock() != Corvo::Disk::kSectorSize)
+    request.alignment = CreationRequest::kMegabyteAlignment;
+  if (order.typeText) {
+    const bool mbr = layout.scheme() == PartitionScheme::Mbr;
+    if (mbr ? !order.type.mbrType : !order.type.gptType) {
+      message(mkError, "Partition type %s cannot be used on %s disk", order.typeText->c_str(), mbr ? "an MBR" : "a GPT");
+      return 2;
+    }
+    if (mbr)
+      request.mbrType = *order.type.mbrType;
+    else
+      request.gptType = *order.type.gptType;
+  }
 
   int sizeMb = 0;
   if (order.size) {
@@ -365,7 +418,7 @@ int runCreate(CreateOrder& order) {
 
 int commandCreate(SwitchSet& set) {
   if (!set.validate({&swCRE, &swPRI, &swEXT, &swLOG, &swSZ, &swEND, &swFOR, &swQ, &swNTFS, &swEXT2, &swEXFAT, &swALIGN, &swV,
-                     &swLETTER, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
+                     &swLETTER, &swTYPE, &swNo32, &swNTFAT16, &swNoCE, &swR, &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG})) {
     message(mkError, "%s", set.errorText().c_str());
     return 2;
   }

@@ -8,6 +8,7 @@
 
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
+#include "app/PartitionCommands.h"
 #include "app/CmdStatus.h"
 #include "app/StatusJson.h"
 #include "core/Message.h"
@@ -229,6 +230,8 @@ void printRawTables(FixedDisk& d, bool lba) {
 
 void printProblems(const FixedDisk& d) {
   for (const std::string& p : d.layout->facts().problems) message(mkWarning, "Fixed disk %u -- %s", d.index + 1, p.c_str());
+  const std::string beyond = beyondReachText(*d.layout);
+  if (!beyond.empty()) message(mkWarning, "Fixed disk %u -- %s", d.index + 1, beyond.c_str());
 }
 
 void printDisk(FixedDisk& d, const PartitionMark* mark, const Options& opt) {

@@ -67,8 +67,10 @@ int processEntry(const std::vector<std::string>& args) {
   } catch (const Error& e) {
     Config::setInt("PhantomErrorId", e.numericId());
     if (Config::getInt("PhantomErrorId", 0) != 0) message(mkError, "%s\n", e.text().c_str());
+    // A value outside a start-up switch's choices is a bad command line.
+    const bool badValue = e.id() == Corvo::Core::ErrorId::BadStartupSwitch && !e.property("choices").empty();
     shutDownLibrary();
-    return finish(1);
+    return finish(badValue ? 2 : 1);
   } catch (const std::exception& e) {
     message(mkError, "Cannot start the disk library -- %s", e.what());
     shutDownLibrary();

@@ -102,7 +102,7 @@ void printHelp(const std::string& program, CommandCode code) {
       print("%s disk /CRE {/PRI|/EXT|/LOG} [/SZ:{mbytes|pcent{P|%%}}] [/END]\n", p);
       print("%*s [/FOR [/Q] [/NTFS[:VISTA|XP|2000|NT4|NT351]] [/EXT2] [/EXFAT] [/ALIGN[:CHS|1MB]] [/V[:label]]] [/-32] [/NTFAT16]\n",
             w, "");
-      print("%*s [/LETTER:c] [/X] [/I] [/U] [/S]\n", w, "");
+      print("%*s [/TYPE:type] [/LETTER:c] [/X] [/I] [/U] [/S]\n", w, "");
       printList({kDisk,
                  {"/PRI", "Create a primary DOS partition."},
                  {"/EXT", "Create an extended DOS partition."},
@@ -120,6 +120,9 @@ void printHelp(const std::string& program, CommandCode code) {
                  {"/ALIGN[:CHS or 1MB]", "Alignment: CHS is the traditional cylinder/head/sector alignment,\n"
                                          "1MB the 1 MB alignment of Windows Vista."},
                  {"/LETTER:c", "Drive letter to assign to the new partition."},
+                 {"/TYPE:type", "Partition type, replacing the one the format would pick: an MBR type\n"
+                                "byte in hex (/TYPE:82), a GPT type GUID, or EFI, LINUX, SWAP, LVM, RAID,\n"
+                                "and on GPT disks only MSR, BIOSBOOT, RECOVERY."},
                  {"/-32", "Do not use FAT32: new primary partitions and logical drives are\n"
                           "limited to 2048 MB."},
                  {"/NTFAT16", "Do not use FAT32: new primary partitions and logical drives are\n"

@@ -129,6 +129,17 @@ const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool n
   return nullptr;
 }
 
+std::string beyondReachText(const Corvo::Disk::PartitionedDisk& disk) {
+  const uint64_t beyond = disk.blocksBeyondReach();
+  if (!beyond) return {};
+  const double bytesPerBlock = disk.drive().bytesPerBlock();
+  const auto mb = [&](uint64_t blocks) { return static_cast<double>(blocks) * bytesPerBlock / 1048576.0; };
+  return Corvo::Core::format(
+      "%.1fMB at the end of the disk lie beyond the reach of its MBR partition table (%.1fMB); /GPT /WIPE reaches "
+      "all of it",
+      mb(beyond), mb(disk.drive().blockCount() - beyond));
+}
+
 std::string formatSummaryText(const Corvo::Filesystem::FormatSummary& summary) {
   std::string text = "Format complete.\n\n";
   size_t width = 0;

@@ -35,6 +35,10 @@ Corvo::Disk::PartitionNode* dosExtendedPartition(const Corvo::Disk::PartitionedD
 std::string reportUnwrittenSectors(const std::vector<Corvo::Disk::WipeExtent>& failed, unsigned partitionNumber,
                                    unsigned diskNumber);
 
+// What lies past the reach of an MBR disk's table ("... /GPT /WIPE reaches all of it"); empty
+// when the table reaches the whole disk.
+std::string beyondReachText(const Corvo::Disk::PartitionedDisk& disk);
+
 // ---- Value scanning.
 
 // Reads "number, then at most two characters" the way "%d%c%c" does; returns the number of

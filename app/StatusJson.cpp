@@ -189,6 +189,8 @@ void writeDisk(JsonWriter& w, const FixedDisk& d, bool raw) {
     w.endObject();
     w.key("sectorSize");
     w.number(g.bytesPerSector);
+    w.key("physicalSectorSize");
+    w.number(g.physicalSectorSize());
     w.key("totalSectors");
     w.number(d.drive->blockCount());
   }
@@ -207,6 +209,8 @@ void writeDisk(JsonWriter& w, const FixedDisk& d, bool raw) {
   w.key("guid");
   const auto guid = layout.diskGuid();
   w.textOrNull(guid ? Corvo::Disk::guidToText(*guid) : "");
+  w.key("sectorsBeyondReach");  // past the reach of an MBR table
+  w.number(layout.blocksBeyondReach());
   w.key("partitions");
   w.beginArray();
   const auto list = layout.displayList();

@@ -20,7 +20,8 @@ const Switch swR{OPT "R"}, swX{OPT "X"}, swI{OPT "I"}, swU{OPT "U"}, swS{OPT "S"
     swDIAG{OPT "DIAG:"};
 const Switch swSZ{OPT "SZ:"}, swPRI{OPT "PRI"}, swEXT{OPT "EXT"}, swLOG{OPT "LOG"}, swNo32{OPT "-32"},
     swNTFAT16{OPT "NTFAT16"}, swFOR{OPT "FOR"}, swQ{OPT "Q"}, swNTFS{OPT "NTFS>"}, swEXT2{OPT "EXT2"}, swEXFAT{OPT "EXFAT"},
-    swALIGN{OPT "ALIGN:"}, swV{OPT "V>"}, swNoCE{OPT "-CE"}, swEND{OPT "END"}, swLETTER{OPT "LETTER:"};
+    swALIGN{OPT "ALIGN:"}, swV{OPT "V>"}, swNoCE{OPT "-CE"}, swEND{OPT "END"}, swLETTER{OPT "LETTER:"},
+    swTYPE{OPT "TYPE:"};
 const Switch swDelPRI{OPT "PRI>"}, swDelEXT{OPT "EXT>"}, swDelLOG{OPT "LOG:"}, swDelP{OPT "P:"}, swALL{OPT "ALL"},
     swQWIPE{OPT "QWIPE"}, swDODWIPE{OPT "DODWIPE"}, swCUSTOMWIPE{OPT "CUSTOMWIPE:"};
 const Switch swActP{REQ "P:"}, swBootiniP{OPT "P:"};
@@ -41,7 +42,7 @@ const std::vector<const Switch*>& allSwitches() {
       &swHelpQ, &swH, &swHELP, &swVERSION, &swVER, &swCRE, &swDEL, &swSTATUS, &swACT, &swDeACT, &swHIDE,
       &swUnHIDE, &swMBR, &swGPT, &swREVERT, &swDISKWIPE, &swBOOTINI, &swATASECURITY, &swBATCH, &swVIEW, &swR,
       &swX, &swI, &swU, &swS, &swY, &swSURE, &swDIAG, &swSZ, &swPRI, &swEXT, &swLOG, &swNo32, &swNTFAT16,
-      &swFOR, &swQ, &swNTFS, &swEXT2, &swEXFAT, &swALIGN, &swV, &swNoCE, &swEND, &swLETTER, &swDelPRI, &swDelEXT,
+      &swFOR, &swQ, &swNTFS, &swEXT2, &swEXFAT, &swALIGN, &swV, &swNoCE, &swEND, &swLETTER, &swTYPE, &swDelPRI, &swDelEXT,
       &swDelLOG, &swDelP, &swActP, &swBootiniP, &swALL, &swQWIPE, &swDODWIPE, &swCUSTOMWIPE, &swLBA, &swRAW,
       &swSER, &swWIPE, &swZ, &swMbrP, &swREPLACE, &swDOD, &swCUSTOM, &swHPA, &swNoHPA, &swDISK,
       &swKEEPCORVOBOOT, &swADD, &swREMOVE, &swDEFAULT, &swENTRY, &swD, &swDESC, &swINIFILE, &swBSECTFILE,

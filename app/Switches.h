@@ -19,7 +19,7 @@ extern const Switch swCRE, swDEL, swSTATUS, swACT, swDeACT, swHIDE, swUnHIDE, sw
 extern const Switch swR, swX, swI, swU, swS, swY, swSURE, swDIAG;
 // Creation.
 extern const Switch swSZ, swPRI, swEXT, swLOG, swNo32, swNTFAT16, swFOR, swQ, swNTFS, swEXT2, swEXFAT, swALIGN, swV,
-    swNoCE, swEND, swLETTER;
+    swNoCE, swEND, swLETTER, swTYPE;
 // Deletion.
 extern const Switch swDelPRI, swDelEXT, swDelLOG, swDelP, swALL, swQWIPE, swDODWIPE, swCUSTOMWIPE;
 // Activation and hiding; boot.ini.

@@ -38,12 +38,12 @@ bool parseInt(const std::string& text, int64_t& out) {
   return true;
 }
 
-enum class Kind { Flag, Number, Text, List };
+enum class Kind { Flag, Number, Text, List, Choice };
 struct StartupSwitch {
   const char* name;
   const char* key;
   Kind kind;
-  const char* flagValue;  // value stored for a Flag
+  const char* flagValue;  // value stored for a Flag; the values allowed for a Choice ("512|4096")
 };
 
 const StartupSwitch kSwitches[] = {
@@ -62,6 +62,8 @@ const StartupSwitch kSwitches[] = {
     {"NOBOOTCODE", "BootCode.HarvestBootCode", Kind::Flag, "0"},
     {"NOOSLAYOUT", "Disk::noOsLayout", Kind::Flag, "1"},
     {"BOOTDISK", "DiskManager::bootDisk", Kind::Number, nullptr},
+    {"SECTORSIZE", kImageSectorSizeKey, Kind::Choice, "512|4096"},
+    {"PHYSICALSECTORSIZE", kImagePhysicalSectorSizeKey, Kind::Choice, "512|4096"},
     {"CACHEFLUSHSIZE", "StandardCache::CacheFlushSize", Kind::Number, nullptr},
     {"SPBLENGTH", "SequentialAccessDevice::preferredBlockLength", Kind::Number, nullptr},
     {"BUFFERSIZE", "LfoImageFileDeviceFactory::bufferSize", Kind::Number, nullptr},
@@ -172,6 +174,22 @@ std::vector<std::string> takeStartupSwitches(const std::vector<std::string>& arg
               .with("switch", upper)
               .with("value", value);
         setInt(sw->key, v);
+        break;
+      }
+      case Kind::Choice: {
+        std::string choices = std::string("|") + sw->flagValue + "|";
+        if (!hasValue || value.empty() || value.find('|') != std::string::npos ||
+            choices.find("|" + value + "|") == std::string::npos) {
+          std::string allowed = sw->flagValue;
+          for (char& c : allowed)
+            if (c == '|') c = ',';
+          throw Error(ErrorId::BadStartupSwitch, "Start-up switch /" + upper + " takes one of " + allowed + " (/" +
+                                                     upper + "=n), not \"" + value + "\"")
+              .with("switch", upper)
+              .with("value", value)
+              .with("choices", sw->flagValue);
+        }
+        set(sw->key, value);
         break;
       }
       case Kind::Text:

@@ -24,10 +24,16 @@ std::vector<std::string> getList(const std::string& key);
 // Key holding the paths given with /ADDDISK= (alias /AD=), in the order given.
 inline constexpr const char* kAddDiskKey = "DiskManager::addDisk";
 
+// Logical and physical sector size of the raw image files (/SECTORSIZE=, /PHYSICALSECTORSIZE=):
+// 512 or 4096; the physical size defaults to the logical one.
+inline constexpr const char* kImageSectorSizeKey = "ImageFile::sectorSize";
+inline constexpr const char* kImagePhysicalSectorSizeKey = "ImageFile::physicalSectorSize";
+
 // Removes the library's start-up switches from args (args[0] is the program name and stays)
 // and sets their configuration keys. Accepts /NAME and /NAME=value, any case. Throws
 // Core::Error (BadStartupSwitch) naming the switch when a value is missing, unexpected or
-// not a number where a number is needed.
+// not a number where a number is needed; for a value outside a switch's list of choices the
+// error carries the property "choices" (a bad command line rather than a failed start-up).
 std::vector<std::string> takeStartupSwitches(const std::vector<std::string>& args);
 
 }  // namespace Corvo::Core::Config

@@ -1,6 +1,7 @@
 #include "disk/BlockDevice.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "core/Interrupt.h"
@@ -28,6 +29,16 @@ std::vector<uint8_t> BlockDevice::readSector(uint64_t at) {
   std::vector<uint8_t> sector(bytesPerBlock());
   read(at, 1, sector.data());
   return sector;
+}
+
+void BlockDevice::writeRecord(uint64_t at, const void* record, size_t size) {
+  if (size >= bytesPerBlock()) {
+    write(at, 1, record);
+    return;
+  }
+  std::vector<uint8_t> sector = readSector(at);
+  std::memcpy(sector.data(), record, size);
+  write(at, 1, sector.data());
 }
 
 void BlockDevice::write(uint64_t first, uint64_t count, const void* buffer) {
@@ -109,9 +120,9 @@ void RangeBlockDevice::doWriteMedium(uint64_t first, uint64_t count, const void*
 }
 
 void requireSectorSize(uint32_t bytesPerSector) {
-  if (bytesPerSector != kSectorSize)
+  if (bytesPerSector < kSectorSize || bytesPerSector > kLargestSectorSize || (bytesPerSector & (bytesPerSector - 1)))
     throw Core::Error(Core::ErrorId::UnsupportedSectorSize,
-                      "Writing to disks whose sectors are not 512 bytes is not supported")
+                      "Writing to disks whose sectors are not 512 to 4096 bytes is not supported")
         .with("bytesPerSector", std::to_string(bytesPerSector));
 }
 

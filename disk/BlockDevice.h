@@ -11,9 +11,10 @@
 
 namespace Corvo::Disk {
 
-// The default logical sector size, the one of the MBR's own record, and the only size that
-// writes are allowed on for now (see requireSectorSize).
+// The default logical sector size and the one of the MBR's own record. Writes are allowed on
+// sectors of 512 to 4096 bytes (see requireSectorSize).
 inline constexpr uint32_t kSectorSize = 512;
+inline constexpr uint32_t kLargestSectorSize = 4096;
 // Preferred transfer length: at least 1 MiB.
 inline constexpr uint32_t kDefaultTransferBytes = 1u << 20;
 
@@ -36,6 +37,9 @@ class BlockDevice {
   void read(uint64_t first, uint64_t count, void* buffer);
   // One sector in a buffer of bytesPerBlock() bytes (a 512-byte record is its first bytes).
   std::vector<uint8_t> readSector(uint64_t at);
+  // Writes a record of `size` bytes (a 512-byte boot record) as the start of sector `at`; on
+  // larger sectors the rest of the sector keeps what it held.
+  void writeRecord(uint64_t at, const void* record, size_t size);
   void write(uint64_t first, uint64_t count, const void* buffer);
   // Checks that the sectors can be read back; writes nothing. Throws VerifyFailed.
   void verify(uint64_t first, uint64_t count);
@@ -100,8 +104,8 @@ class RangeBlockDevice : public BlockDevice {
 };
 
 // The one place that refuses writes by sector size: throws UnsupportedSectorSize unless
-// sectors of bytesPerSector bytes are 512 bytes. Devices call it from requireWritable() and
-// before every write.
+// sectors are a power of two from 512 to 4096 bytes, the sizes every writer here lays out.
+// Devices call it from requireWritable() and before every write.
 void requireSectorSize(uint32_t bytesPerSector);
 
 // Ctrl-C between the chunks of a long operation (a wipe, a format): when the user asked to

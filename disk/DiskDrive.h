@@ -27,7 +27,10 @@ class DiskDrive : public BlockDevice {
   uint32_t bytesPerBlock() const override { return unitsPerBlock_ * kAccessUnit; }
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
-  bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
+  bool isWritable() const {
+    const uint32_t b = geometry_.bytesPerSector;
+    return b >= kSectorSize && b <= kLargestSectorSize && !(b & (b - 1));
+  }
   // Throws UnsupportedSectorSize when the disk's sectors are not 512 bytes.
   void requireSectorSize() const { Disk::requireSectorSize(geometry_.bytesPerSector); }
   // Throws what a write would throw on a disk that cannot be written at all: a sector size

@@ -18,6 +18,10 @@ struct Geometry {
   uint32_t heads = 255;
   uint32_t sectorsPerTrack = 63;
   uint32_t bytesPerSector = 512;  // the disk's logical sector size
+  // The sector size the medium writes in (4096 on 512e disks); 0 when the backend cannot tell,
+  // which counts as the logical size.
+  uint32_t physicalBytesPerSector = 0;
+  uint32_t physicalSectorSize() const { return physicalBytesPerSector ? physicalBytesPerSector : bytesPerSector; }
 };
 
 // The partition layout as the operating system is told about it after a change.

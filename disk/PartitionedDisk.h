@@ -83,6 +83,10 @@ struct CreationRequest {
   std::string label;
   char letter = 0;
   int64_t alignment = kCylinderAlignment;  // or kMegabyteAlignment, or a unit in sectors
+  // The type the user chose, replacing the one the format would pick: an MBR type byte (0: none)
+  // or a GPT type GUID (zero: none), whichever the disk's scheme uses.
+  uint8_t mbrType = 0;
+  GuidBytes gptType{};
   uint64_t largestAvailable = 0;  // out: the largest size that would have fitted, in sectors
 };
 
@@ -123,6 +127,9 @@ class PartitionedDisk {
   virtual std::vector<RawBootRecord> rawTables() const = 0;
   // Reads the tables again; node pointers from before are invalid afterwards.
   virtual void reload() = 0;
+  // Sectors at the end of the disk that the table format cannot address (an MBR holds 32-bit
+  // sector numbers): no partition of this table can reach them.
+  virtual uint64_t blocksBeyondReach() const { return 0; }
 
   // Partitions in display order (numbers used by /P:): the MBR slots in slot order, the
   // extended partition followed at once by its logical drives in chain order; no auxiliary

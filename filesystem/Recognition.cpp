@@ -38,13 +38,12 @@ class Content {
 bool isNtfs(const Content& c) {
   namespace Boot = Ntfs::Boot;
   if (!c.equals(Boot::kOemOffset, "NTFS    ", 8)) return false;
-  const unsigned s = c.byte(Boot::SectorsPerCluster.offset), r = c.byte(Boot::ClustersPerRecord.offset),
-                 x = c.byte(Boot::ClustersPerIndexBlock.offset);
-  // File records of 1 KB (2 sectors) and index buffers of 4 KB (8 sectors), given either as
-  // clusters or, when a cluster is larger, as a negative power of two of bytes.
-  bool fileRecord = s < 3 ? r * s == 2 : r == 0xF6;
-  if (!fileRecord) return false;
-  return s < 9 ? x * s == 8 : x == 0xF4;
+  const uint64_t cluster = uint64_t{c.byte(Boot::SectorsPerCluster.offset)} *
+                           (c.byte(Boot::BytesPerSector.offset) | c.byte(Boot::BytesPerSector.offset + 1) << 8);
+  // File records of 1 KB and index buffers of 4 KB, given either as clusters or, when a
+  // cluster is larger, as a negative power of two of bytes.
+  const auto bytes = [&](unsigned v) -> uint64_t { return v < 0x80 ? v * cluster : v >= 0xE0 ? uint64_t{1} << (256 - v) : 0; };
+  return bytes(c.byte(Boot::ClustersPerRecord.offset)) == 1024 && bytes(c.byte(Boot::ClustersPerIndexBlock.offset)) == 4096;
 }
 
 unsigned bootSectorTests(const Content& c) {
@@ -140,7 +139,7 @@ namespace {
 // Reads sectors of the device; false when the range lies outside it or the read fails.
 bool readSectors(Disk::BlockDevice& device, uint64_t first, uint64_t count, std::vector<uint8_t>& buf) {
   if (count == 0 || first >= device.blockCount() || count > device.blockCount() - first) return false;
-  buf.assign(count * FatBootSectorView::kSize, 0);
+  buf.assign(count * device.bytesPerBlock(), 0);
   try {
     device.read(first, count, buf.data());
     return true;
@@ -162,11 +161,12 @@ std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32) {
   if (!readSectors(device, 0, 1, boot)) return {};
   const FatBootSectorView bs(boot.data());
   const uint32_t clusterSectors = bs.sectorsPerCluster();
-  if (bs.bytesPerSector() == FatBootSectorView::kSize && clusterSectors != 0) {
+  const uint32_t sector = device.bytesPerBlock();
+  if (bs.bytesPerSector() == sector && clusterSectors != 0) {
     const uint32_t fatSectors = fat32 ? bs.sectorsPerFat32() : bs.sectorsPerFat16();
     const uint64_t dataStart = bs.reservedSectors() + uint64_t{bs.fatCount()} * fatSectors;
     uint64_t rootSector = dataStart;
-    uint64_t rootSectors = (uint64_t{bs.rootEntries()} * FatDirEntry::kSize + 511) / 512;
+    uint64_t rootSectors = (uint64_t{bs.rootEntries()} * FatDirEntry::kSize + sector - 1) / sector;
     if (fat32) {
       const uint32_t rootCluster = bs.rootCluster();
       rootSector = rootCluster >= 2 ? dataStart + uint64_t{rootCluster - 2} * clusterSectors : 0;

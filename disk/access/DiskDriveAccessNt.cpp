@@ -248,6 +248,7 @@ class DiskDriveAccessNt : public DiskDriveAccess {
           .with("path", path_);
     }
     loadGeometry();
+    loadPhysicalSectorSize();
     loadIdentity();
   }
 
@@ -263,6 +264,16 @@ class DiskDriveAccessNt : public DiskDriveAccess {
     if (ioctl(h_, IOCTL_DISK_GET_DRIVE_GEOMETRY, nullptr, &b) == 0)
       if (auto g = NtBuffers::parseGeometry(b.data(), b.size()))
         geometryValid_ = NtBuffers::toGeometry(*g, geometry_, blocks_);
+  }
+
+  // Disks that write larger sectors than they address (512e) say so in their alignment
+  // descriptor; older systems and drivers answer nothing, and the logical size stands.
+  void loadPhysicalSectorSize() {
+    auto query = NtBuffers::buildAlignmentPropertyQuery();
+    std::vector<uint8_t> reply(64, 0);
+    DWORD got = 0;
+    if (ioctl(h_, IOCTL_STORAGE_QUERY_PROPERTY, &query, &reply, &got) != 0) return;
+    geometry_.physicalBytesPerSector = NtBuffers::parsePhysicalSectorSize(reply.data(), got);
   }
 
   void loadIdentity() {

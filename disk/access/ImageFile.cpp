@@ -1,8 +1,10 @@
 // Disks added with /ADDDISK=: block device nodes go to the block-device backend (which can
 // tell the kernel a new layout), VMDK files to the VMDK backend, anything else is a raw image.
+#include <algorithm>
 #include <cctype>
 #include <string>
 
+#include "core/Config.h"
 #include "core/Error.h"
 #include "disk/DiskDriveAccess.h"
 #include "disk/access/FileIo.h"
@@ -25,9 +27,13 @@ class RawImageAccess : public DiskDriveAccess {
           .with("path", path);
   }
   std::string path() const override { return file_.path(); }
+  // Images have the sector sizes the start-up switches give them (512 bytes unless told).
   Geometry getGeometry() const override {
     Geometry g;
     g.cylinders = blocks_ / (255 * 63);
+    g.bytesPerSector = static_cast<uint32_t>(Core::Config::getInt(Core::Config::kImageSectorSizeKey, 512));
+    g.physicalBytesPerSector = std::max(
+        g.bytesPerSector, static_cast<uint32_t>(Core::Config::getInt(Core::Config::kImagePhysicalSectorSizeKey, 0)));
     return g;
   }
   uint64_t totalBlocks() const override { return blocks_; }

@@ -332,6 +332,8 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     blocks_ = bytes / 512;
     int ssz = 0;
     if (::ioctl(fd_, BLKSSZGET, &ssz) == 0 && ssz > 0) geometry_.bytesPerSector = static_cast<uint32_t>(ssz);
+    unsigned int pbsz = 0;
+    if (::ioctl(fd_, BLKPBSZGET, &pbsz) == 0 && pbsz > 0) geometry_.physicalBytesPerSector = pbsz;
     hd_geometry g{};
     if (::ioctl(fd_, HDIO_GETGEO, &g) == 0 && g.heads && g.sectors) {
       geometry_.heads = g.heads;

@@ -333,6 +333,19 @@ std::vector<uint8_t> buildDevicePropertyQuery() {
   return std::vector<uint8_t>(12, 0);
 }
 
+std::vector<uint8_t> buildAlignmentPropertyQuery() {
+  // PropertyId = StorageAccessAlignmentProperty (6), QueryType = PropertyStandardQuery (0).
+  std::vector<uint8_t> b(12, 0);
+  put32(b.data(), 6);
+  return b;
+}
+
+uint32_t parsePhysicalSectorSize(const uint8_t* p, size_t n) {
+  // Version, Size, BytesPerCacheLine, BytesOffsetForCacheAlignment, BytesPerLogicalSector,
+  // BytesPerPhysicalSector, ...
+  return n < 24 ? 0 : get32(p + 20);
+}
+
 std::optional<StorageDescriptor> parseStorageDescriptor(const uint8_t* p, size_t n) {
   if (n < 36) return std::nullopt;
   size_t size = std::min<size_t>(n, get32(p + 4));

@@ -110,6 +110,10 @@ struct StorageDescriptor {
   std::string vendor, product, revision, serial;
 };
 std::optional<StorageDescriptor> parseStorageDescriptor(const uint8_t* p, size_t n);
+// The same query for the access alignment descriptor, and the physical sector size in its reply
+// (0 when the reply is too short to hold it).
+std::vector<uint8_t> buildAlignmentPropertyQuery();
+uint32_t parsePhysicalSectorSize(const uint8_t* p, size_t n);
 
 // VERIFY_INFORMATION (16 bytes).
 std::vector<uint8_t> buildVerify(uint64_t startingOffset, uint32_t length);

@@ -453,10 +453,13 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
     for (const Gap& g : gaps) request.largestAvailable = std::max(request.largestAvailable, g.size());
     return nullptr;
   }
-  return addEntry(index, placed.start, placed.size(), request.formatKind == FormatKind::Ext2);
+  const GuidBytes& type = !isZeroGuid(request.gptType)                ? request.gptType
+                          : request.formatKind == FormatKind::Ext2 ? gptTypeLinuxData()
+                                                                   : gptTypeMicrosoftBasicData();
+  return addEntry(index, placed.start, placed.size(), type);
 }
 
-PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData) {
+PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint64_t size, const GuidBytes& type) {
   GuidBytes unique;
   auto clash = [&](const GuidBytes& g) {
     if (g == primary_.diskGuid()) return true;
@@ -468,12 +471,12 @@ PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint
   while (clash(unique));
 
   GptRecord rec;
-  rec.setTypeGuid(linuxData ? gptTypeLinuxData() : gptTypeMicrosoftBasicData());
+  rec.setTypeGuid(type);
   rec.setUniqueGuid(unique);
   rec.setFirstBlock(start);
   rec.setLastBlock(start + size - 1);
   rec.setAttributes(0);
-  rec.setName(asciiName(linuxData ? "Linux filesystem" : "Basic data partition"));
+  rec.setName(asciiName(gptEntryNameFor(type).c_str()));
 
   drive_.prepareForChange(start, size);
   const GptTableCopy before = table_;

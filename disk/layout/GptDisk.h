@@ -58,7 +58,7 @@ class PartitionedDiskGpt : public PartitionedDisk {
   int indexOf(const PartitionNode& node) const;
   // Writes a new entry into the free slot `index` for the sectors [start, start + size) (GPT
   // blocks), with a fresh unique GUID, and reports the new layout.
-  PartitionNode* addEntry(uint32_t index, uint64_t start, uint64_t size, bool linuxData);
+  PartitionNode* addEntry(uint32_t index, uint64_t start, uint64_t size, const GuidBytes& type);
   // Writes both copies of the table (backup first) and repairs the protective MBR.
   void writeTables();
   // Writes the changed table_; when that fails, table_ goes back to `before` and the tables

@@ -1,10 +1,12 @@
 #include "disk/layout/GptGuid.h"
 
+#include <cctype>
 #include <cstdio>
 #include <random>
 
 #include "core/Clock.h"
 #include "core/Error.h"
+#include "disk/layout/PartitionTypes.h"
 
 namespace Corvo::Disk {
 
@@ -99,9 +101,69 @@ const std::array<GuidBytes, 10>& gptReservedTypeGuids() {
   return guids;
 }
 
+namespace {
+
+// The types a user can name. mbrType 0: none on MBR disks.
+struct NamedType {
+  const char* name;
+  uint8_t mbrType;
+  const char* guid;
+  const char* display;    // the status display's name where the table above has none
+  const char* entryName;  // the name a new GPT entry gets
+};
+constexpr NamedType kNamedTypes[] = {
+    {"EFI", kTypeEfiSystem, "C12A7328-F81F-11D2-BA4B-00A0C93EC93B", nullptr, "EFI system partition"},
+    {"LINUX", kTypeLinux, "0FC63DAF-8483-4772-8E79-3D69D8477DE4", "Linux Data", "Linux filesystem"},
+    {"SWAP", 0x82, "0657FD6D-A4AB-43C4-84E5-0933C84B4F4F", nullptr, "Linux swap"},
+    {"LVM", 0x8E, "E6D6D379-F507-44C2-A23C-238F2A3DF928", nullptr, "Linux LVM"},
+    {"RAID", 0xFD, "A19D880F-05FC-4D3B-A006-743F0F84911E", nullptr, "Linux RAID"},
+    {"MSR", 0, "E3C9E316-0B5C-4DB8-817D-F92DF00215AE", nullptr, "Microsoft reserved partition"},
+    {"BIOSBOOT", 0, "21686148-6449-6E6F-744E-656564454649", "BIOS Boot", "BIOS boot partition"},
+    {"RECOVERY", 0, "DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "Windows Recovery", "Basic data partition"},
+};
+
+}  // namespace
+
+std::optional<PartitionTypeChoice> parsePartitionTypeChoice(const std::string& text) {
+  std::string upper;
+  for (char c : text) upper += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (const NamedType& t : kNamedTypes)
+    if (upper == t.name) {
+      PartitionTypeChoice choice;
+      if (t.mbrType) choice.mbrType = t.mbrType;
+      choice.gptType = guidFromText(t.guid);
+      return choice;
+    }
+  GuidBytes guid{};
+  if (parseGuid(text, guid)) {
+    if (isZeroGuid(guid)) return std::nullopt;
+    return PartitionTypeChoice{std::nullopt, guid};
+  }
+  std::string digits = upper.rfind("0X", 0) == 0 ? upper.substr(2) : upper;
+  if (digits.empty() || digits.size() > 2) return std::nullopt;
+  int value = 0;
+  for (char c : digits) {
+    const int v = hexValue(c);
+    if (v < 0) return std::nullopt;
+    value = value * 16 + v;
+  }
+  const auto type = static_cast<uint8_t>(value);
+  if (type == kTypeUnused || type == kTypeGptProtective || isExtendedClassType(visibleFormOfType(type)))
+    return std::nullopt;
+  return PartitionTypeChoice{type, std::nullopt};
+}
+
+std::string gptEntryNameFor(const GuidBytes& typeGuid) {
+  for (const NamedType& t : kNamedTypes)
+    if (guidFromText(t.guid) == typeGuid) return t.entryName;
+  return "Basic data partition";
+}
+
 std::string gptTypeName(const GuidBytes& typeGuid) {
   for (const auto& row : gptTypeTable())
     if (row.guid == typeGuid) return row.name;
+  for (const NamedType& t : kNamedTypes)
+    if (t.display && guidFromText(t.guid) == typeGuid) return t.display;
   std::string braced(1, '{');
   braced += guidToText(typeGuid);
   braced += '}';
@@ -110,7 +172,7 @@ std::string gptTypeName(const GuidBytes& typeGuid) {
 
 const GuidBytes& gptTypeMicrosoftBasicData() { return gptTypeTable()[4].guid; }
 const GuidBytes& gptTypeLinuxData() {
-  static const GuidBytes g = guidFromText("0FC63DAF-8483-4772-8E79-3D69D8477DE4");
+  static const GuidBytes g = guidFromText(kNamedTypes[1].guid);
   return g;
 }
 

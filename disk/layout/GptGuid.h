@@ -2,6 +2,8 @@
 // program knows by name.
 #pragma once
 #include <array>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "disk/PartitionedDisk.h"
@@ -27,8 +29,23 @@ struct GptTypeRow {
 const std::array<GptTypeRow, 11>& gptTypeTable();
 // The ten non-zero type GUIDs of that table, in the same order.
 const std::array<GuidBytes, 10>& gptReservedTypeGuids();
-// The name of the first table row with this GUID, else the GUID's text form in braces.
+// The name of the first table row with this GUID, then of the types a user can name (below),
+// else the GUID's text form in braces.
 std::string gptTypeName(const GuidBytes& typeGuid);
+
+// A partition type as a user gives it to a new partition (/CRE /TYPE:): its MBR type byte and its
+// GPT type GUID, each absent where the type has no meaning on that scheme.
+struct PartitionTypeChoice {
+  std::optional<uint8_t> mbrType;
+  std::optional<GuidBytes> gptType;
+};
+// Reads a type: a name meaning the same on both schemes where it exists (EFI, LINUX, SWAP, LVM,
+// RAID; GPT only: MSR, BIOSBOOT, RECOVERY; any case), an MBR type byte in hex (one or two
+// digits, "0x" allowed) or a GPT type GUID. Nullopt for an unknown name, a malformed byte or
+// GUID, and for types no new partition can carry (unused, extended, GPT protective).
+std::optional<PartitionTypeChoice> parsePartitionTypeChoice(const std::string& text);
+// The name a new GPT entry of this type gets ("EFI system partition", ...).
+std::string gptEntryNameFor(const GuidBytes& typeGuid);
 
 // Types the program gives to new partitions.
 const GuidBytes& gptTypeMicrosoftBasicData();

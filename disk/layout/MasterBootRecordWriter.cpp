@@ -96,7 +96,7 @@ std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8
 
   // The master boot record first: once it is on the medium nothing links to the old extended
   // boot records or GPT any more, and they can go.
-  drive.write(0, 1, next.data());
+  drive.writeRecord(0, next.data(), BiosBootRecord::kSize);
   drive.flush();
   if (!stale.empty()) {
     const std::vector<uint8_t> zero(drive.bytesPerBlock(), 0);

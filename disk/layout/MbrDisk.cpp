@@ -84,6 +84,9 @@ class MbrDisk : public PartitionedDisk {
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override;
   void reload() override { readTables(); }
+  uint64_t blocksBeyondReach() const override {
+    return drive().blockCount() > kMbrAddressLimit ? drive().blockCount() - kMbrAddressLimit : 0;
+  }
 
   unsigned slotCount() const override { return 4; }
   unsigned primarySlotsInUse() const override { return static_cast<unsigned>(roots_.size()); }
@@ -364,7 +367,7 @@ void MbrDisk::requireIntact(const Chain& chain) const {
 
 void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
   Core::TraceScope scope("writeBootRecord");
-  drive().write(block, 1, record.data());
+  drive().writeRecord(block, record.data(), BiosBootRecord::kSize);
 }
 
 // Zeroes a boot record that left the chain, unless its sector belongs to a partition that
@@ -506,10 +509,12 @@ void MbrDisk::checkNoOverlap(const Range& range, const std::vector<Range>& used)
 }
 
 uint8_t MbrDisk::chooseType(const CreationRequest& request, uint64_t first, uint64_t count, bool lbaAllowed) const {
+  if (request.mbrType != kTypeUnused) return request.mbrType;
   // exFAT shares the installable-filesystem type with NTFS.
   if (request.formatKind == FormatKind::Ntfs || request.formatKind == FormatKind::Exfat) return kTypeNtfs;
   if (request.formatKind == FormatKind::Ext2) return kTypeLinux;
-  const uint64_t n = count;
+  // The size limits of the FAT types count 512-byte units.
+  const uint64_t n = count * (drive().bytesPerBlock() / kSectorSize);
   const bool fat32Allowed = fat32Support && !ntFat16;
   if (lbaAllowed && beyondChs(first + count - 1)) {
     if (n < 32774)

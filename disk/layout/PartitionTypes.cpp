@@ -44,6 +44,7 @@ constexpr PartitionTypeInfo kTypes[] = {
     {0xAF, "Apple HFS+", pcOther, false, false},
     {0xDE, "DIAGNOSTIC", pcDiagnostic2, false, true},
     {0xEF, "EFI System", pcFat32, true, false},
+    {0xFD, "LINUX RAID", pcOther, false, false},
     {0xFE, "DIAGNOSTIC", pcDiagnostic4, false, true},
 };
 

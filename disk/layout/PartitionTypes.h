@@ -22,6 +22,7 @@ inline constexpr uint8_t kTypeHiddenOffset = 0x10;   // hidden form = visible fo
 inline constexpr uint8_t kTypeLinux = 0x83;
 inline constexpr uint8_t kTypeLinuxExtended = 0x85;
 inline constexpr uint8_t kTypeGptProtective = 0xEE;
+inline constexpr uint8_t kTypeEfiSystem = 0xEF;
 
 // Categories of the type table.
 enum PartitionCategory : int {

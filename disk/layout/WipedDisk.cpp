@@ -30,7 +30,7 @@ void writeKeptBootRecord(DiskDrive& drive, const std::vector<const PartitionNode
     for (const PartitionNode* n : kept) keep |= n->slot == static_cast<int>(slot);
     if (!keep) record.clearSlot(slot);
   }
-  drive.write(0, 1, record.data());
+  drive.writeRecord(0, record.data(), BiosBootRecord::kSize);
   drive.flush();
 }
 

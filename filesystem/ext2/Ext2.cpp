@@ -272,7 +272,8 @@ Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes) {
   const uint64_t bytes = sectors * sectorBytes;
   Ext2Layout L;
   // Small volumes get 1 KiB blocks and more inodes for their size; tiny ones small inodes too.
-  L.blockSize = bytes >= 512 * kMiB ? 4096 : 1024;
+  // A block is never smaller than a sector.
+  L.blockSize = bytes >= 512 * kMiB || sectorBytes > 1024 ? 4096 : 1024;
   const bool tiny = bytes < 3 * kMiB;
   L.inodeSize = tiny ? 128 : 256;
   const uint64_t bytesPerInode = L.blockSize == 1024 ? (tiny ? 8192 : 4096) : (bytes >= (4 * kMiB << 20) ? 32768 : 16384);
@@ -381,9 +382,13 @@ FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& opt
     device.flush();
     Disk::stopIfInterrupted(progress, device, "Format");
 
-    std::vector<uint8_t> sb(X::kSuperblockSize);
-    fillSuperblock(sb.data(), L, id, 0);
-    device.write(X::kSuperblockOffset / sector, X::kSuperblockSize / sector, sb.data());
+    // On sectors larger than 1 KiB the superblock shares its sector with the zeroed boot block.
+    const uint64_t sbFirst = X::kSuperblockOffset / sector;
+    const uint64_t sbSectors = std::max<uint64_t>(1, X::kSuperblockSize / sector);
+    std::vector<uint8_t> sb(sbSectors * sector, 0);
+    if (sector > X::kSuperblockSize) device.read(sbFirst, 1, sb.data());
+    fillSuperblock(sb.data() + X::kSuperblockOffset % sector, L, id, 0);
+    device.write(sbFirst, sbSectors, sb.data());
     device.flush();
   } catch (const Error&) {
     progress.abandon();

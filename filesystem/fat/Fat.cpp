@@ -24,9 +24,11 @@ using Core::put32;
 
 namespace {
 
-// The sector size the BPB records and the one the FAT sectors below are built for; the
-// formatter refuses devices with other sectors (requireSectorSize).
+// The size the boot sector, FSInfo and the first FAT sector are built in; on a device with
+// larger sectors they take the start of a sector whose rest is zero. The BPB records the
+// device's sector size: 512 to 4096 bytes.
 constexpr uint32_t kSector = 512;
+constexpr uint32_t kLargestSector = 4096;
 constexpr uint32_t kDirEntrySize = FatDirEntry::kSize;
 // FAT32's reserved area: FSInfo in sector 1, a third boot sector in 2, the backup copies of
 // all three from sector 6; the root directory is cluster 2.
@@ -69,7 +71,10 @@ enum class StepStatus { Device, BadSectors };
 // FAT entries of one FAT copy that differ from a freshly written FAT, kept by sector.
 class FatPatch {
  public:
-  FatPatch(unsigned bits, std::array<uint8_t, kSector> firstSector) : bits_(bits), first_(firstSector) {}
+  FatPatch(unsigned bits, const std::array<uint8_t, kSector>& firstSector, uint32_t sectorSize)
+      : bits_(bits), sectorSize_(sectorSize), first_(firstSector.begin(), firstSector.end()) {
+    first_.resize(sectorSize, 0);
+  }
   void set(uint32_t cluster, uint32_t value) {
     switch (bits_) {
       case 12: {
@@ -91,22 +96,20 @@ class FatPatch {
         break;
     }
   }
-  const std::map<uint32_t, std::array<uint8_t, kSector>>& sectors() const { return sectors_; }
+  const std::map<uint32_t, std::vector<uint8_t>>& sectors() const { return sectors_; }
 
  private:
   uint8_t& byteAt(uint64_t offset) {
-    uint32_t index = static_cast<uint32_t>(offset / kSector);
+    uint32_t index = static_cast<uint32_t>(offset / sectorSize_);
     auto it = sectors_.find(index);
-    if (it == sectors_.end()) {
-      std::array<uint8_t, kSector> s{};
-      if (index == 0) s = first_;
-      it = sectors_.emplace(index, s).first;
-    }
-    return it->second[offset % kSector];
+    if (it == sectors_.end())
+      it = sectors_.emplace(index, index == 0 ? first_ : std::vector<uint8_t>(sectorSize_, 0)).first;
+    return it->second[offset % sectorSize_];
   }
   unsigned bits_;
-  std::array<uint8_t, kSector> first_;
-  std::map<uint32_t, std::array<uint8_t, kSector>> sectors_;
+  uint32_t sectorSize_;
+  std::vector<uint8_t> first_;
+  std::map<uint32_t, std::vector<uint8_t>> sectors_;
 };
 
 }  // namespace
@@ -178,7 +181,7 @@ void FAT::buildLayoutSmall(uint64_t total) {
   const double E = bitsPerFatEntry() / 8.0;
   const double maxClusters = maxClusterCount();
   bool chosen = false;
-  for (uint32_t s = minSectorsPerCluster(); s <= maxSectorsPerCluster(); s *= 2) {
+  for (uint32_t s = deviceSectors(minSectorsPerCluster()); s <= deviceSectors(maxSectorsPerCluster()); s *= 2) {
     double A = std::floor((t - reserved - root) * sector - 2 * E);
     double C = std::floor(A / (2 * E + s * double(sector))) + 2;
     if (C > maxClusters) C = maxClusters;
@@ -215,12 +218,14 @@ void FAT::limitClusterCount() {
 }
 
 // FAT32: cluster size from the partition size, one pass, then the reserved area is grown so
-// that the data area starts on a 4 KB boundary.
+// that the data area starts on a 4 KB boundary. Sizes and cluster sizes count 512-byte units.
 void FAT::buildLayoutFat32(uint64_t total) {
   FatLayout& L = *layout_;
   const uint32_t sector = device_.bytesPerBlock();
   const std::string tooSmall = "The partition is too small for a FAT32 filesystem";
-  uint32_t s = total < 0x1000001 ? 8 : total < 0x2000001 ? 16 : total < 0x4000001 ? 32 : 64;
+  const uint64_t units = total * (sector / kSector);
+  const uint32_t s = deviceSectors(units < 0x1000001 ? 8 : units < 0x2000001 ? 16 : units < 0x4000001 ? 32 : 64);
+  const uint32_t align = deviceSectors(8);
   uint32_t reserved = reservedSectorCount();
   if (reserved > total) throw Error(ErrorId::BpbFailed, tooSmall);
 
@@ -230,7 +235,7 @@ void FAT::buildLayoutFat32(uint64_t total) {
   if (C > maxClusterCount()) C = maxClusterCount();
   if (C < 2) C = 2;
   uint64_t F = (static_cast<uint64_t>(std::ceil(C * E)) + sector - 1) / sector;
-  if ((reserved + 2 * F) % 8) reserved += static_cast<uint32_t>(8 - (reserved + 2 * F) % 8);
+  if ((reserved + 2 * F) % align) reserved += static_cast<uint32_t>(align - (reserved + 2 * F) % align);
   if (uint64_t(reserved) + 2 * F > total) throw Error(ErrorId::BpbFailed, tooSmall);
   uint64_t D = (total - reserved - 2 * F) / s * s;
   if (D == 0) throw Error(ErrorId::BpbFailed, tooSmall);
@@ -252,7 +257,7 @@ void FAT::fillBootSector(const FormatOptions& options, uint64_t total, const std
   const bool fat32 = bpbLayoutKind() == blFat32;
   b.setJump(fat32);
   b.setOemName("MSWIN4.1");
-  b.setBytesPerSector(kSector);
+  b.setBytesPerSector(static_cast<uint16_t>(device_.bytesPerBlock()));
   b.setSectorsPerCluster(static_cast<uint8_t>(L.sectorsPerCluster));
   b.setReservedSectors(static_cast<uint16_t>(L.reservedSectors));
   b.setFatCount(2);
@@ -297,7 +302,10 @@ const FatLayout& FAT::buildBpb(const FormatOptions& options, const std::tm& now)
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   FatLayout& L = *layout_;
   L = FatLayout{};
-  Disk::requireSectorSize(device_.bytesPerBlock());
+  const uint32_t sector = device_.bytesPerBlock();
+  if (sector < kSector || sector > kLargestSector || (sector & (sector - 1)))
+    throw Error(ErrorId::UnsupportedSectorSize, Core::format("FAT cannot be laid out on %u-byte sectors", sector))
+        .with("bytesPerSector", std::to_string(sector));
   const uint64_t deviceTotal = device_.blockCount();
   // The BPB counts sectors in 32 bits: a larger partition is laid out over its first
   // 0xFFFFFFFF sectors and the rest is left unused.
@@ -315,20 +323,29 @@ const FatLayout& FAT::buildBpb(const FormatOptions& options, const std::tm& now)
 
 void FAT::writeReservedArea() {}
 
+uint32_t FAT::deviceSectors(uint32_t units512) const {
+  return std::max<uint32_t>(1, units512 / (device_.bytesPerBlock() / kSector));
+}
+
+void FAT::writePadded(uint64_t sector, const uint8_t* data, size_t size) {
+  std::vector<uint8_t> buffer(device_.bytesPerBlock(), 0);
+  if (size) std::memcpy(buffer.data(), data, std::min(size, buffer.size()));
+  device_.write(sector, 1, buffer.data());
+}
+
 void FAT32::writeReservedArea() {
   const FatLayout& L = *layout_;
-  std::array<uint8_t, kSector> zero{};
   const uint64_t third = kFsInfoSector + 1, backupEnd = kBackupBootSector + third + 1;
-  device_.write(kFsInfoSector, 1, L.fsInfo.data());
-  device_.write(kBackupBootSector + kFsInfoSector, 1, L.fsInfo.data());
-  device_.write(third, 1, BootCode::kFat32BootSector);
-  device_.write(kBackupBootSector + third, 1, BootCode::kFat32BootSector);
-  for (uint64_t s = third + 1; s < kBackupBootSector; ++s) device_.write(s, 1, zero.data());
+  writePadded(kFsInfoSector, L.fsInfo.data(), L.fsInfo.size());
+  writePadded(kBackupBootSector + kFsInfoSector, L.fsInfo.data(), L.fsInfo.size());
+  writePadded(third, BootCode::kFat32BootSector, kSector);
+  writePadded(kBackupBootSector + third, BootCode::kFat32BootSector, kSector);
+  for (uint64_t s = third + 1; s < kBackupBootSector; ++s) writePadded(s, nullptr, 0);
   if (L.reservedSectors > backupEnd) {
     std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * device_.bytesPerBlock(), 0);
     device_.write(backupEnd, L.reservedSectors - backupEnd, zeros.data());
   }
-  device_.write(kBackupBootSector, 1, L.bootSector.data());
+  writePadded(kBackupBootSector, L.bootSector.data(), L.bootSector.size());
 }
 
 FormatSummary FAT::format(const FormatOptions& inOptions) {
@@ -388,8 +405,7 @@ void FAT::clearBootArea(Core::Progress& progress) {
   progress.advance(L.reservedSectors);
   stopIfInterrupted(progress);
   try {
-    const std::array<uint8_t, kSector> cleared{};
-    device_.write(0, 1, cleared.data());
+    writePadded(0, nullptr, 0);
     device_.flush();
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area", e);
@@ -409,7 +425,7 @@ std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workB
     std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * device_.bytesPerBlock(), 0);
     for (uint32_t copy = 0; copy < 2; ++copy) {
       const uint64_t first = L.reservedSectors + uint64_t(copy) * F;
-      device_.write(first, 1, firstFatSector.data());
+      writePadded(first, firstFatSector.data(), firstFatSector.size());
       progress.advance(1);
       for (uint64_t done = 1; done < F;) {
         uint64_t n = std::min<uint64_t>(workBlocks, F - done);
@@ -483,7 +499,7 @@ void FAT::verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512
     stopIfInterrupted(progress);
   }
   if (bad.empty()) return;
-  FatPatch patch(bitsPerFatEntry(), firstFatSector);
+  FatPatch patch(bitsPerFatEntry(), firstFatSector, device_.bytesPerBlock());
   for (uint32_t cluster : bad) patch.set(cluster, badClusterMark());
   try {
     for (uint32_t copy = 0; copy < 2; ++copy)
@@ -504,7 +520,7 @@ void FAT::writeBootSector(Core::Progress& progress) {
   try {
     writeReservedArea();
     device_.flush();
-    device_.write(0, 1, L.bootSector.data());
+    writePadded(0, L.bootSector.data(), L.bootSector.size());
     device_.flush();
   } catch (const Error& e) {
     stepFailed(progress, "Bad sectors in boot area", e);
@@ -542,7 +558,8 @@ FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOpt
 }
 
 FormatSummary formatFatPartition(Disk::BlockDevice& device, const FormatOptions& options) {
-  return formatFat(device, fatTypeIndexFor(options.partitionType, device.blockCount(), options.fat32Support, options.ntFat16),
+  const uint64_t units512 = device.blockCount() * (device.bytesPerBlock() / kSector);
+  return formatFat(device, fatTypeIndexFor(options.partitionType, units512, options.fat32Support, options.ntFat16),
                    options);
 }
 

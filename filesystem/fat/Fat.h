@@ -26,8 +26,8 @@ enum FatType : int { ftFat12 = 0, ftFat16 = 1, ftFat32 = 2 };
 // The BPB layout kind of a type: FAT12 and FAT16 share one, FAT32 has its own.
 enum BpbLayoutKind : int { blSmall = 2, blFat32 = 3 };
 
-// The FAT type of a new partition: from its type byte, or by its size in sectors when the
-// byte does not name a FAT type (GPT entries); FAT32 only where it is allowed or the
+// The FAT type of a new partition: from its type byte, or by its size in 512-byte units when
+// the byte does not name a FAT type (GPT entries); FAT32 only where it is allowed or the
 // partition is too large for FAT16.
 FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
 
@@ -101,6 +101,9 @@ class FAT {
   Disk::BlockDevice& device_;
   FatType type_;
   std::unique_ptr<FatLayout> layout_;
+  // Writes one sector whose first `size` bytes are `data` and whose rest is zero (the boot
+  // sector, FSInfo and the first FAT sector are built as 512 bytes whatever the sector size).
+  void writePadded(uint64_t sector, const uint8_t* data, size_t size);
 
  private:
   void buildLayoutSmall(uint64_t total);  // FAT12, FAT16
@@ -115,6 +118,9 @@ class FAT {
   void writeBootSector(Core::Progress& progress);
   FormatSummary summary(const FormatOptions& options) const;
   void stopIfInterrupted(Core::Progress& progress);
+  // The cluster size rules count 512-byte units: on a device with larger sectors a cluster
+  // takes as many sectors as give the same bytes, at least one.
+  uint32_t deviceSectors(uint32_t units512) const;
 };
 
 class FAT12 : public FAT {

@@ -808,7 +808,10 @@ FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& req
       throw Error(ErrorId::InvalidArgument, problem).with("label", *options.label);
     label = utf16From(*options.label);
   }
-  Disk::requireSectorSize(device.bytesPerBlock());
+  // The layout below counts 512-byte sectors.
+  if (device.bytesPerBlock() != Disk::kSectorSize)
+    throw Error(ErrorId::UnsupportedSectorSize, "NTFS volumes are written on disks with 512-byte sectors only")
+        .with("bytesPerSector", std::to_string(device.bytesPerBlock()));
   const Target t = targetOf(options.versionCode);
   const uint64_t sectors = device.blockCount();
   NtfsLayout L;

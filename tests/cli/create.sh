@@ -46,6 +46,17 @@ refuse "$blank" <<'T'
 1|~Maximum space available for extended DOS partition is|1 /CRE /EXT /SZ:5000 /-32
 1|No extended DOS partition exists|1 /CRE /LOG
 2|Invalid fixed disk number -- 0|0 /CRE /PRI
+2|Invalid partition type -- BOGUS|1 /CRE /PRI /TYPE:BOGUS
+2|Invalid partition type -- 1G|1 /CRE /PRI /TYPE:1G
+2|Invalid partition type -- 183|1 /CRE /PRI /TYPE:183
+2|Invalid partition type -- 0|1 /CRE /PRI /TYPE:0
+2|Invalid partition type -- 0F|1 /CRE /PRI /TYPE:0F
+2|Invalid partition type -- EE|1 /CRE /PRI /TYPE:EE
+2|Invalid partition type -- C12A7328-F81F-11D2-BA4B-00A0C93EC93|1 /CRE /PRI /TYPE:C12A7328-F81F-11D2-BA4B-00A0C93EC93
+2|Partition type MSR cannot be used on an MBR disk|1 /CRE /PRI /TYPE:MSR
+2|Partition type biosboot cannot be used on an MBR disk|1 /CRE /PRI /TYPE:biosboot
+2|Partition type C12A7328-F81F-11D2-BA4B-00A0C93EC93B cannot be used on an MBR disk|1 /CRE /PRI /TYPE:C12A7328-F81F-11D2-BA4B-00A0C93EC93B
+2|Conflicting switches. /TYPE may not be used with /EXT|1 /CRE /EXT /TYPE:82
 1|No such fixed disk -- 2|2 /CRE /PRI
 T
 

@@ -110,7 +110,7 @@ kd "$gpt" -- 1
 expect_rc 0 "GPT status"
 expect_out "(GPT)" "GPT status"
 grep -qE '^ +1 .*2\.0MB .*EFI System$' <<<"$out" || fail "GPT entry 1: $out"
-grep -qE '^ +2 .*4\.0MB .*\{0FC63DAF-8483-4772-8E79-3D69D8477DE4\}$' <<<"$out" || fail "GPT entry 2: $out"
+grep -qE '^ +2 .*4\.0MB .*Linux Data$' <<<"$out" || fail "GPT entry 2: $out"
 
 [ "$(sum "$img")" = "$before" ] || fail "status and view changed the image"
 

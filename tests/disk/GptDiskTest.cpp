@@ -363,7 +363,8 @@ TEST(GptFormat, GuidTextAndTypeNames) {
   const std::pair<const char*, const char*> names[] = {
       {"00000000-0000-0000-0000-000000000000", "Unused"},
       {"024DEE41-33E7-11D3-9D69-0008C781F39F", "Legcay MBR"},
-      {"0FC63DAF-8483-4772-8E79-3D69D8477DE4", "{0FC63DAF-8483-4772-8E79-3D69D8477DE4}"},
+      {"0FC63DAF-8483-4772-8E79-3D69D8477DE4", "Linux Data"},  // a type /TYPE: names
+      {"933AC7E1-2EB4-4F13-B844-0E14E2AEF915", "{933AC7E1-2EB4-4F13-B844-0E14E2AEF915}"},
       // Basic Data's bytes in text order are a different GUID.
       {"A2A0D0EB-E5B9-3344-87C0-68B6B72699C7", "{A2A0D0EB-E5B9-3344-87C0-68B6B72699C7}"},
   };

@@ -205,6 +205,13 @@ TEST(NtBuffers, StorageDescriptorAndVolumeExtents) {
   Corvo::Core::put32(d.data() + 24, 500);  // offset outside the reply: ignored
   EXPECT_EQ(parseStorageDescriptor(d.data(), d.size())->serial, "");
   EXPECT_FALSE(parseStorageDescriptor(d.data(), 20));
+  // The alignment descriptor of a 512e disk: 512-byte logical, 4096-byte physical sectors.
+  EXPECT_EQ(Corvo::Core::get32(buildAlignmentPropertyQuery().data()), 6u);
+  std::vector<uint8_t> a(28, 0);
+  Corvo::Core::put32(a.data() + 16, 512);
+  Corvo::Core::put32(a.data() + 20, 4096);
+  EXPECT_EQ(parsePhysicalSectorSize(a.data(), a.size()), 4096u);
+  EXPECT_EQ(parsePhysicalSectorSize(a.data(), 20), 0u);
 
   std::vector<uint8_t> ext(8 + 24 * 2, 0);
   Corvo::Core::put32(ext.data(), 2);
