@@ -122,6 +122,7 @@ struct FatDirEntry {
   static constexpr size_t kNameAt = 0, kNameSize = 11, kAttributesAt = 11, kCreateTimeAt = 14, kCreateDateAt = 16,
                           kAccessDateAt = 18, kWriteTimeAt = 22, kWriteDateAt = 24;
   static constexpr uint8_t kEndMark = 0x00, kDeletedMark = 0xE5;
+  static constexpr uint8_t kE5Escape = 0x05;  // a first byte 0xE5 as stored
   static constexpr uint8_t kAttrVolumeLabel = 0x08, kAttrDirectory = 0x10, kAttrLongName = 0x0F;
 };
 

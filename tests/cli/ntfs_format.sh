@@ -91,7 +91,7 @@ vol_check "$img" 1 3.1 "Data Volume Thirty-Two Chars 01" "100 MB"
 kd "$img" 1 /CRE /PRI /Y /SZ:50 /FOR /NTFS:NT4 /V:Old
 expect_rc 0 "NT4 beside it"
 kd "$img" 1 /STATUS
-grep -qE '^ +1  07  NTFS/HPFS +Data Volume Thir +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 1: $OUT"
+grep -qE '^ +1  07  NTFS/HPFS +Data Volume +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 1: $OUT"
 grep -qE '^ +2  07  NTFS/HPFS +Old +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 2: $OUT"
 # A damaged $Volume record: still listed, without a label.
 read -r s _ <<<"$(part "$img" 1)"
