@@ -143,7 +143,7 @@ uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t u
   return (uint64_t{entryCount} * entrySize + blockBytes - 1) / blockBytes;
 }
 
-std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
+std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out, bool pastEndAllowed) {
   using Core::format;
   const uint32_t unit = gptBlockUnit(disk);
   const uint64_t blockBytes = uint64_t{unit} * kSectorSize;
@@ -174,7 +174,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   const uint64_t last = blocks - 1;
   const uint64_t first = h.firstUsableBlock(), lastUsable = h.lastUsableBlock();
   const uint64_t entries = h.entriesBlock();
-  if (lastUsable > last || first > last)
+  if ((lastUsable > last && !pastEndAllowed) || first > last)
     return format("points outside the disk: its usable area is blocks %llu to %llu, but the disk's last block is %llu",
                   (unsigned long long)first, (unsigned long long)lastUsable, (unsigned long long)last);
   if (entries > last || arrayBlocks > blocks - entries)
@@ -182,7 +182,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
         "points outside the disk: its entry array starts at block %llu and takes %llu blocks, but the "
         "disk's last block is %llu",
         (unsigned long long)entries, (unsigned long long)arrayBlocks, (unsigned long long)last);
-  if (h.alternateBlock() > last)
+  if (h.alternateBlock() > last && !pastEndAllowed)
     return format("points outside the disk: its other copy is at block %llu, but the disk's last block is %llu",
                   (unsigned long long)h.alternateBlock(), (unsigned long long)last);
   if (first > lastUsable + 1)
