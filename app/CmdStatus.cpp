@@ -34,7 +34,9 @@ namespace Fs = Corvo::Filesystem;
 
 namespace {
 
-std::string sizeText(uint64_t sectors) { return format("%.1fMB", static_cast<double>(sectors) * 512.0 / 1048576.0); }
+std::string sizeText(const Corvo::Disk::BlockDevice& disk, uint64_t sectors) {
+  return format("%.1fMB", static_cast<double>(disk.bytesOf(sectors)) / 1048576.0);
+}
 
 // ---- Content: filesystem and volume label ------------------------------------------------
 
@@ -81,8 +83,8 @@ void printDiskRow(const FixedDisk& d, const Options& opt) {
   const auto& g = d.drive->geometry();
   std::string ident = opt.serial ? d.drive->serialNumber() : d.drive->model();
   std::string line = format("%4u  %9llu  %5u  %7u  %11s  %s", d.index + 1, static_cast<unsigned long long>(g.cylinders),
-                            g.heads, g.sectorsPerTrack, sizeText(d.drive->blockCount()).c_str(), ident.c_str());
-  if (g.bytesPerSector != 512) line += format("  (sector size %u bytes: read only)", g.bytesPerSector);
+                            g.heads, g.sectorsPerTrack, sizeText(*d.drive, d.drive->blockCount()).c_str(), ident.c_str());
+  if (!d.drive->isWritable()) line += format("  (sector size %u bytes: read only)", g.bytesPerSector);
   if (!d.ok() && d.status) line += "  not accessible -- " + d.status->text();
   print("%s\n", rtrim(line).c_str());
 }
@@ -148,7 +150,7 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
   auto& layout = *d.layout;
   auto rows = buildRows(layout, mark);
   bool gpt = layout.scheme() == PartitionScheme::Gpt;
-  print("\nPartitions on fixed disk %u (%s):\n", d.index + 1, gpt ? "GPT" : "MBR");
+  print("\nPartitions on fixed disk %u (%s):\n", d.index + 1, layout.kindName());
   if (rows.empty()) {
     print("  No partitions\n");
     return;
@@ -166,12 +168,12 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
     std::string line;
     if (gpt) {
       std::string type = r.node ? Corvo::Disk::gptTypeName(r.node->typeGuid) : "";
-      line = format("%9s  %s  %11s  %-10s  %-9s  %s", r.number.c_str(), label.c_str(), sizeText(r.blockCount).c_str(),
+      line = format("%9s  %s  %11s  %-10s  %-9s  %s", r.number.c_str(), label.c_str(), sizeText(*d.drive, r.blockCount).c_str(),
                     system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
     } else {
       const Corvo::Disk::PartitionTypeInfo t = Corvo::Disk::lookupPartitionType(r.type);
       line = format("%9s  %02X  %-11s  %s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name, label.c_str(),
-                    sizeText(r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role),
+                    sizeText(*d.drive, r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role),
                     r.active ? "Yes" : "");
     }
     if (r.marker) line += std::string("  ") + r.marker;

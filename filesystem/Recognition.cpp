@@ -49,8 +49,8 @@ class Content {
 bool isNtfs(const Content& c) {
   namespace Boot = Ntfs::Boot;
   if (!c.equals(Boot::kOemOffset, "NTFS    ", 8)) return false;
-  const unsigned s = c.byte(Boot::SectorsPerCluster::offset), r = c.byte(Boot::ClustersPerRecord::offset),
-                 x = c.byte(Boot::ClustersPerIndexBlock::offset);
+  const unsigned s = c.byte(Boot::SectorsPerCluster.offset), r = c.byte(Boot::ClustersPerRecord.offset),
+                 x = c.byte(Boot::ClustersPerIndexBlock.offset);
   // File records of 1 KB (2 sectors) and index buffers of 4 KB (8 sectors), given either as
   // clusters or, when a cluster is larger, as a negative power of two of bytes.
   bool fileRecord = s < 3 ? r * s == 2 : r == 0xF6;
@@ -151,7 +151,7 @@ namespace {
 // Reads sectors of the device; false when the range lies outside it or the read fails.
 bool readSectors(Disk::BlockDevice& device, uint64_t first, uint64_t count, std::vector<uint8_t>& buf) {
   if (count == 0 || first >= device.blockCount() || count > device.blockCount() - first) return false;
-  buf.assign(count * FatBootSectorView::kSize, 0);
+  buf.assign(device.bytesOf(count), 0);
   try {
     device.read(first, count, buf.data());
     return true;
@@ -175,29 +175,29 @@ std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32) {
   std::vector<uint8_t> boot;
   if (!readSectors(device, 0, 1, boot)) return {};
   const FatBootSectorView bs(boot.data());
-  const uint32_t clusterSectors = bs.sectorsPerCluster();
-  if (bs.bytesPerSector() == FatBootSectorView::kSize && clusterSectors != 0) {
+  const uint32_t clusterSectors = bs.sectorsPerCluster(), sectorBytes = device.bytesPerBlock();
+  if (bs.bytesPerSector() == sectorBytes && clusterSectors != 0) {
     const uint32_t fatSectors = fat32 ? bs.sectorsPerFat32() : bs.sectorsPerFat16();
     const uint64_t dataStart = bs.reservedSectors() + uint64_t{bs.fatCount()} * fatSectors;
     uint64_t rootSector = dataStart;
-    uint64_t rootSectors = (uint64_t{bs.rootEntries()} * FatDirEntry::kSize + 511) / 512;
+    uint64_t rootSectors = (uint64_t{bs.rootEntries()} * FatDirEntry::kSize + sectorBytes - 1) / sectorBytes;
     if (fat32) {
       const uint32_t rootCluster = bs.rootCluster();
       rootSector = rootCluster >= 2 ? dataStart + uint64_t{rootCluster - 2} * clusterSectors : 0;
       rootSectors = clusterSectors;
     }
-    rootSectors = std::min<uint64_t>(rootSectors, 64);
+    rootSectors = std::min<uint64_t>(rootSectors, std::max<uint64_t>(1, 32768 / sectorBytes));
     // The root directory's label entry decides: a volume whose entry was removed has no label,
     // whatever stale copy its boot sector keeps.
     std::vector<uint8_t> dir;
     if (rootSector && readSectors(device, rootSector, rootSectors, dir)) {
       for (size_t off = 0; off + FatDirEntry::kSize <= dir.size(); off += FatDirEntry::kSize) {
         const uint8_t* e = dir.data() + off;
-        const uint8_t first = e[FatDirEntry::kNameAt], attributes = e[FatDirEntry::kAttributesAt];
+        const uint8_t first = e[FatDirEntry::kName.offset], attributes = FatDirEntry::kAttributes.get(e);
         if (first == FatDirEntry::kEndMark) break;
         if (first == FatDirEntry::kDeletedMark || attributes == FatDirEntry::kAttrLongName) continue;
         if ((attributes & FatDirEntry::kAttrVolumeLabel) && !(attributes & FatDirEntry::kAttrDirectory))
-          return fatName(e + FatDirEntry::kNameAt, FatDirEntry::kNameSize);
+          return fatName(e + FatDirEntry::kName.offset, FatDirEntry::kName.size);
       }
       return {};
     }
@@ -277,7 +277,8 @@ std::string exfatLabel(Disk::BlockDevice& device, const Content& c) {
   const uint64_t firstSector = c.u32(Exfat::kHeapOffset) + (uint64_t{root - 2} << clusterShift);
   const uint64_t bytes = std::min<uint64_t>(uint64_t{1} << (sectorShift + clusterShift), 65536);
   std::vector<uint8_t> dir;
-  if (!readSectors(device, (firstSector << sectorShift) / 512, bytes / 512, dir)) return {};
+  const uint64_t at = firstSector << sectorShift, blockBytes = device.bytesPerBlock();
+  if (at % blockBytes || !readSectors(device, at / blockBytes, std::max<uint64_t>(1, bytes / blockBytes), dir)) return {};
   for (size_t at = 0; at + Exfat::kEntrySize <= dir.size(); at += Exfat::kEntrySize) {
     const uint8_t type = dir[at];
     if (type == Exfat::kEntryEnd) break;
@@ -326,7 +327,8 @@ VolumeContent identify(Disk::BlockDevice& device, const Content& c) {
 }  // namespace
 
 VolumeContent identifyVolume(Disk::BlockDevice& partition) {
-  const uint64_t sectors = std::min<uint64_t>(kIdentifyBytes / 512, partition.blockCount());
+  const uint64_t sectors =
+      std::min<uint64_t>(partition.blocksOf(kIdentifyBytes + partition.bytesPerBlock() - 1), partition.blockCount());
   std::vector<uint8_t> buf;
   if (!readSectors(partition, 0, sectors, buf)) return {};
   VolumeContent v;
