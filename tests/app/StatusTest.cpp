@@ -55,7 +55,7 @@ TEST(Status, SizesOnADiskOf4KiBSectors) {
   auto out = lines(cap.sink().out);
   ASSERT_EQ(out.size(), 6u) << cap.sink().out;
   EXPECT_EQ(out[1], "   1          1    255       63      100.0MB  Memory disk  (sector size 4096 bytes: read only)");
-  EXPECT_EQ(out[5], "        1  83  LINUX                           16.0MB  EXT2FS      PRIMARY");
+  EXPECT_EQ(out[5], "        1  83  LINUX                           16.0MB              PRIMARY");
 }
 
 TEST(Status, NtfsVolumeNameFromTheVolumeFileRecord) {
