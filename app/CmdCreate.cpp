@@ -63,7 +63,14 @@ PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, P
     return nullptr;
   }
   if (!node) {
-    if (request.largestAvailable == 0)
+    const auto& g = disk.drive().geometry();
+    const bool cylinders = request.alignment == CreationRequest::kCylinderAlignment || request.alignment == 0;
+    if (request.largestAvailable == 0 && cylinders && disk.scheme() == PartitionScheme::Mbr &&
+        disk.drive().blockCount() < uint64_t{g.heads} * g.sectorsPerTrack)
+      // Nothing is assigned: a cylinder-aligned partition cannot fit at all.
+      message(mkError, "The disk (%.1fMB) is smaller than one cylinder (%.1fMB) -- use /ALIGN:1MB",
+              toMegabytes(disk, disk.drive().blockCount()), toMegabytes(disk, uint64_t{g.heads} * g.sectorsPerTrack));
+    else if (request.largestAvailable == 0)
       message(mkError, "%s", fullText);
     else
       message(mkError, maxText, toMegabytes(disk, request.largestAvailable));

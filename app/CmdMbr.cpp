@@ -1,8 +1,7 @@
 // /MBR: writes the master boot code into sector 0 of a disk, keeping its partition table
 // (or, with /WIPE, deleting every partition). The code comes from /REPLACE:file, else from
-// MBR.BIN beside the program, else from the copy built into the program.
-#include <filesystem>
-
+// MBR.BIN (any case) beside the program or in its library folder, else from the copy built into
+// the program.
 #include "app/BootCodeWrite.h"
 #include "app/Commands.h"
 #include "core/Message.h"
@@ -39,11 +38,9 @@ int commandMbr(SwitchSet& set) {
   if (replace) {
     if (!loadBootCodeFile(replaceFile, code)) return 1;
   } else {
-    const std::string folder = executableFolder();
-    const std::filesystem::path beside = std::filesystem::path(folder) / Corvo::Disk::kMasterBootCodeFileName;
-    std::error_code ec;
-    if (!folder.empty() && std::filesystem::exists(beside, ec)) {
-      if (!loadBootCodeFile(beside.string(), code)) return 1;
+    const std::string file = findDataFile(Corvo::Disk::kMasterBootCodeFileName, false);
+    if (!file.empty()) {
+      if (!loadBootCodeFile(file, code)) return 1;
     } else {
       code.assign(Corvo::Disk::kMasterBootCode, Corvo::Disk::kMasterBootCode + Corvo::Disk::kMasterBootCodeSize);
     }

@@ -1,7 +1,5 @@
-// /REVERT: puts the master boot code from mbr.bin (beside the program, else in the current
-// folder) back onto the boot disk, keeping its partition table and disk identifiers.
-#include <filesystem>
-
+// /REVERT: puts the master boot code from mbr.bin (beside the program, in its library folder,
+// else in the current folder) back onto the boot disk, keeping its partition table and disk identifiers.
 #include "app/BootCodeWrite.h"
 #include "app/Commands.h"
 #include "core/Message.h"
@@ -14,17 +12,13 @@ using namespace Corvo::Core;
 
 namespace {
 
-// The file /REVERT reads from. On Windows the name matches MBR.BIN as well.
+// The file /REVERT reads from (any case of its letters): beside the program, in its library
+// folder, else in the current folder.
 constexpr const char* kRevertFileName = "mbr.bin";
 
 std::string revertFile() {
-  std::error_code ec;
-  const std::string folder = executableFolder();
-  if (!folder.empty()) {
-    std::filesystem::path beside = std::filesystem::path(folder) / kRevertFileName;
-    if (std::filesystem::exists(beside, ec)) return beside.string();
-  }
-  return kRevertFileName;  // the current folder
+  const std::string found = findDataFile(kRevertFileName, true);
+  return found.empty() ? kRevertFileName : found;
 }
 
 }  // namespace

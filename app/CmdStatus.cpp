@@ -18,8 +18,6 @@
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Recognition.h"
-#include "filesystem/ext2/Ext2Structures.h"
-#include "filesystem/ntfs/Ntfs.h"
 
 namespace Kdisk {
 
@@ -43,46 +41,26 @@ std::string sizeText(const Corvo::Disk::BlockDevice& disk, uint64_t sectors) {
 
 // ---- Content: filesystem and volume label ------------------------------------------------
 
-struct Content {
-  std::string system;  // empty when nothing was recognised
-  std::string label;
-};
-
-Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
-  Content c;
-  if (node.isExtendedType() || node.blockCount == 0) return c;
+PartitionContent readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
+  if (node.isExtendedType() || node.blockCount == 0) return {};
   // A partition that reaches past the end of the disk is read as far as the disk goes; one
   // whose start cannot be read shows no content.
-  if (node.firstBlock >= drive.blockCount()) return c;
+  if (node.firstBlock >= drive.blockCount()) return {};
   const uint64_t count = std::min<uint64_t>(node.blockCount, drive.blockCount() - node.firstBlock);
   try {
     Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, count);
-    const uint64_t sectors = std::min<uint64_t>(partition.blocksOf(Fs::kContentBytes + partition.bytesPerBlock() - 1), count);
-    std::vector<uint8_t> buf(partition.bytesOf(sectors), 0);
-    partition.read(0, sectors, buf.data());
-    const unsigned code = Fs::detectContent(buf.data(), buf.size(), 0);
-    switch (code) {
-      case Fs::ctFat12: c.system = "FAT12"; c.label = Fs::fatVolumeLabel(partition, false); break;
-      case Fs::ctFat16: c.system = "FAT16"; c.label = Fs::fatVolumeLabel(partition, false); break;
-      case Fs::ctFat32: c.system = "FAT32"; c.label = Fs::fatVolumeLabel(partition, true); break;
-      case Fs::ctNtfs: c.system = "NTFS/HPFS"; c.label = Fs::ntfsVolumeLabel(partition); break;
-      case Fs::ctLinuxSwap: c.system = "LINUX SWAP"; break;
-      case Fs::ctExt2:
-      case Fs::ctExt3:
-        c.system = code == Fs::ctExt3 ? "EXT3FS" : "EXT2FS";
-        c.label = Fs::Ext2::volumeLabelOf(buf.data(), buf.size());
-        break;
-      case Fs::ctReiser: c.system = "REISERFS"; break;
-      default: break;
-    }
+    Fs::VolumeContent v = Fs::identifyVolume(partition);
+    return {v.filesystem, v.label};
   } catch (const Error&) {
-    return Content{};
+    return {};
   }
-  // Labels are shown in one column; keep them printable and short.
-  for (char& ch : c.label)
+}
+
+// The label column: printable, cut on a character boundary and padded to the column's width.
+std::string labelColumn(std::string label) {
+  for (char& ch : label)
     if (static_cast<unsigned char>(ch) < 0x20) ch = '?';
-  if (c.label.size() > 16) c.label.resize(16);
-  return c;
+  return Corvo::Core::fitColumns(label, 12);
 }
 
 // ---- Printing -----------------------------------------------------------------------------
@@ -183,20 +161,21 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
   else
     print("Partition  Id  Type         Volume Label         Size  System      Usage      Active\n");
   for (const Row& r : rows) {
-    Content content;
+    PartitionContent content;
     if (r.node) content = readContent(*d.drive, *r.node);
+    // The System column names what the partition holds, as /JSON does; nothing when nothing
+    // was recognised, whatever the type says.
+    const std::string label = labelColumn(content.label), system = content.filesystem;
     std::string line;
     if (gpt) {
-      std::string system = content.system;
       std::string type = r.node ? Corvo::Disk::gptTypeName(r.node->typeGuid) : "";
-      line = format("%9s  %-12s  %11s  %-10s  %-9s  %s", r.number.c_str(), content.label.c_str(),
-                    sizeText(*d.drive, r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
+      line = format("%9s  %s  %11s  %-10s  %-9s  %s", r.number.c_str(), label.c_str(), sizeText(*d.drive, r.blockCount).c_str(),
+                    system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
     } else {
       const Corvo::Disk::PartitionTypeInfo t = Corvo::Disk::lookupPartitionType(r.type);
-      std::string system = content.system.empty() ? Corvo::Disk::categoryFilesystemName(t.category) : content.system;
-      line = format("%9s  %02X  %-11s  %-12s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name,
-                    content.label.c_str(), sizeText(*d.drive, r.blockCount).c_str(), system.c_str(),
-                    Corvo::Disk::roleName(r.role), r.active ? "Yes" : "");
+      line = format("%9s  %02X  %-11s  %s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name, label.c_str(),
+                    sizeText(*d.drive, r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role),
+                    r.active ? "Yes" : "");
     }
     if (r.marker) line += std::string("  ") + r.marker;
     print("%s\n", rtrim(line).c_str());
@@ -248,8 +227,7 @@ void printDisk(FixedDisk& d, const PartitionMark* mark, const Options& opt) {
 }  // namespace
 
 PartitionContent partitionContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
-  Content c = readContent(drive, node);
-  return {c.system, c.label};
+  return readContent(drive, node);
 }
 
 void printDiskStatus(FixedDisk& disk, const PartitionMark* mark) {

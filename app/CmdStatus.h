@@ -35,7 +35,7 @@ bool showChangedDisk(FixedDisk& disk, const std::string& warning, const Partitio
                      Reread reread = Reread::Tables, bool show = true);
 
 // What a partition holds, as the status display shows it: the filesystem's name ("FAT32",
-// "NTFS", "EXT2FS", ...; empty when nothing was recognised) and its volume label.
+// "NTFS/HPFS", "EXT2FS", ...; empty when nothing was recognised) and its whole volume label.
 struct PartitionContent {
   std::string filesystem;
   std::string label;

@@ -78,6 +78,9 @@ int processEntry(const std::vector<std::string>& args) {
   }
 
   rest[0] = displayName(gArgs[0]);
+  // The help requests of other command-line programs ask for the general help too.
+  for (size_t i = 1; i < rest.size(); ++i)
+    if (rest[i] == "--help" || rest[i] == "-h") rest[i] = "/?";
   int result = 1;
   try {
     SwitchSet set(std::move(rest));

@@ -71,15 +71,17 @@ void printGeneralHelp(const std::string& program) {
         w, "");
   print("%s disk /DEL {/P:partn-no|/ALL}\n", p);
   print("%*s [/QWIPE|/DODWIPE|/CUSTOMWIPE:passes]\n", w, "");
-  print("%s [disk] [/STATUS] [/RAW|/LBA] [/SER] [/X] [/I] [/U] [/S]\n", p);
+  print("%s [disk] [/STATUS] [/RAW|/LBA] [/SER] [/JSON] [/X] [/I] [/U] [/S]\n", p);
   print("%s disk /[-]ACT /P:partn-no [/X] [/I] [/U] [/S] \n", p);
   print("%s disk /[-]HIDE /P:partn-no [/X] [/I] [/U] [/S] \n", p);
   print("%s disk /DISKWIPE [/DODWIPE|/CUSTOMWIPE:passes] [/[-]HPA] [/X] [/I] [/U] \n", p);
   print("%s disk /MBR [/WIPE] [/X] [/I] [/U] [/S] [/Y] [/R]\n", p);
+  print("%s disk /GPT /WIPE [/X] [/I] [/U] [/S] [/Y] [/R]\n", p);
   print("%s /REVERT [/X] [/I] [/U] [/S] [/Y] [/R]\n", p);
   print("%s /BOOTINI {/ADD|/REMOVE|/DEFAULT} [/D:disk-no] [/P:partn-no]\n", p);
   print("%*s [/DESC:desc] [/ENTRY:no] [/TIMEOUT:sec] [/INIFILE:filename]\n", w, "");
   print("%s disk /VIEW:sector [/NUM:num-sectors] [/PAGE]\n", p);
+  print("%s [disk] /BATCH[:filename] [switch[switch...]]\n", p);
   print("%s /? [/STATUS|/[-]ACT|/[-]HIDE|/DISKWIPE|/BOOTINI|/BATCH|/VIEW]\n", p);
 
   print("\nAdding virtual disks as regular disks to the disk list.\n");

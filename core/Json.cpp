@@ -2,39 +2,9 @@
 
 #include <cstdio>
 
+#include "core/Utf.h"
+
 namespace Corvo::Core {
-namespace {
-
-// Length of the UTF-8 sequence starting at i, or 0 when the bytes there are not one.
-size_t utf8Length(std::string_view s, size_t i) {
-  const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char c = b(i);
-  size_t n;
-  uint32_t cp;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-    cp = c & 0x1F;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-    cp = c & 0x0F;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-    cp = c & 0x07;
-  } else {
-    return 0;
-  }
-  if (i + n > s.size()) return 0;
-  for (size_t k = 1; k < n; ++k) {
-    if ((b(i + k) & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (b(i + k) & 0x3F);
-  }
-  // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-  if ((n == 3 && cp < 0x800) || (n == 4 && (cp < 0x10000 || cp > 0x10FFFF)) || (cp >= 0xD800 && cp < 0xE000))
-    return 0;
-  return n;
-}
-
-}  // namespace
 
 std::string jsonQuote(std::string_view s) {
   std::string out = "\"";
@@ -48,7 +18,7 @@ std::string jsonQuote(std::string_view s) {
       std::snprintf(buf, sizeof buf, "\\u%04x", c);
       out += buf;
     } else if (c >= 0x80) {
-      if (size_t n = utf8Length(s, i)) {
+      if (size_t n = utf8SequenceAt(s, i)) {
         out.append(s.substr(i, n));
         i += n;
         continue;

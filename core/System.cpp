@@ -74,6 +74,45 @@ std::string executableFolder() {
 #endif
 }
 
+namespace {
+
+// The entry of the folder named `name` in any case of its letters (the exact name first).
+std::string fileInFolder(const std::filesystem::path& folder, const std::string& name) {
+  std::error_code ec;
+  if (std::filesystem::is_regular_file(folder / name, ec)) return (folder / name).string();
+  auto lower = [](std::string s) {
+    for (char& c : s)
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return s;
+  };
+  const std::string wanted = lower(name);
+  for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+    if (lower(it->path().filename().string()) == wanted && it->is_regular_file(ec)) return it->path().string();
+  return {};
+}
+
+}  // namespace
+
+std::string findDataFile(const std::string& name, bool currentFolder) {
+  std::vector<std::filesystem::path> folders;
+  const std::string program = executableFolder();
+  if (!program.empty()) {
+    folders.push_back(program);
+#if !defined(_WIN32)
+    folders.push_back(std::filesystem::path(program).parent_path() / "lib" / "kdisk");
+#endif
+  }
+#if !defined(_WIN32)
+  folders.push_back("/usr/lib/kdisk");
+#endif
+  if (currentFolder) folders.push_back(".");
+  for (const auto& folder : folders) {
+    std::string found = fileInFolder(folder, name);
+    if (!found.empty()) return found;
+  }
+  return {};
+}
+
 bool restartComputer(std::string& why) {
 #if defined(_WIN32)
   if (!enableShutdownPrivilege() ||

@@ -2,6 +2,7 @@
 // the text of a system error code, the folder of the running program, and the restart.
 #pragma once
 #include <string>
+#include <vector>
 
 namespace Corvo::Core {
 
@@ -13,6 +14,12 @@ std::string lastSystemErrorText();
 
 // The folder of the running executable; empty when it cannot be found.
 std::string executableFolder();
+
+// The path of the program's data file `name` (the boot code files), whatever the case of its
+// letters, looked for beside the program, then in its library folder (lib/kdisk next to the
+// program's folder, and /usr/lib/kdisk) on systems other than Windows, then, when
+// currentFolder is set, in the current folder. Empty when no folder has it.
+std::string findDataFile(const std::string& name, bool currentFolder);
 
 // Flushes file buffers and restarts the computer. Returns false with the reason in `why`
 // when the restart could not be started.

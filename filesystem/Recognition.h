@@ -48,4 +48,17 @@ std::string volumeLabelOf(const uint8_t* buffer, size_t length);
 // Empty when nothing can be read; never throws.
 std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32);
 
+// What a partition holds, as the status display and /STATUS /JSON name it.
+struct VolumeContent {
+  // "FAT12", "FAT16", "FAT32", "NTFS/HPFS", "EXFAT", "EXT2FS", "EXT3FS", "EXT4FS", "EXT JRNL"
+  // (an external ext3/4 journal), "LINUX SWAP", "REISERFS", "BTRFS", "LUKS", "LVM2", "ISO9660",
+  // "BITLOCKER"; empty when nothing is recognised.
+  std::string filesystem;
+  std::string label;  // whole, as UTF-8; empty when there is none
+};
+// Looks at the partition's first 68 KB (the content test's 64 KB and the superblocks at 64 KB)
+// and, for the label, at the structures they point to. Never throws: a partition whose start
+// cannot be read holds nothing recognisable.
+VolumeContent identifyVolume(Disk::BlockDevice& partition);
+
 }  // namespace Corvo::Filesystem

@@ -181,7 +181,10 @@ void PartitionedDiskGpt::load() {
   if (primaryFault.empty()) backupAt = primaryCopy.header.alternateBlock();
   const std::string backupFault = readGptCopy(drive_, backupAt, backupCopy);
 
-  if (primaryFault.empty()) {
+  const bool pastEnd = !primaryFault.empty() && !backupFault.empty() && usePrimaryPastEnd(primaryCopy);
+  if (pastEnd) {
+    table_ = primaryCopy;
+  } else if (primaryFault.empty()) {
     table_ = primaryCopy;
     if (!backupFault.empty()) {
       facts_.problems.push_back(format("The backup GPT header at block %llu %s; the primary copy is used",
@@ -220,8 +223,11 @@ void PartitionedDiskGpt::load() {
   primary_.setHeaderSize(GptHeader::kSize);
   primary_.setMyBlock(1);
   primary_.setAlternateBlock(lastBlock);
-  primary_.setEntriesBlock(primaryFault.empty() ? primaryCopy.header.entriesBlock() : 2);
-  backup_ = table_.header;
+  primary_.setEntriesBlock(primaryFault.empty() || pastEnd ? primaryCopy.header.entriesBlock() : 2);
+  // A usable area that reached past the end (a disk that shrank) ends before the backup array.
+  if (pastEnd && lastBlock > arrayBlocks && primary_.lastUsableBlock() >= lastBlock - arrayBlocks)
+    primary_.setLastUsableBlock(lastBlock - arrayBlocks - 1);
+  backup_ = primary_;
   backup_.setHeaderSize(GptHeader::kSize);
   backup_.setMyBlock(lastBlock);
   backup_.setAlternateBlock(1);
@@ -240,6 +246,19 @@ void PartitionedDiskGpt::load() {
     }
     roots_.push_back(makeNode(i));
   }
+}
+
+// An image cut short or a disk that shrank: the primary copy is sound but its backup and the
+// end of its usable area lie past the disk's end. It is used as other tools use it, and the
+// next write puts the backup at the disk's real end.
+bool PartitionedDiskGpt::usePrimaryPastEnd(GptTableCopy& primary) {
+  if (!readGptCopy(drive_, 1, primary, true).empty()) return false;
+  const uint64_t last = drive_.blockCount() - 1;
+  facts_.problems.push_back(format("The backup GPT header would lie at block %llu, past the disk's last block %llu; "
+                                   "the primary copy is used and the backup is written at the disk's end when the "
+                                   "table is next written",
+                                   (unsigned long long)primary.header.alternateBlock(), (unsigned long long)last));
+  return true;
 }
 
 std::unique_ptr<PartitionNode> PartitionedDiskGpt::makeNode(uint32_t index) const {
@@ -285,6 +304,12 @@ void PartitionedDiskGpt::requireWritable(const char* what) const {
   const uint64_t p = primary_.entriesBlock(), b = backup_.entriesBlock(), at = backup_.myBlock();
   bool sane = p >= 2 && p < first && first - p >= arrayBlocks && b > last && b < at && at - b >= arrayBlocks &&
               at > last && at < blocks;
+  // A partition of a disk that shrank under it, inside the usable area the table gave but past
+  // the one left now, would lose its end to the backup table.
+  for (const auto& root : roots_) {
+    const uint64_t end = root->lastBlock();
+    sane = sane && (end <= last || end > table_.header.lastUsableBlock());
+  }
   if (!sane)
     throw Error(ErrorId::InvalidTable,
                 format("Cannot %s: the GPT partition table of this disk has an unusual layout that cannot be "

@@ -53,6 +53,7 @@ class PartitionedDiskGpt : public PartitionedDisk {
  private:
   friend std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive);
   void load();
+  bool usePrimaryPastEnd(GptTableCopy& primary);
   std::unique_ptr<PartitionNode> makeNode(uint32_t index) const;
   void requireWritable(const char* what) const;
   int indexOf(const PartitionNode& node) const;

@@ -141,7 +141,7 @@ uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t b
   return (uint64_t{entryCount} * entrySize + blockBytes - 1) / blockBytes;
 }
 
-std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
+std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out, bool pastEndAllowed) {
   using Core::format;
   const uint32_t blockBytes = disk.bytesPerBlock();
   const uint64_t blocks = disk.blockCount();
@@ -171,7 +171,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   const uint64_t last = blocks - 1;
   const uint64_t first = h.firstUsableBlock(), lastUsable = h.lastUsableBlock();
   const uint64_t entries = h.entriesBlock();
-  if (lastUsable > last || first > last)
+  if ((lastUsable > last && !pastEndAllowed) || first > last)
     return format("points outside the disk: its usable area is blocks %llu to %llu, but the disk's last block is %llu",
                   (unsigned long long)first, (unsigned long long)lastUsable, (unsigned long long)last);
   if (entries > last || arrayBlocks > blocks - entries)
@@ -179,7 +179,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
         "points outside the disk: its entry array starts at block %llu and takes %llu blocks, but the "
         "disk's last block is %llu",
         (unsigned long long)entries, (unsigned long long)arrayBlocks, (unsigned long long)last);
-  if (h.alternateBlock() > last)
+  if (h.alternateBlock() > last && !pastEndAllowed)
     return format("points outside the disk: its other copy is at block %llu, but the disk's last block is %llu",
                   (unsigned long long)h.alternateBlock(), (unsigned long long)last);
   if (first > lastUsable + 1)

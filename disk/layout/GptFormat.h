@@ -121,6 +121,8 @@ uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t b
 // size, header CRC, its own position, entry geometry, every block it points to lying on the
 // disk and outside its usable area, and the entry array CRC. Returns an empty string when the
 // copy is valid, else the reason as a sentence fragment ("has a wrong header CRC").
-std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out);
+// pastEndAllowed accepts a header whose other copy and usable area end past the disk's end
+// (an image cut short, a disk that shrank); everything else is checked the same.
+std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out, bool pastEndAllowed = false);
 
 }  // namespace Corvo::Disk

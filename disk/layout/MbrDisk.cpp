@@ -462,7 +462,9 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
       record = f.first == extendedStart ? extendedStart : roundUp(f.first, unit);
     else
       record = f.first <= firstStart ? firstStart : roundUp(f.first, unit);
-    const uint64_t dataMin = record + lead;
+    // A logical drive's data starts on a boundary even when its boot record does not (the first
+    // record sits at the start of an extended partition aligned otherwise).
+    const uint64_t dataMin = logical && !chs ? roundUp(record + 1, unit) : record + lead;
     if (dataMin >= f.end) continue;
     const uint64_t maxEnd = chs ? roundDown(f.end, cylinder) : dataMin + roundDown(f.end - dataMin, unit);
     if (maxEnd <= dataMin) continue;

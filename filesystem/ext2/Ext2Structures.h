@@ -52,6 +52,10 @@ inline constexpr uint32_t kCompatExtAttr = 0x0008, kCompatDirIndex = 0x0020;
 inline constexpr uint32_t kCompatHasJournal = 0x0004;  // ext3; never set here
 inline constexpr uint32_t kIncompatFiletype = 0x0002;
 inline constexpr uint32_t kRoCompatSparseSuper = 0x0001, kRoCompatLargeFile = 0x0002;
+// Read only by recognition: what ext3 adds (a journal to recover, an external journal device,
+// meta block groups, hashed directories); anything beyond these sets is ext4.
+inline constexpr uint32_t kIncompatRecover = 0x0004, kIncompatJournalDev = 0x0008, kIncompatMetaBg = 0x0010;
+inline constexpr uint32_t kRoCompatBtreeDir = 0x0004;
 inline constexpr uint8_t kHashHalfMd4 = 1;
 inline constexpr uint32_t kMountUserXattr = 0x0004, kMountAcl = 0x0008;
 inline constexpr uint32_t kFlagSignedHash = 0x0001;

@@ -130,6 +130,7 @@ struct FatDirEntry {
   static constexpr Core::Field8 kAttributes{11};
   static constexpr Core::Field16 kCreateTime{14}, kCreateDate{16}, kAccessDate{18}, kWriteTime{22}, kWriteDate{24};
   static constexpr uint8_t kEndMark = 0x00, kDeletedMark = 0xE5;
+  static constexpr uint8_t kE5Escape = 0x05;  // a first byte 0xE5 as stored
   static constexpr uint8_t kAttrVolumeLabel = 0x08, kAttrDirectory = 0x10, kAttrLongName = 0x0F;
 };
 

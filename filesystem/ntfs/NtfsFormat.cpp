@@ -875,6 +875,11 @@ FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& req
         const uint64_t from = std::max(e.lcn, firstBit), to = std::min(e.lcn + e.clusters, endBit);
         for (uint64_t c = from; c < to; ++c) out[(c - firstBit) / 8] |= static_cast<uint8_t>(1u << (c % 8));
       }
+      // The bits past the last cluster stand for no cluster: set, so that no reader counts them
+      // free and the summary's count is what the bitmap says.
+      const uint64_t padEnd = std::min<uint64_t>(firstBit + uint64_t(n) * 8, L.bitmapBytes * 8);
+      for (uint64_t c = std::max(firstBit, L.clusters); c < padEnd; ++c)
+        out[(c - firstBit) / 8] |= static_cast<uint8_t>(1u << (c % 8));
     });
     w.put(L.upCaseLcn, upCase);
     if (t.v3()) w.put(L.secureLcn, sds);

@@ -84,6 +84,18 @@ FAT32|700M|/SZ:560 /ALIGN:1MB|WINBOOT.SYS|first
 FAT32|700M|/SZ:560|IO.SYS|
 T
 
+# FAT32 with both IO.SYS and WINBOOT.SYS (the latter first in the directory and no system at
+# all): IO.SYS is started.
+img=$work/both.img
+make "$img" 700M "/SZ:560"
+printf 'not a system file\r\n' >"$work/winboot.sys"
+for f in msdos.sys:MSDOS.SYS winboot.sys:WINBOOT.SYS iosys.bin:IO.SYS; do
+  mcopy -i "$(volume "$img" 1)" "$work/${f%%:*}" "::${f#*:}"
+done
+boot "$img"
+[ "$DBG" = "$started" ] || fail "IO.SYS and WINBOOT.SYS: debug port says '$DBG' (console: $CON)"
+rm -f "$img"
+
 # IO.SYS without MSDOS.SYS is no system disk either.
 img=$work/nomsdos.img
 make "$img" 40M "/SZ:12"

@@ -114,6 +114,27 @@ want="1 2048 65536 6
 6 122880 8192 1"
 [ "$(parts "$img")" = "$want" ] || fail "1 MB layout: $(parts "$img")"
 refuse "$img" <<<"1|All available disk space is currently assigned to other partitions|1 /CRE /PRI /Y"
+# Logical drives aligned to 1 MB in an extended partition placed on cylinders: the first
+# drive's boot record stays at the extended partition's start, its data starts on a MB as the
+# next one's does.
+img=$WORK/mixed.img
+truncate -s 200M "$img"
+made "$img" 1 /CRE /PRI /SZ:100
+made "$img" 1 /CRE /EXT
+made "$img" 1 /CRE /LOG /SZ:20 /ALIGN:1MB
+made "$img" 1 /CRE /LOG /SZ:20 /ALIGN:1MB
+want="1 63 208782 6
+2 208845 192780 5
+5 208896 40960 4
+6 251904 40960 4"
+[ "$(parts "$img")" = "$want" ] || fail "1 MB logical drives in a cylinder-aligned extended partition: $(parts "$img")"
+table_ok "$img" "mixed alignment"
+# A disk smaller than one cylinder holds no cylinder-aligned partition, and says so.
+img=$WORK/tiny.img
+truncate -s 4M "$img"
+refuse "$img" <<<"1|The disk (4.0MB) is smaller than one cylinder (7.8MB) -- use /ALIGN:1MB|1 /CRE /PRI"
+made "$img" 1 /CRE /PRI /ALIGN:1MB
+[ "$(parts "$img")" = "1 2048 6144 1" ] || fail "4 MB disk with /ALIGN:1MB: $(parts "$img")"
 img=$WORK/full.img
 truncate -s 64M "$img"
 made "$img" 1 /CRE /PRI /SZ:100P

@@ -153,4 +153,38 @@ expect_rc 0 "gpt_lba0: /DEL /P:1 /QWIPE"
 table_ok "$img" "gpt_lba0 after wipe"
 [ "$(table_of "$img" | cut -d' ' -f1,2)" = "12288 8192" ] || fail "gpt_lba0: sfdisk reads: $(table_of "$img")"
 blkid -p -o value -s PTTYPE "$img" | grep -qx gpt || fail "gpt_lba0: blkid does not see a GPT"
+
+# A GPT image cut short (its backup past the end): the partitions are read from the primary as
+# sfdisk reads them, the misplaced backup is a finding, and the next change writes the backup
+# at the image's real end; a change that would put the backup over a partition is refused.
+img=$WORK/cut.img
+for cut in 65528K 40M; do  # within the backup array (sfdisk reads the primary), and far past it
+  truncate -s 64M "$img"
+  printf 'label: gpt\nstart=2048, size=16384\nstart=18432, size=8192\n' | sfdisk -q "$img" >/dev/null
+  truncate -s "$cut" "$img"
+  kd "$img" 1 /STATUS
+  expect_rc 0 "GPT cut to $cut: /STATUS"
+  expect_text "The backup GPT header would lie at block 131071, past the disk's last block" "GPT cut to $cut"
+  [ "$(grep -cE '^ +[12]  .* PRIMARY ' <<<"$OUT")" = 2 ] || fail "GPT cut to $cut: partitions not listed: $OUT"
+  kd "$img" /STATUS /JSON
+  mine=$(jq -r '[.disks[0].partitions[] | "\(.start) \(.size)"] | join(",")' "$WORK/out")
+  [ "$mine" = "2048 16384,18432 8192" ] || fail "GPT cut to $cut: /JSON lists $mine"
+  [ "$cut" != 65528K ] || [ "$(sfdisk -J "$img" 2>/dev/null |
+    jq -r '[.partitiontable.partitions[] | "\(.start) \(.size)"] | join(",")')" = "$mine" ] ||
+    fail "GPT cut to $cut: sfdisk reads otherwise"
+  kd "$img" 1 /CRE /PRI /SZ:4 /Y
+  expect_rc 0 "GPT cut to $cut: /CRE"
+  table_ok "$img" "GPT cut to $cut, after /CRE"
+  [ "$(table_of "$img" | cut -d' ' -f1,2 | head -2 | paste -sd,)" = "2048 16384,18432 8192" ] ||
+    fail "GPT cut to $cut: the partitions moved: $(table_of "$img")"
+  kd "$img" 1 /STATUS
+  ! grep -q "GPT header" <<<"$out" || fail "GPT cut to $cut, after /CRE: still a finding: $out"
+done
+truncate -s 64M "$img"
+printf 'label: gpt\nstart=2048, size=16384\nstart=18432, size=8192\n' | sfdisk -q "$img" >/dev/null
+truncate -s 12M "$img"  # through partition 2
+before=$(sha "$img")
+kd "$img" 1 /CRE /PRI /SZ:1 /Y
+expect_rc 1 "GPT cut through a partition: /CRE"
+[ "$(sha "$img")" = "$before" ] || fail "GPT cut through a partition: image changed"
 finish

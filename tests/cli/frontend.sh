@@ -58,8 +58,15 @@ run /?
 expect_rc 0 "/?"
 for t in "Fixed Disk Partitioning Utility" "Kdisk 11.5.1" "kdisk disk /DEL {/P:partn-no|/ALL}" \
   "Adding virtual disks as regular disks to the disk list." "/ADDDISK=" "/AD=" "VMDK" \
-  "Option to preserve Corvo Boot Partition during disk wipe operation" "kdisk /keepcorvoboot"; do
+  "Option to preserve Corvo Boot Partition during disk wipe operation" "kdisk /keepcorvoboot" \
+  "kdisk disk /GPT /WIPE" "kdisk [disk] /BATCH[:filename]" "[/SER] [/JSON]"; do
   expect_in "$t" out "/?"
+done
+helptext=$out
+for h in --help -h; do  # other programs' help requests
+  run $h
+  expect_rc 0 "$h"
+  [ "$out" = "$helptext" ] && [ -z "$err" ] || fail "$h: not the general help: $err $out"
 done
 while IFS='|' read -r args text; do
   run $args

@@ -54,8 +54,17 @@ refuse "$img" <<T
 1|~All partitions on fixed disk 1 will be deleted and its master boot record reinitialised. Continue?|1 /MBR /WIPE /P
 1|Failed to determine system disk|/REVERT /Y
 2|~Too many parameters -- 1|1 /REVERT /Y
+T
+# A copy of the program without MBR.BIN beside it: /REVERT finds no file (the current folder
+# has none either).
+mkdir -p "$work/lone" "$work/pkg/bin" "$work/pkg/lib/kdisk"
+cp "$KDISK" "$work/lone/kdisk"
+built=$KDISK
+KDISK=$work/lone/kdisk
+refuse "$img" <<T
 1|~Cannot read boot code file mbr.bin -- The boot code file cannot be opened|/BOOTDISK=1 /REVERT /Y
 T
+KDISK=$built
 # The answer No, typed.
 before=$(sha "$img")
 kd_answer $'n\n' "$img" 1 /MBR
@@ -96,14 +105,32 @@ code_is "MBR.BIN beside the program" "$work/bin/MBR.BIN" 300
   fail "MBR.BIN beside the program: the code area is not zero after the file's bytes"
 table_kept "MBR.BIN beside the program"
 
-# /REVERT: mbr.bin from the current folder onto the boot disk, identifiers kept.
+# /REVERT: mbr.bin from the current folder onto the boot disk, identifiers kept (a copy of the
+# program with no boot code file beside it).
 fresh
 head -c 446 /dev/zero | tr '\0' '\61' >"$work/mbr.bin"
+KDISK=$work/lone/kdisk
 (cd "$work" && kd "$img" /BOOTDISK=1 /REVERT /Y)
+KDISK=$built
 expect_rc 0 "/REVERT"
 code_is "/REVERT" "$work/mbr.bin" 440
 [ "$(bytes "$img" 440 4)" = 78563412 ] || fail "/REVERT: the disk signature was not kept"
 table_kept "/REVERT"
+
+# Installed as the package installs it: the program in bin/, the boot code in lib/kdisk/ in
+# capitals. /REVERT and /MBR find it whatever the case, before the current folder's file.
+cp "$KDISK" "$work/pkg/bin/kdisk"
+perl -e 'print map { chr(($_ * 7) % 256) } 0 .. 439' >"$work/pkg/lib/kdisk/MBR.BIN"
+KDISK=$work/pkg/bin/kdisk
+for cmd in "/BOOTDISK=1 /REVERT /Y" "1 /MBR /Y"; do
+  fresh
+  # shellcheck disable=SC2086
+  (cd "$work" && kd "$img" $cmd)
+  expect_rc 0 "installed: $cmd"
+  code_is "installed: $cmd" "$work/pkg/lib/kdisk/MBR.BIN" 440
+  table_kept "installed: $cmd"
+done
+KDISK=$built
 
 # /WIPE: MBR with logical drives, and a GPT disk; afterwards neither tool finds a table entry
 # or a GPT, and the old extended boot records are gone.

@@ -10,9 +10,9 @@ KDISK=$1
 require_partitioning
 need_tools ntfsinfo ntfsls ntfsfix
 
-# vol_check IMAGE N VERSION LABEL WHAT: partition N of IMAGE, copied out, is an NTFS volume
-# of that version with that label, whose boot sector carries the partition's start as its
-# hidden sectors, and which ntfsfix finds clean.
+# vol_check IMAGE N VERSION LABEL WHAT: right after the format, partition N of IMAGE, copied
+# out, is an NTFS volume of that version with that label and the summary's free clusters, whose
+# boot sector carries the partition's start as its hidden sectors, and which ntfsfix finds clean.
 vol_check() {
   local s n t info
   read -r s n t <<<"$(part "$1" "$2")"
@@ -22,6 +22,10 @@ vol_check() {
   info=$(ntfsinfo -m -f "$WORK/vol" 2>&1) || fail "$5: ntfsinfo: $info"
   grep -qx "	Volume Version: $3" <<<"$info" || fail "$5: not version $3: $info"
   grep -qx "	Volume Name: $4" <<<"$info" || fail "$5: label not '$4': $info"
+  # The format's summary counts the free clusters the $Bitmap it wrote leaves.
+  local free
+  free=$(sed -n 's/^ *\([0-9]*\) available allocation units on disk$/\1/p' <<<"$OUT")
+  grep -q "	Free Clusters: $free (" <<<"$info" || fail "$5: summary says $free free clusters: $info"
   [ "$(od -An -tu4 -j28 -N4 "$WORK/vol" | tr -d ' ')" = "$s" ] || fail "$5: hidden sectors differ from $s"
   ntfsls -f "$WORK/vol" >"$WORK/ls" 2>&1 || fail "$5: ntfsls: $(cat "$WORK/ls")"
   ntfsfix -n "$WORK/vol" >"$WORK/fix" 2>&1 || fail "$5: ntfsfix -n: $(cat "$WORK/fix")"
@@ -91,7 +95,7 @@ vol_check "$img" 1 3.1 "Data Volume Thirty-Two Chars 01" "100 MB"
 kd "$img" 1 /CRE /PRI /Y /SZ:50 /FOR /NTFS:NT4 /V:Old
 expect_rc 0 "NT4 beside it"
 kd "$img" 1 /STATUS
-grep -qE '^ +1  07  NTFS/HPFS +Data Volume Thir +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 1: $OUT"
+grep -qE '^ +1  07  NTFS/HPFS +Data Volume +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 1: $OUT"
 grep -qE '^ +2  07  NTFS/HPFS +Old +[0-9.]+MB  NTFS/HPFS +PRIMARY' <<<"$OUT" || fail "status row 2: $OUT"
 # A damaged $Volume record: still listed, without a label.
 read -r s _ <<<"$(part "$img" 1)"

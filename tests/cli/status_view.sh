@@ -53,11 +53,11 @@ got=$(awk '{ for (i = 3; i <= NF; i++) if ($i ~ /MB$/) { print $2, $i; break } }
 [ "$got" = "$want" ] || fail "status rows disagree with sfdisk:"$'\n'"$got"$'\n'"--- sfdisk:"$'\n'"$want"
 [ "$(awk '{ print $1 }' <<<"$rows" | tr '\n' ' ')" = "1 2 3 4 5 6 " ] || fail "display numbers: $rows"
 grep -E '^ +1  06  FAT16 +KDLABEL +10\.0MB  FAT16 +PRIMARY +Yes$' <<<"$rows" >/dev/null || fail "row 1: $rows"
-grep -E '^ +2  07  NTFS/HPFS +4\.0MB  NTFS/HPFS +PRIMARY$' <<<"$rows" >/dev/null || fail "row 2: $rows"
+grep -E '^ +2  07  NTFS/HPFS +4\.0MB +PRIMARY$' <<<"$rows" >/dev/null || fail "row 2: $rows"
 grep -E '^ +3  82  LINUX SWAP +1\.0MB +PRIMARY$' <<<"$rows" >/dev/null || fail "row 3: $rows"
 grep -E '^ +4  0F  +[0-9.]+MB +EXTENDED$' <<<"$rows" >/dev/null || fail "row 4: $rows"
 grep -E '^ +5  83  LINUX +KDEXT +4\.0MB  EXT2FS +LOGICAL$' <<<"$rows" >/dev/null || fail "row 5: $rows"
-grep -E '^ +6  0C  FAT32 +[0-9.]+MB  FAT32 +LOGICAL$' <<<"$rows" >/dev/null || fail "row 6: $rows"
+grep -E '^ +6  0C  FAT32 +[0-9.]+MB +LOGICAL$' <<<"$rows" >/dev/null || fail "row 6: $rows"
 expect_out "   1         " "disk table row"
 
 # /RAW: the CHS values as stored in the first slot.

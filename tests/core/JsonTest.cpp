@@ -60,3 +60,23 @@ TEST(Utf, Utf16NamesBecomeUtf8) {
   };
   for (const auto& c : cases) EXPECT_EQ(utf8FromUtf16(c.in), c.out);
 }
+
+TEST(Utf, LabelsForTheTable) {
+  // Column fitting: cut on a character boundary, padded to the width in columns.
+  const struct {
+    std::string in;
+    size_t columns;
+    std::string out;
+  } fits[] = {
+      {"DATA", 6, "DATA  "},
+      {"ProjectArchive2024Backup", 12, "ProjectArchi"},
+      {"\xd0\x9d\xd0\xbe\xd0\xb2\xd1\x8b\xd0\xb9 \xd1\x82\xd0\xbe\xd0\xbc", 8, "\xd0\x9d\xd0\xbe\xd0\xb2\xd1\x8b\xd0\xb9 \xd1\x82\xd0\xbe"},
+      {"\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e", 5, "\xe6\x97\xa5\xe6\x9c\xac "},  // wide: two columns each
+      {"e\xcc\x81t\xc3\xa9", 3, "e\xcc\x81t\xc3\xa9"},                      // a combining mark takes none
+      {"a\xd0", 3, "a\xef\xbf\xbd "},                                     // a lone byte is U+FFFD
+  };
+  for (const auto& c : fits) EXPECT_EQ(fitColumns(c.in, c.columns), c.out) << c.in;
+  EXPECT_EQ(validUtf8("ok\xc3\xa9\xff"), "ok\xc3\xa9\xef\xbf\xbd");
+  // The DOS code page of FAT names: 0xE5 is a letter there, 0x8F is A with a ring.
+  EXPECT_EQ(utf8FromCp850("\xe5RE \x8fR"), "\xc3\x95RE \xc3\x85R");
+}

@@ -1,7 +1,8 @@
 # The FAT32 boot-code sector, written at sectors 2 and 8 of the volume and run by the FAT32
 # loader at 0000:7E00 with BP = 0x7C00 and the BPB's drive number set to the boot drive. It follows the
-# root directory's cluster chain looking for IO.SYS or WINBOOT.SYS and for MSDOS.SYS and
-# starts the system (start_system in disk.inc); otherwise "Invalid system disk".
+# root directory's cluster chain looking for IO.SYS or WINBOOT.SYS (IO.SYS when both are there)
+# and for MSDOS.SYS and starts the system (start_system in disk.inc); otherwise "Invalid system
+# disk".
         .code16
         .text
         .set    ORIGIN, 0x7e00
@@ -12,10 +13,10 @@
         .include "vars.inc"
 sector:
         # The data area: after the reserved sectors and the FATs.
+        movzwl  14(%bp), %edi           # reserved sectors: where the first FAT starts
         movzbl  16(%bp), %eax           # number of FATs
         mull    36(%bp)                 # sectors per FAT (32-bit)
-        movzwl  14(%bp), %ecx           # reserved sectors
-        addl    %ecx, %eax
+        addl    %edi, %eax
         movl    %eax, VAR_DATA(%bp)
 
         movl    44(%bp), %eax           # the root directory's first cluster
@@ -39,8 +40,7 @@ cluster:
         # The next cluster from the first FAT: 128 entries a sector.
         movl    %eax, %esi
         shrl    $7, %eax
-        movzwl  14(%bp), %ecx
-        addl    %ecx, %eax
+        addl    %edi, %eax
         movw    $FATBUF, %bx
         call    read_sector
         andw    $127, %si
