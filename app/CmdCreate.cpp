@@ -12,6 +12,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
+#include "filesystem/SignatureErase.h"
 #include "filesystem/ext2/Ext2.h"
 #include "filesystem/fat/Fat.h"
 #include "filesystem/ntfs/Ntfs.h"
@@ -65,6 +66,7 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
+    Corvo::Filesystem::eraseSignatures(device);  // nothing of the old contents is found after a cut
     if (request.formatKind == FormatKind::Ext2) {
       Corvo::Filesystem::Ext2FormatOptions ext2;
       if (!request.label.empty()) ext2.label = request.label;

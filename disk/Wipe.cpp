@@ -18,6 +18,7 @@ using Core::Error;
 using Core::ErrorId;
 using Core::message;
 using Core::mkError;
+using Core::mkInformation;
 using Core::mkWarning;
 
 unsigned wipePassCount(int mode, unsigned customCount) {
@@ -203,14 +204,29 @@ std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> k
   return extents;
 }
 
-std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+std::vector<WipeExtent> wipePartition(const PartitionedDisk& layout, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, unsigned partitionNumber, unsigned diskNumber,
                                       const std::vector<WipeExtent>& keep) {
+  DiskDrive& drive = layout.drive();
+  requireOnDevice(drive, first, count);
   drive.requireWritable();
   drive.prepareForChange(first, count);
   RangeBlockDevice device(drive, first, count);
 
-  std::vector<WipeExtent> extents = extentsOutside(count, keep);
+  std::vector<WipeExtent> left = keep;
+  uint64_t tableSectors = 0;
+  for (const SectorRange& t : layout.tableSectors()) {
+    const uint64_t from = std::max(t.first, first), to = std::min(t.first + t.count, first + count);
+    if (from >= to) continue;
+    left.push_back({from - first, to - from});
+    tableSectors += to - from;
+  }
+  if (tableSectors == 1)
+    message(mkInformation, "1 sector of the partition holds a partition table and is left as it is");
+  else if (tableSectors > 1)
+    message(mkInformation, "%s sectors of the partition hold partition tables and are left as they are",
+            std::to_string(tableSectors).c_str());
+  std::vector<WipeExtent> extents = extentsOutside(count, left);
   if (extents.empty()) return {};  // nothing of its own to overwrite
   return wipeDevice(device, mode, customCount, partitionNumber, diskNumber, extents);
 }
