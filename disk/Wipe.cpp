@@ -213,14 +213,18 @@ std::vector<WipeExtent> wipePartition(const PartitionedDisk& layout, uint64_t fi
   drive.prepareForChange(first, count);
   RangeBlockDevice device(drive, first, count);
 
-  std::vector<WipeExtent> left = keep;
-  uint64_t tableSectors = 0;
+  // The table's sectors inside the range, relative to it: the runs of the range outside them
+  // are what is left of it.
+  std::vector<WipeExtent> tables;
   for (const SectorRange& t : layout.tableSectors()) {
-    const uint64_t from = std::max(t.first, first), to = std::min(t.first + t.count, first + count);
-    if (from >= to) continue;
-    left.push_back({from - first, to - from});
-    tableSectors += to - from;
+    const uint64_t from = std::max(t.first, first), to = std::min(t.first + std::min(t.count, ~t.first), first + count);
+    if (from < to) tables.push_back({from - first, to - from});
   }
+  uint64_t tableSectors = 0;
+  for (const WipeExtent& e : extentsOutside(count, tables)) tableSectors += e.count;
+  tableSectors = count - tableSectors;
+  std::vector<WipeExtent> left = keep;
+  left.insert(left.end(), tables.begin(), tables.end());
   if (tableSectors == 1)
     message(mkInformation, "1 sector of the partition holds a partition table and is left as it is");
   else if (tableSectors > 1)
