@@ -103,6 +103,7 @@ KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y
 expect_rc 0 "built-in code"
 code_is "built-in code" "$committed" 440
 head -c 300 /dev/zero | tr '\0' '\353' >"$work/bin/MBR.BIN"
+fresh
 KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y /P
 expect_rc 0 "MBR.BIN beside the program"
 code_is "MBR.BIN beside the program" "$work/bin/MBR.BIN" 300
