@@ -8,8 +8,9 @@
 
 namespace Corvo::Filesystem {
 
-// The areas of a device of `blocks` sectors where the signatures of filesystems, volume
-// managers and disk images live, merged and sorted, cut to the device:
+// The areas of a device of `blocks` blocks of `bytesPerBlock` bytes where the signatures of
+// filesystems, volume managers and disk images live, in blocks, merged and sorted, cut to the
+// device:
 // - the first 68 KiB: the FAT, NTFS and exFAT boot sectors with the FAT32 backup at sector 6
 //   and the exFAT backup boot region at sector 12, XFS and LUKS headers and the LVM label at
 //   the start, the ext2/3/4 superblock at 1024, the RAID 1.2 superblock at 4 KiB, the swap
@@ -19,7 +20,7 @@ namespace Corvo::Filesystem {
 //   256 GiB), the old NTFS backup boot sector in the middle;
 // - the last 128 KiB: the NTFS backup boot sector in the last sector, the RAID 0.90 and 1.0
 //   superblocks near the end.
-std::vector<Disk::SectorRange> signatureAreas(uint64_t blocks);
+std::vector<Disk::SectorRange> signatureAreas(uint64_t blocks, uint32_t bytesPerBlock);
 
 // Writes zeros over every signature area of the device and flushes: the first writes of every
 // format, before any new structure. Throws Core::Error when a write or the flush fails.
