@@ -300,8 +300,8 @@ TEST_F(MbrEditTest, InconsistentTablesGetNoNewOverlap) {
 // In-memory disks: faults, OS layout, sector size.
 
 TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(409600);
+  MemoryAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
   CreationRequest r = req(100 * kMB, 2048);
@@ -333,8 +333,8 @@ TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
 }
 
 TEST(MbrMemoryTest, OsLayoutAndWarnings) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(409600);
+  MemoryAccess* mem = access.get();
   mem->osLayout = true;
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
@@ -363,11 +363,22 @@ TEST(MbrMemoryTest, OsLayoutAndWarnings) {
   EXPECT_EQ(disk->displayList().size(), 3u);
 }
 
-TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600, 4096);
-  MemoryDiskAccess* mem = access.get();
+// A disk of 4 KiB sectors is addressed in its own sectors: an entry of 4096 sectors at 256 is
+// 16 MiB at 1 MiB. It is read, and refused before anything is written.
+TEST(MbrMemoryTest, OtherSectorSizesAreReadInTheirSectorsAndRefusedBeforeWriting) {
+  auto access = std::make_unique<MemoryAccess>(409600, 4096);
+  MemoryAccess* mem = access.get();
+  const uint8_t entry[16] = {0, 0, 0, 0, 0x83, 0, 0, 0, 0x00, 0x01, 0, 0, 0x00, 0x10, 0, 0};
+  std::copy(std::begin(entry), std::end(entry), mem->data.begin() + 446);
+  mem->data[510] = 0x55, mem->data[511] = 0xAA;
   DiskDrive drive(0, std::move(access));
+  EXPECT_EQ(drive.bytesPerBlock(), 4096u);
+  EXPECT_EQ(drive.blockCount(), 409600u / 8);
   auto disk = PartitionedDisk::load(drive);
+  ASSERT_EQ(disk->roots().size(), 1u);
+  EXPECT_EQ(disk->roots()[0]->firstBlock, 256u);
+  EXPECT_EQ(disk->roots()[0]->blockCount, 4096u);
+  EXPECT_EQ(RangeBlockDevice(drive, 256, 4096).bytesPerBlock(), 4096u);
   CreationRequest r;
   try {
     disk->createPrimary(r);
@@ -375,14 +386,14 @@ TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
   } catch (const Error& e) {
     EXPECT_EQ(e.id(), ErrorId::UnsupportedSectorSize);
   }
-  EXPECT_EQ(mem->writeCount, 0u);
+  EXPECT_EQ(mem->writes, 0u);
 }
 
 // Entries whose start plus count passes 2^32 (and the disk) are kept as they are, and a new
 // partition still fits below them. (Long chains: damaged_tables.sh.)
 TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
-  auto access = std::make_unique<MemoryDiskAccess>(8192);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(8192);
+  MemoryAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   BiosBootRecord big;
   big.setSlot(0, 0xFFFFFFF0u, 0xFFFFFFF0u, 0x83, 255, 63);
@@ -396,7 +407,7 @@ TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
   ASSERT_NE(p, nullptr);
   EXPECT_LE(p->lastBlock(), drive.blockCount() - 1);
   // The entry past the end is neither activated nor hidden; deleting it repairs the table.
-  const uint64_t writes = mem->writeCount;
+  const uint64_t writes = mem->writes;
   PartitionNode* broken = disk->findByFirstBlock(0xFFFFFFF0u);
   for (auto change : {+[](PartitionedDisk& d, PartitionNode& n) { d.setActive(n); },
                       +[](PartitionedDisk& d, PartitionNode& n) { d.setType(n, 0x93); }}) {
@@ -407,7 +418,7 @@ TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
       EXPECT_EQ(e.id(), ErrorId::OutOfRange);
     }
   }
-  EXPECT_EQ(mem->writeCount, writes);
+  EXPECT_EQ(mem->writes, writes);
   disk->remove(*broken);
   EXPECT_EQ(disk->displayList().size(), 1u);
 }
@@ -416,8 +427,8 @@ TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
 // clears each record once: what stays is gathered once, not looked up again for every record.
 TEST(MbrMemoryTest, LongChainIsRemovedInOnePass) {
   constexpr uint32_t kDrives = 3000, kStart = 2048;
-  auto access = std::make_unique<MemoryDiskAccess>(kStart + 4 * kDrives + 2048);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(kStart + 4 * kDrives + 2048);
+  MemoryAccess* mem = access.get();
   BiosBootRecord mbr;
   mbr.setSlot(0, kStart, 4 * kDrives, 0x05, 255, 63);
   std::copy_n(mbr.data(), 512, mem->data.data());
@@ -432,7 +443,7 @@ TEST(MbrMemoryTest, LongChainIsRemovedInOnePass) {
   ASSERT_EQ(disk->displayList().size(), kDrives + 1);
   EXPECT_EQ(disk->tableSectors().size(), kDrives + 1);
   disk->remove(*disk->displayList()[0]);
-  EXPECT_EQ(mem->writeCount, kDrives + 1);
+  EXPECT_EQ(mem->writes, kDrives + 1);
   EXPECT_TRUE(disk->displayList().empty());
   for (uint32_t i = 0; i < kDrives; ++i)
     ASSERT_TRUE(std::all_of(mem->data.begin() + (kStart + 4 * i) * 512, mem->data.begin() + (kStart + 4 * i + 1) * 512,

@@ -31,7 +31,7 @@
 namespace {
 
 using namespace Corvo::Disk;
-using KdiskTest::RecordingDiskAccess;
+using KdiskTest::MemoryAccess;
 using KdiskTest::writeSparseImage;
 
 std::vector<uint8_t> readFile(const std::string& path) {
@@ -88,11 +88,12 @@ class WriteOrder : public ::testing::Test {
     }
     const std::string oldLayout = sfdiskLayout(path);
 
-    auto owned = std::make_unique<RecordingDiskAccess>(before);
-    RecordingDiskAccess& rec = *owned;  // the drive owns it
+    auto owned = std::make_unique<MemoryAccess>(before);
+    MemoryAccess& rec = *owned;  // the drive owns it
+    rec.recording = true;
     DiskDrive drive(0, std::move(owned));
     change(*PartitionedDisk::load(drive));
-    writeSparseImage(path, rec.image);
+    writeSparseImage(path, rec.data);
     const std::string newLayout = sfdiskLayout(path);
     ASSERT_NE(newLayout, oldLayout) << "the change changed nothing";
     ASSERT_NE(newLayout, "unreadable");
@@ -108,14 +109,14 @@ class WriteOrder : public ::testing::Test {
     });
     // A disk that stops after write k: the change fails and leaves one of those images.
     for (size_t k = 0; k < rec.writes; ++k) {
-      auto stopping = std::make_unique<RecordingDiskAccess>(before);
-      RecordingDiskAccess& s = *stopping;
+      auto stopping = std::make_unique<MemoryAccess>(before);
+      MemoryAccess& s = *stopping;
       s.stopAfter = k;
       DiskDrive stopped(0, std::move(stopping));
       EXPECT_THROW(change(*PartitionedDisk::load(stopped)), Corvo::Core::Error) << "stop after write " << k;
-      if (seen.count(KdiskTest::imageHash(s.image))) continue;
+      if (seen.count(KdiskTest::imageHash(s.data))) continue;
       // Not one of them byte for byte (new GUIDs are random): sfdisk decides.
-      writeSparseImage(path, s.image);
+      writeSparseImage(path, s.data);
       const std::string layout = sfdiskLayout(path);
       EXPECT_TRUE(layout == oldLayout || layout == newLayout) << "stop after write " << k << ":\n" << layout;
     }
@@ -174,11 +175,11 @@ TEST_F(WriteOrder, GptChangesLeaveTheOldOrTheNewTable) {
 }
 
 // A recording disk on which Ctrl-C is pressed right after write number `interruptAfter`.
-class InterruptedDiskAccess : public RecordingDiskAccess {
+class InterruptedDiskAccess : public MemoryAccess {
  public:
-  using RecordingDiskAccess::RecordingDiskAccess;
+  explicit InterruptedDiskAccess(std::vector<uint8_t> image) : MemoryAccess(std::move(image)) { recording = true; }
   void write(uint64_t first, uint64_t count, const void* buffer) override {
-    RecordingDiskAccess::write(first, count, buffer);
+    MemoryAccess::write(first, count, buffer);
     if (writes == interruptAfter) Corvo::Core::requestInterrupt();
   }
   size_t interruptAfter = SIZE_MAX;
@@ -261,8 +262,8 @@ TEST_F(WriteOrder, WipesNeverWriteTheTable) {
           EXPECT_TRUE(apart) << "a write at sector " << w.first << " reaches the table at " << t.first;
         }
       }
-      total = std::max(total, rec.writes);
-      return std::move(rec.image);
+      total = std::max<size_t>(total, rec.writes);
+      return std::move(rec.data);
     };
     writeSparseImage(path, wipe(SIZE_MAX));
     EXPECT_EQ(sfdiskLayout(path), table) << "after the whole wipe";
@@ -295,7 +296,7 @@ class OverlayDiskAccess : public Corvo::Disk::DiskDriveAccess {
     for (uint64_t s = 0; s < count; ++s) written_[first + s].assign(in + s * 512, in + s * 512 + 512);
   }
   void flush() override { log.push_back({true, 0, {}}); }
-  std::vector<RecordingDiskAccess::Event> log;
+  std::vector<MemoryAccess::Event> log;
 
  private:
   int fd_;
@@ -385,14 +386,15 @@ TEST_F(WriteOrder, HalfMadeFatFilesystemIsNotRecognised) {
     const std::string oldUuid = fatUuid(path);
     ASSERT_EQ(oldUuid, "1234-5678");
 
-    auto owned = std::make_unique<RecordingDiskAccess>(before);
-    RecordingDiskAccess& rec = *owned;  // the drive owns it
+    auto owned = std::make_unique<MemoryAccess>(before);
+    MemoryAccess& rec = *owned;  // the drive owns it
+    rec.recording = true;
     DiskDrive drive(0, std::move(owned));
     {
       KdiskTest::ScopedCapture quiet;
-      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FatFormatOptions{});
+      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FormatOptions{});
     }
-    writeSparseImage(path, rec.image);
+    writeSparseImage(path, rec.data);
     const std::string newUuid = fatUuid(path);
     ASSERT_FALSE(newUuid.empty());
     ASSERT_NE(newUuid, oldUuid);
@@ -400,7 +402,7 @@ TEST_F(WriteOrder, HalfMadeFatFilesystemIsNotRecognised) {
 
     // Each crash image holds no filesystem, or a whole one: the old one only before the first
     // write, the new one only once everything is written.
-    const size_t oldImage = KdiskTest::imageHash(before), newImage = KdiskTest::imageHash(rec.image);
+    const size_t oldImage = KdiskTest::imageHash(before), newImage = KdiskTest::imageHash(rec.data);
     std::set<size_t> seen;
     KdiskTest::forEachCrashImage(before, rec.log, [&](const std::vector<uint8_t>& image) {
       const size_t hash = KdiskTest::imageHash(image);
