@@ -15,6 +15,7 @@
 #include "disk/layout/GptGuid.h"
 #include "disk/layout/PartitionTypes.h"
 #include "filesystem/Formatter.h"
+#include "filesystem/SignatureErase.h"
 
 namespace Kdisk {
 
@@ -92,6 +93,7 @@ bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const Creati
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
+    Corvo::Filesystem::eraseSignatures(device);  // nothing of the old contents is found after a cut
     Corvo::Filesystem::FormatOptions options;
     if (!request.label.empty()) options.label = request.label;
     // Only the full FAT format reads the data area back.

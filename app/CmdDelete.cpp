@@ -38,6 +38,16 @@ std::vector<PartitionNode*> logicalDrives(const PartitionedDisk& disk) {
   return out;
 }
 
+// The logical drives of an extended partition: in the display list they follow it at once
+// (found in one pass, not by walking each drive's chain back to its container).
+std::vector<const PartitionNode*> drivesOf(const std::vector<PartitionNode*>& list, const PartitionNode& extended) {
+  std::vector<const PartitionNode*> out;
+  auto it = std::find(list.begin(), list.end(), &extended);
+  if (it != list.end())
+    for (++it; it != list.end() && (*it)->isLogical(); ++it) out.push_back(*it);
+  return out;
+}
+
 // True when removing the node leaves no partition active: its own flag goes with it, whatever
 // its type, so only the other primaries count.
 bool removalLeavesNoneActive(const PartitionedDisk& disk, const PartitionNode& node) {
@@ -50,7 +60,7 @@ bool wipeNode(FixedDisk& disk, const PartitionNode& node, WipeMode wipeMode, uns
   if (wipeMode == wmNone) return true;
   try {
     std::vector<WipeExtent> failed =
-        wipePartition(*disk.drive, node.firstBlock, node.blockCount, wipeMode, customCount, keep);
+        wipePartition(*disk.layout, node.firstBlock, node.blockCount, wipeMode, customCount, keep);
     // Sectors left unwritten make the wipe a failed one: the table stays as it is.
     if (!failed.empty()) {
       const std::string text = reportUnwrittenSectors(failed, displayNumberOf(*disk.layout, node), disk.index + 1);
@@ -110,9 +120,7 @@ bool deleteExtendedDos(FixedDisk& disk, PartitionNode& node, WipeMode wipeMode, 
                 "The extended DOS partition is hidden and may contain logical DOS drives. Delete it anyway?") != 1)
       return false;
   } else {
-    size_t count = 0;
-    for (const PartitionNode* n : logicalDrives(layout))
-      if (n->extendedContainer() == &node) ++count;
+    const size_t count = drivesOf(layout.displayList(), node).size();
     if (count > 0 && message(mkQuestionPrompted, "The extended DOS partition contains %d logical DOS drive%s. Delete it anyway?",
                              static_cast<int>(count), count == 1 ? "" : "s") != 1)
       return false;
@@ -144,7 +152,10 @@ bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCoun
   }
   // Every partition must be free to change before the first sector is touched.
   try {
-    for (const PartitionNode* n : nodes) disk.drive->prepareForChange(n->firstBlock, n->blockCount);
+    for (const PartitionNode* n : nodes) {
+      if (wipeMode != wmNone) Corvo::Disk::requireOnDevice(*disk.drive, n->firstBlock, n->blockCount);
+      disk.drive->prepareForChange(n->firstBlock, n->blockCount);
+    }
   } catch (const Error& e) {
     message(mkError, wipeMode != wmNone ? "Cannot wipe partition(s) -- %s" : "Cannot delete partition(s) -- %s",
             e.text().c_str());
@@ -157,8 +168,7 @@ bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCoun
       // logical drives; the drives are wiped under their own headings.
       std::vector<WipeExtent> keep;
       if (n.role == PartitionRole::Extended)
-        for (const PartitionNode* l : nodes)
-          if (l->extendedContainer() == &n) keep.push_back({l->firstBlock - n.firstBlock, l->blockCount});
+        for (const PartitionNode* l : drivesOf(nodes, n)) keep.push_back({l->firstBlock - n.firstBlock, l->blockCount});
       print("Wiping Partition %u:\n", static_cast<unsigned>(i + 1));
       if (!wipeNode(disk, n, wipeMode, customCount, "Cannot wipe partition(s) -- %s", keep)) return false;
     }

@@ -4,6 +4,7 @@
 // the program.
 #include "app/BootCodeWrite.h"
 #include "app/Commands.h"
+#include "core/Error.h"
 #include "core/Message.h"
 #include "core/System.h"
 #include "core/Trace.h"
@@ -48,16 +49,28 @@ int commandMbr(SwitchSet& set) {
 
   FixedDisk* disk = findDisk(index);
   if (!disk) return 1;
-  if (wipe) {
-    if (message(mkQuestionPrompted,
-                "All partitions on fixed disk %u will be deleted and its master boot record reinitialised. Continue?",
-                index + 1) != 1)
-      return 1;
-  } else if (message(mkQuestionPrompted, "The master boot record of fixed disk %u will be reinitialised. Continue?",
-                     index + 1) != 1) {
+  const DiskIdMode mode = preserve ? DiskIdMode::Preserve : clear ? DiskIdMode::Clear : DiskIdMode::FromCode;
+  // The question says what becomes of the disk signature that boot loaders find the disk by.
+  std::string idClause;
+  try {
+    const Corvo::Disk::DiskIdChange id = Corvo::Disk::diskIdChange(*disk->drive, code, mode);
+    idClause = id.kind == Corvo::Disk::DiskIdChange::Cleared ? "; its disk signatures are cleared"
+               : id.kind == Corvo::Disk::DiskIdChange::FromCode
+                   ? format("; its disk signature %08X is replaced by %08X from the boot code", id.before, id.after)
+                   : format("; its disk signature %08X is kept", id.before);
+  } catch (const Error& e) {
+    message(mkError, "Cannot write master boot record -- %s", e.text().c_str());
     return 1;
   }
-  const DiskIdMode mode = preserve ? DiskIdMode::Preserve : clear ? DiskIdMode::Clear : DiskIdMode::FromCode;
+  if (wipe) {
+    if (message(mkQuestionPrompted,
+                "All partitions on fixed disk %u will be deleted and its master boot record reinitialised%s. Continue?",
+                index + 1, idClause.c_str()) != 1)
+      return 1;
+  } else if (message(mkQuestionPrompted, "The master boot record of fixed disk %u will be reinitialised%s. Continue?",
+                     index + 1, idClause.c_str()) != 1) {
+    return 1;
+  }
   return writeBootCodeToDisk(*disk, code, mode, wipe);
 }
 

@@ -98,12 +98,20 @@ void BlockDevice::doVerify(uint64_t first, uint64_t count) {
   }
 }
 
+void requireOnDevice(const BlockDevice& device, uint64_t first, uint64_t count) {
+  const uint64_t total = device.blockCount();
+  if (first <= total && count <= total - first) return;
+  const uint64_t last = count == 0 ? first : first + std::min(count - 1, ~uint64_t{0} - first);
+  throw Error(ErrorId::OutOfRange, "The partition extends past the end of the disk (sectors " + std::to_string(first) +
+                                       " to " + std::to_string(last) + " of a disk of " + std::to_string(total) +
+                                       " sectors)")
+      .with("first", std::to_string(first))
+      .with("count", std::to_string(count));
+}
+
 RangeBlockDevice::RangeBlockDevice(BlockDevice& parent, uint64_t first, uint64_t count)
     : parent_(parent), first_(first), count_(count) {
-  if (first > parent.blockCount() || count > parent.blockCount() - first)
-    throw Error(ErrorId::OutOfRange, "Partition range lies outside the disk")
-        .with("first", std::to_string(first))
-        .with("count", std::to_string(count));
+  requireOnDevice(parent, first, count);
 }
 
 void RangeBlockDevice::doRead(uint64_t first, uint64_t count, void* buffer) { parent_.read(first_ + first, count, buffer); }

@@ -18,6 +18,12 @@ inline constexpr uint32_t kLargestSectorSize = 4096;
 // Preferred transfer length: at least 1 MiB.
 inline constexpr uint32_t kDefaultTransferBytes = 1u << 20;
 
+// A run of sectors.
+struct SectorRange {
+  uint64_t first = 0;
+  uint64_t count = 0;
+};
+
 class BlockDevice {
  public:
   virtual ~BlockDevice() = default;
@@ -76,6 +82,12 @@ class BlockDevice {
  private:
   void checkRange(uint64_t first, uint64_t count, const char* what) const;
 };
+
+// Throws OutOfRange ("The partition extends past the end of the disk (sectors A to B of a
+// disk of N sectors)") unless the sectors [first, first + count) lie on the device. Every
+// change of a partition's own sectors or of its entry (activation, hiding, wipe, format) is
+// checked with it before anything is written; deleting the entry is not.
+void requireOnDevice(const BlockDevice& device, uint64_t first, uint64_t count);
 
 // A window of another device: sector 0 here is sector `first` there.
 class RangeBlockDevice : public BlockDevice {

@@ -1,5 +1,7 @@
 #include "disk/PartitionedDisk.h"
 
+#include <algorithm>
+
 #include "core/Message.h"
 #include "disk/layout/PartitionTypes.h"
 
@@ -65,6 +67,13 @@ const PartitionNode* PartitionNode::extendedContainer() const {
   const PartitionNode* p = parent;
   while (p && p->role != PartitionRole::Extended) p = p->parent;
   return p;
+}
+
+std::vector<SectorRange> PartitionedDisk::tableSectors() const {
+  std::vector<SectorRange> out;
+  for (const RawBootRecord& r : rawTables()) out.push_back({r.block, 1});
+  std::sort(out.begin(), out.end(), [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
+  return out;
 }
 
 namespace {

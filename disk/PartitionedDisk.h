@@ -130,6 +130,11 @@ class PartitionedDisk {
   // Sectors at the end of the disk that the table format cannot address (an MBR holds 32-bit
   // sector numbers): no partition of this table can reach them.
   virtual uint64_t blocksBeyondReach() const { return 0; }
+  // The sectors that hold the disk's partition table structures, sorted: by default the boot
+  // records of rawTables() (MBR: the master boot record and every extended boot record read);
+  // GPT: the protective MBR, both headers and both entry arrays. A wipe never writes them,
+  // whatever an entry claims, so that the disk reads with its table at every moment.
+  virtual std::vector<SectorRange> tableSectors() const;
 
   // Partitions in display order (numbers used by /P:): the MBR slots in slot order, the
   // extended partition followed at once by its logical drives in chain order; no auxiliary

@@ -18,6 +18,7 @@ using Core::Error;
 using Core::ErrorId;
 using Core::message;
 using Core::mkError;
+using Core::mkInformation;
 using Core::mkWarning;
 
 unsigned wipePassCount(int mode, unsigned customCount) {
@@ -195,13 +196,32 @@ std::vector<WipeExtent> extentsOutside(uint64_t count, std::vector<WipeExtent> k
   return extents;
 }
 
-std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+std::vector<WipeExtent> wipePartition(const PartitionedDisk& layout, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, const std::vector<WipeExtent>& keep) {
+  DiskDrive& drive = layout.drive();
+  requireOnDevice(drive, first, count);
   drive.requireWritable();
   drive.prepareForChange(first, count);
   RangeBlockDevice device(drive, first, count);
 
-  std::vector<WipeExtent> extents = extentsOutside(count, keep);
+  // The table's sectors inside the range, relative to it: the runs of the range outside them
+  // are what is left of it.
+  std::vector<WipeExtent> tables;
+  for (const SectorRange& t : layout.tableSectors()) {
+    const uint64_t from = std::max(t.first, first), to = std::min(t.first + std::min(t.count, ~t.first), first + count);
+    if (from < to) tables.push_back({from - first, to - from});
+  }
+  uint64_t tableSectors = 0;
+  for (const WipeExtent& e : extentsOutside(count, tables)) tableSectors += e.count;
+  tableSectors = count - tableSectors;
+  std::vector<WipeExtent> left = keep;
+  left.insert(left.end(), tables.begin(), tables.end());
+  if (tableSectors == 1)
+    message(mkInformation, "1 sector of the partition holds a partition table and is left as it is");
+  else if (tableSectors > 1)
+    message(mkInformation, "%s sectors of the partition hold partition tables and are left as they are",
+            std::to_string(tableSectors).c_str());
+  std::vector<WipeExtent> extents = extentsOutside(count, left);
   if (extents.empty()) return {};  // nothing of its own to overwrite
   return wipeDevice(device, mode, customCount, extents);
 }

@@ -9,16 +9,14 @@
 #include <vector>
 
 #include "disk/DiskDrive.h"
+#include "disk/PartitionedDisk.h"
 
 namespace Corvo::Disk {
 
 enum WipeMode : int { wmNone = 0, wmQuick = 1, wmDod = 2, wmCustom = 3 };
 
 // A run of sectors, relative to the device being wiped.
-struct WipeExtent {
-  uint64_t first = 0;
-  uint64_t count = 0;
-};
+using WipeExtent = SectorRange;
 
 // 1 for mode 1, 19 for mode 2, 3 x customCount + 1 for mode 3, 0 otherwise.
 unsigned wipePassCount(int mode, unsigned customCount);
@@ -38,10 +36,14 @@ uint8_t drawWipeRandomByte();
 std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned customCount,
                                    const std::vector<WipeExtent>& extents = {});
 
-// Wipes the sectors [first, first + count) of a drive, leaving out the `keep` extents
-// (relative to first). Refuses with Core::Error, writing nothing, when the drive cannot be
-// written or the range is mounted or in use.
-std::vector<WipeExtent> wipePartition(DiskDrive& drive, uint64_t first, uint64_t count, int mode,
+// Wipes the sectors [first, first + count) of the layout's drive, leaving out the `keep`
+// extents (relative to first) and every sector that holds a partition table structure of the
+// disk (layout.tableSectors()), which the wipe never writes: an entry that covers the master
+// boot record, an extended boot record or a GPT array leaves them as they are, and the
+// information message says how many sectors were left. Refuses with Core::Error, writing
+// nothing, when the range does not lie on the disk, the drive cannot be written or the range
+// is mounted or in use.
+std::vector<WipeExtent> wipePartition(const PartitionedDisk& layout, uint64_t first, uint64_t count, int mode,
                                       unsigned customCount, const std::vector<WipeExtent>& keep = {});
 
 // The runs of [0, count) that lie outside every `keep` extent, in order.

@@ -283,6 +283,31 @@ std::vector<RawBootRecord> PartitionedDiskGpt::rawTables() const {
   return {r};
 }
 
+std::vector<SectorRange> PartitionedDiskGpt::tableSectors() const {
+  const uint64_t blocks = drive_.blockCount();
+  std::vector<SectorRange> out;
+  // Cut to the disk (a damaged header may point anywhere).
+  auto add = [&](uint64_t block, uint64_t count) {
+    if (block < blocks) out.push_back({block, std::min(count, blocks - block)});
+  };
+  add(0, 1);  // the protective MBR
+  if (!valid_ || blocks < 4) {
+    // Where the headers belong: nothing else of the table can be told.
+    add(1, 1);
+    add(blocks - 1, 1);
+  } else {
+    const uint64_t arrayBlocks =
+        gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), drive_.bytesPerBlock());
+    // Both copies as they will be written, and the copy read when it lay elsewhere.
+    for (const GptHeader* h : {&primary_, &backup_, &table_.header}) {
+      add(h->myBlock(), 1);
+      add(h->entriesBlock(), arrayBlocks);
+    }
+  }
+  std::sort(out.begin(), out.end(), [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
+  return out;
+}
+
 unsigned PartitionedDiskGpt::slotCount() const { return valid_ ? table_.header.entryCount() : 0; }
 unsigned PartitionedDiskGpt::primarySlotsInUse() const {
   if (!valid_) return 0;

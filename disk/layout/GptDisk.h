@@ -36,6 +36,7 @@ class PartitionedDiskGpt : public PartitionedDisk {
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override;
   void reload() override;
+  std::vector<SectorRange> tableSectors() const override;
 
   unsigned slotCount() const override;
   unsigned primarySlotsInUse() const override;

@@ -21,7 +21,7 @@ inline constexpr const char* kMasterBootCodeFileName = "MBR.BIN";
 
 // What happens to the Windows disk identifiers when the code is written.
 enum class DiskIdMode {
-  FromCode,  // the code's own bytes stand, over the whole boot code area
+  FromCode,  // the code's own bytes stand where it covers the area, the disk's elsewhere
   Preserve,  // the NT identifier is kept, and the 9x identifier where the record allows one
   Clear,     // both identifiers are zero
 };
@@ -30,11 +30,21 @@ enum class DiskIdMode {
 // opened or read, InvalidImage when it is empty or larger than one sector.
 std::vector<uint8_t> readBootCodeFile(const std::string& path);
 
-// The master boot record with `code` in its boot code area (the bytes from the start, zero
-// after them up to the table), the table and signature of `current` (a record without the
-// signature counts as blank: its table is dropped and the signature written), and the
+// The master boot record with `code` over the start of its boot code area (the bytes after a
+// shorter code, the NT disk signature at 440 under Kdisk's own 440-byte code among them, stay
+// as `current` has them), the table and signature of `current` (a record without the
+// signature counts as blank: all zero, its table dropped and the signature written), and the
 // identifiers as `mode` says.
 BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std::vector<uint8_t>& code, DiskIdMode mode);
+
+// What writing `code` under `mode` does to the NT disk signature of the drive's master boot
+// record (read from sector 0): kept, cleared, or replaced by bytes 440 to 443 of a code that
+// covers them; the value before and after.
+struct DiskIdChange {
+  enum Kind { Kept, Cleared, FromCode } kind = Kept;
+  uint32_t before = 0, after = 0;
+};
+DiskIdChange diskIdChange(DiskDrive& drive, const std::vector<uint8_t>& code, DiskIdMode mode);
 
 // Writes the new master boot record to the disk. With wipe every partition goes too: the
 // slots are cleared, and after the record is on the medium the extended boot records and any

@@ -30,7 +30,10 @@ std::vector<uint8_t> readBootCodeFile(const std::string& path) {
 BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std::vector<uint8_t>& code, DiskIdMode mode) {
   BiosBootRecord next(true, 4, current.data());
   if (!current.hasSignature()) next = BiosBootRecord(true, 4);
-  next.setBootCode(code.data(), code.size());
+  // The code covers the area from its start; what it does not cover stays as it is on the disk.
+  std::vector<uint8_t> area = next.getBootCode();
+  std::copy_n(code.begin(), std::min(code.size(), area.size()), area.begin());
+  next.setBootCode(area.data(), area.size());
   switch (mode) {
     case DiskIdMode::FromCode:
       break;
@@ -45,6 +48,19 @@ BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std:
       break;
   }
   return next;
+}
+
+DiskIdChange diskIdChange(DiskDrive& drive, const std::vector<uint8_t>& code, DiskIdMode mode) {
+  uint8_t buf[512];
+  drive.read(0, 1, buf);
+  const BiosBootRecord current(true, 4, buf);
+  DiskIdChange change;
+  change.before = current.hasSignature() ? current.getWindowsNtId() : 0;
+  change.after = composeMasterBootRecord(current, code, mode).getWindowsNtId();
+  change.kind = mode == DiskIdMode::Clear                                             ? DiskIdChange::Cleared
+                : mode == DiskIdMode::FromCode && code.size() > kMasterBootCodeSize ? DiskIdChange::FromCode
+                                                                                      : DiskIdChange::Kept;
+  return change;
 }
 
 namespace {

@@ -120,7 +120,8 @@ class MbrDisk : public PartitionedDisk {
   void barrier() { drive().flush(); }
   void requireIntact(const Chain& chain) const;
   void writeRecord(uint64_t block, const BiosBootRecord& record);
-  void clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord);
+  void clearRecords(const std::vector<uint64_t>& blocks, const PartitionNode* removed,
+                    const PartitionNodeBootRecord* removedRecord);
   BiosBootRecord masterForWriting() const;
   std::vector<Range> occupied(const PartitionNode* except, bool keepFirstRecord) const;
   std::vector<Range> freeIntervals(std::vector<Range> used, uint64_t lo, uint64_t hi) const;
@@ -370,25 +371,42 @@ void MbrDisk::writeRecord(uint64_t block, const BiosBootRecord& record) {
   drive().writeRecord(block, record.data(), BiosBootRecord::kSize);
 }
 
-// Zeroes a boot record that left the chain, unless its sector belongs to a partition that
-// stays (possible only on tables that already overlapped).
-void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed, const PartitionNodeBootRecord* removedRecord) {
-  if (block == 0 || block >= drive().blockCount()) return;
+// Zeroes boot records that left the chain, except a sector that still belongs to something
+// that stays (possible only on tables that already overlapped): a record of another chain or
+// a partition that is not removed. What stays is gathered once, so a chain of any length is
+// cleared in one pass.
+void MbrDisk::clearRecords(const std::vector<uint64_t>& blocks, const PartitionNode* removed,
+                           const PartitionNodeBootRecord* removedRecord) {
+  std::vector<Range> kept;
+  auto keep = [&](uint64_t first, uint64_t count) {
+    if (count) kept.push_back({first, first + std::min(count, ~uint64_t{0} - first)});
+  };
+  for (const auto& root : roots_)
+    if (root.get() != removed && !root->isExtendedType()) keep(root->firstBlock, root->blockCount);
   for (const Chain& c : chains_) {
-    if (c.extended == removed) continue;
-    for (const auto& r : c.records)
-      if (r->block() == block && r.get() != removedRecord) return;  // still another chain's record
-  }
-  for (PartitionNode* n : displayList()) {
-    if (n == removed || n->isExtendedType()) continue;
-    if (removed && n->parent && removed->isExtendedType()) {
-      const PartitionNode* ext = n->extendedContainer();
-      if (ext == removed) continue;
+    if (c.extended == removed) continue;  // the chain goes with its extended partition
+    for (const auto& r : c.records) {
+      if (r.get() != removedRecord) keep(r->block(), 1);
+      if (r->logical && r->logical != removed) keep(r->logical->firstBlock, r->logical->blockCount);
     }
-    if (block >= n->firstBlock && block < n->firstBlock + n->blockCount) return;
   }
+  // Merged and sorted: a block is kept when the last range starting at or before it covers it.
+  std::sort(kept.begin(), kept.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
+  std::vector<Range> merged;
+  for (const Range& r : kept) {
+    if (!merged.empty() && r.first <= merged.back().end)
+      merged.back().end = std::max(merged.back().end, r.end);
+    else
+      merged.push_back(r);
+  }
+  auto isKept = [&](uint64_t block) {
+    auto it = std::upper_bound(merged.begin(), merged.end(), block,
+                               [](uint64_t b, const Range& r) { return b < r.first; });
+    return it != merged.begin() && block < std::prev(it)->end;
+  };
   const std::vector<uint8_t> zero(drive().bytesPerBlock(), 0);
-  drive().write(block, 1, zero.data());
+  for (uint64_t block : blocks)
+    if (block > 0 && block < drive().blockCount() && !isKept(block)) drive().write(block, 1, zero.data());
 }
 
 BiosBootRecord MbrDisk::masterForWriting() const {
@@ -722,7 +740,10 @@ void MbrDisk::remove(PartitionNode& node) {
     // cleared so that no later extended partition finds stale drives.
     if (Chain* chain = chainOf(&node)) {
       barrier();
-      for (const auto& r : chain->records) clearRecord(r->block(), &node, nullptr);
+      std::vector<uint64_t> blocks;
+      blocks.reserve(chain->records.size());
+      for (const auto& r : chain->records) blocks.push_back(r->block());
+      clearRecords(blocks, &node, nullptr);
     }
     finishChange();
     return;
@@ -753,7 +774,7 @@ void MbrDisk::remove(PartitionNode& node) {
     }
     writeRecord(prevRec.block(), prev);  // unlink first
     barrier();
-    clearRecord(rec.block(), rec.logical, &rec);
+    clearRecords({rec.block()}, rec.logical, &rec);
   }
   finishChange();
 }
@@ -786,6 +807,7 @@ void MbrDisk::setActive(PartitionNode& node) {
   beginChange();
   if (node.role != PartitionRole::Primary || node.tableBlock != 0)
     throw Error(ErrorId::InvalidArgument, "Only primary partitions can be set active");
+  requireOnDevice(drive(), node.firstBlock, node.blockCount);
   BiosBootRecord mbr = master_->record();
   mbr.setActive(static_cast<unsigned>(node.slot));
   writeRecord(0, mbr);
@@ -815,6 +837,7 @@ void MbrDisk::setType(PartitionNode& node, uint8_t type) {
     throw Error(ErrorId::InvalidArgument, "The type of a link entry cannot be changed");
   if (node.role == PartitionRole::Logical && anyExtendedType(type))
     throw Error(ErrorId::InvalidArgument, "A logical DOS drive cannot have an extended partition type");
+  requireOnDevice(drive(), node.firstBlock, node.blockCount);
   if (node.tableBlock == 0) {
     if (std::none_of(roots_.begin(), roots_.end(), [&](const auto& r) { return r.get() == &node; }))
       throw Error(ErrorId::InvalidArgument, "The partition does not belong to this disk's tables");

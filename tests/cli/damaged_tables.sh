@@ -53,8 +53,12 @@ elif recipe == "ebr_loop":          # the second record links back to the first
 elif recipe == "ebr_unsigned":      # the chain links to a record without a signature
     mbr()
     record(EXT, [(0x83, 2048, 2048), (0x05, 8192, 4096)])
-elif recipe == "long_chain":        # 1030 logical drives of 3 sectors, each after its record
-    n = 1030
+elif recipe == "past_end":          # entry 2 runs past the end of the disk (131072 sectors)
+    record(0, [(0x06, 2048, 8192), (0x07, 120000, 20000)])
+elif recipe == "beyond_end":        # entry 2 starts past the end of the disk
+    record(0, [(0x06, 2048, 8192), (0x0C, 200000, 8192)])
+elif recipe in ("long_chain", "chain3000"):  # logical drives of 3 sectors, each after its record
+    n = 1030 if recipe == "long_chain" else 3000
     record(0, [(0x05, 2048, 4 * n)])
     for i in range(n):
         nxt = (0x05, 4 * (i + 1), 4) if i + 1 < n else (0, 0, 0)
@@ -108,7 +112,23 @@ ebr_unsigned|/DEL /LOG:1|1|Fixed disk 1: The extended boot record at sector 1843
 ebr_unsigned|/-ACT /P:3|0|Fixed disk 1: The extended boot record at sector 18432 has no 0xAA55 signature|The specified partition is not active
 gpt_to_top|/STATUS|0|Fixed disk 1 has partition(s) that extend past the end of the disk|
 gpt_to_top|/CRE /PRI /SZ:2|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Maximum space available for primary DOS partition is 1.0MB
+gpt_to_top|/DEL /P:2 /QWIPE /Y|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Cannot wipe Non-DOS partition -- The partition extends past the end of the disk (sectors 12288 to 18446744073709551614 of a disk of 131072 sectors)
+past_end|/ACT /P:2|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Cannot set partition active -- The partition extends past the end of the disk (sectors 120000 to 139999 of a disk of 131072 sectors)
+past_end|/HIDE /P:2|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Cannot hide partition -- The partition extends past the end of the disk (sectors 120000 to 139999
+past_end|/DEL /P:2 /DODWIPE /Y|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Cannot wipe primary DOS partition -- The partition extends past the end of the disk
+past_end|/DEL /ALL /QWIPE /Y|1|Fixed disk 1 has partition(s) that extend past the end of the disk|Cannot wipe partition(s) -- The partition extends past the end of the disk
+beyond_end|/ACT /P:2|1|Fixed disk 1: Partition table entry 2 starts at sector 200000, beyond the end of the disk|Cannot set partition active -- The partition extends past the end of the disk (sectors 200000 to 208191 of a disk of 131072 sectors)
+beyond_end|/HIDE /P:2|1|Fixed disk 1: Partition table entry 2 starts at sector 200000, beyond the end of the disk|Cannot hide partition -- The partition extends past the end of the disk
+beyond_end|/DEL /P:2 /CUSTOMWIPE:1 /Y|1|Fixed disk 1: Partition table entry 2 starts at sector 200000, beyond the end of the disk|Cannot wipe primary DOS partition -- The partition extends past the end of the disk
 T
+
+# Deleting an entry that reaches past the end of the disk, without a wipe, repairs the table.
+for recipe in past_end beyond_end; do
+  img=$WORK/$recipe.img
+  kd "$img" 1 /DEL /P:2 /Y
+  expect_rc 0 "$recipe: /DEL /P:2"
+  [ "$(table_of "$img")" = "2048 8192 6 0" ] || fail "$recipe: sfdisk reads after /DEL /P:2: $(table_of "$img")"
+done
 
 # logicals IMAGE: "start size" of every logical drive, walking the chain of the first extended
 # partition (sfdisk and blkid stop reading long chains early).
@@ -144,12 +164,27 @@ sed '1025d' "$WORK/long.before" | cmp -s - "$WORK/long.after" ||
   fail "long_chain: other drives changed: $(diff <(sed '1025d' "$WORK/long.before") "$WORK/long.after" | head -5)"
 [ "$(table_of "$img" | head -1)" = "2048 4120 5 0" ] || fail "long_chain: sfdisk reads the MBR as $(table_of "$img" | head -1)"
 
+# Deleting the extended partition of a 3000-drive chain clears every record (the records that
+# stay are gathered once, not looked up again for each record): no drive is left to find.
+img=$WORK/chain3000.img
+mk chain3000 "$img"
+kd_answer $'y\n' "$img" 1 /DEL /EXT
+expect_rc 0 "chain3000: /DEL /EXT"
+expect_text "The extended DOS partition contains 3000 logical DOS drives. Delete it anyway?" "chain3000: /DEL /EXT"
+[ "$(count_parts "$img")" -eq 0 ] || fail "chain3000: sfdisk still finds $(count_parts "$img") partitions"
+python3 - "$img" <<'PY' || fail "chain3000: extended boot records are left"
+import sys
+data = open(sys.argv[1], "rb").read()
+sys.exit(any(any(data[(2048 + 4 * i) * 512:(2049 + 4 * i) * 512]) for i in range(3000)))
+PY
+
 # A wipe of a GPT entry that covers LBA 0 cannot leave the protective MBR destroyed: the
 # surviving entry stays visible to sfdisk.
 img=$WORK/gpt_lba0.img
 mk gpt_lba0 "$img"
 kd "$img" 1 /DEL /P:1 /QWIPE /Y
 expect_rc 0 "gpt_lba0: /DEL /P:1 /QWIPE"
+expect_line "34 sectors of the partition hold partition tables and are left as they are" "gpt_lba0: /DEL /P:1 /QWIPE"
 table_ok "$img" "gpt_lba0 after wipe"
 [ "$(table_of "$img" | cut -d' ' -f1,2)" = "12288 8192" ] || fail "gpt_lba0: sfdisk reads: $(table_of "$img")"
 blkid -p -o value -s PTTYPE "$img" | grep -qx gpt || fail "gpt_lba0: blkid does not see a GPT"

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# /MBR and /REVERT on images: the code area byte for byte under /P, /Z and neither, the code
+# /MBR and /REVERT on images: the code area byte for byte under /P, /Z and neither (a code
+# shorter than the area leaves the rest, the disk signature included, as it was), the question
+# naming what becomes of the disk signature, the code
 # from /REPLACE:file, MBR.BIN beside the program or the built-in copy, /WIPE leaving no table
 # that sfdisk or blkid finds, and every refusal leaving the image unchanged.
 set -euo pipefail
@@ -50,8 +52,11 @@ refuse "$img" <<T
 1|~Cannot read boot code file $work/missing.bin -- The boot code file cannot be opened|1 /MBR /REPLACE:$work/missing.bin /Y
 1|~Cannot read boot code file $work/empty.bin -- The boot code file is empty|1 /MBR /REPLACE:$work/empty.bin /Y
 1|~Cannot read boot code file $work/big.bin -- The boot code file is larger than one sector (512 bytes)|1 /MBR /REPLACE:$work/big.bin /Y
-1|~The master boot record of fixed disk 1 will be reinitialised. Continue?|1 /MBR
-1|~All partitions on fixed disk 1 will be deleted and its master boot record reinitialised. Continue?|1 /MBR /WIPE /P
+1|~The master boot record of fixed disk 1 will be reinitialised; its disk signature 12345678 is kept. Continue?|1 /MBR
+1|~The master boot record of fixed disk 1 will be reinitialised; its disk signatures are cleared. Continue?|1 /MBR /Z
+1|~The master boot record of fixed disk 1 will be reinitialised; its disk signature 12345678 is replaced by BBBAB9B8 from the boot code. Continue?|1 /MBR /REPLACE:$work/sector.bin
+1|~The master boot record of fixed disk 1 will be reinitialised; its disk signature 12345678 is kept. Continue?|1 /MBR /P /REPLACE:$work/sector.bin
+1|~All partitions on fixed disk 1 will be deleted and its master boot record reinitialised; its disk signature 12345678 is kept. Continue?|1 /MBR /WIPE /P
 1|Failed to determine system disk|/REVERT /Y
 2|~Too many parameters -- 1|1 /REVERT /Y
 T
@@ -71,23 +76,32 @@ kd_answer $'n\n' "$img" 1 /MBR
 expect_rc 1 "/MBR answered No"
 [ "$(sha "$img")" = "$before" ] || fail "/MBR answered No: the image changed"
 
-# The code and the identifiers: switches, code file, bytes expected at 440..445 (hex).
-while IFS='|' read -r switches file want; do
+# The code and the identifiers: switches, code file, its length, bytes expected at 440..445
+# (hex). Bytes 444 and 445 of the fresh disk are 0x5A 0x5A; after a shorter code the old
+# code's 0x5A bytes stay.
+head -c 100 /dev/zero | tr '\0' '\1' >"$work/short.bin"
+while IFS='|' read -r switches file length want; do
   fresh
+  printf '\132\132' | dd of="$img" bs=1 seek=444 conv=notrunc status=none
   # shellcheck disable=SC2086
   kd "$img" 1 /MBR /Y $switches
   expect_rc 0 "/MBR $switches"
   expect_text "The master boot record of fixed disk 1 has been reinitialised" "/MBR $switches"
   expect_text "Partitions on fixed disk 1" "/MBR $switches"
-  code_is "/MBR $switches" "$file" 440
+  code_is "/MBR $switches" "$file" "$length"
+  [ "$length" -ge 440 ] || [ "$(bytes "$img" "$length" $((440 - length)))" = "$(printf '5a%.0s' $(seq $((440 - length))))" ] ||
+    fail "/MBR $switches: the code area after the code is not as it was"
   [ "$(bytes "$img" 440 6)" = "$want" ] || fail "/MBR $switches: bytes 440..445 are $(bytes "$img" 440 6), expected $want"
   table_kept "/MBR $switches"
 done <<T
-|$committed|000000000000
-/P|$committed|785634120000
-/Z|$committed|000000000000
-/P /REPLACE:$work/sector.bin|$work/sector.bin|78563412bcbd
-/REPLACE:$work/sector.bin|$work/sector.bin|b8b9babbbcbd
+|$committed|440|785634125a5a
+/P|$committed|440|785634125a5a
+/Z|$committed|440|000000005a5a
+/REPLACE:$work/short.bin|$work/short.bin|100|785634125a5a
+/Z /REPLACE:$work/short.bin|$work/short.bin|100|000000005a5a
+/P /REPLACE:$work/sector.bin|$work/sector.bin|440|78563412bcbd
+/Z /REPLACE:$work/sector.bin|$work/sector.bin|440|00000000bcbd
+/REPLACE:$work/sector.bin|$work/sector.bin|440|b8b9babbbcbd
 T
 
 # MBR.BIN beside the program, else the built-in copy.
@@ -98,11 +112,12 @@ KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y
 expect_rc 0 "built-in code"
 code_is "built-in code" "$committed" 440
 head -c 300 /dev/zero | tr '\0' '\353' >"$work/bin/MBR.BIN"
+fresh
 KDISK=$work/bin/kdisk kd "$img" 1 /MBR /Y /P
 expect_rc 0 "MBR.BIN beside the program"
 code_is "MBR.BIN beside the program" "$work/bin/MBR.BIN" 300
-[ "$(bytes "$img" 300 140)" = "$(head -c 140 /dev/zero | od -An -tx1 -v | tr -d ' \n')" ] ||
-  fail "MBR.BIN beside the program: the code area is not zero after the file's bytes"
+[ "$(bytes "$img" 300 140)" = "$(head -c 140 /dev/zero | tr '\0' '\132' | od -An -tx1 -v | tr -d ' \n')" ] ||
+  fail "MBR.BIN beside the program: the code area after the file's bytes is not as it was"
 table_kept "MBR.BIN beside the program"
 
 # /REVERT: mbr.bin from the current folder onto the boot disk, identifiers kept (a copy of the

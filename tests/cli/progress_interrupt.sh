@@ -58,7 +58,7 @@ start_wipe() {
 }
 # stop_wipe SIGNAL: sends the signal, waits at most 20 s for the exit; sets RC.
 stop_wipe() {
-  sleep 0.3
+  sleep "${WAIT:-0.3}"
   kill -"$1" "$pid"
   for _ in $(seq 1 200); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
   if kill -0 "$pid" 2>/dev/null; then
@@ -95,6 +95,25 @@ if [ "$(id -u)" -eq 0 ] && command -v losetup >/dev/null; then
   fi
 else
   echo "note: not root; the loop device case is not checked"
+fi
+
+# ---- A FAT32 disk made by mkfs.fat --mbr=y: partition 1 starts at sector 0, in the master boot
+# record. The wipe leaves that sector alone and says so, so SIGINT at any moment of the wipe
+# leaves the table as it was.
+if command -v mkfs.fat >/dev/null && mkfs.fat --mbr=y -F 32 "$big" >/dev/null 2>&1; then
+  before=$(sfdisk --dump "$big")
+  grep -q 'start= *0,' <<<"$before" || fail "mkfs.fat --mbr=y: partition 1 does not start at sector 0: $before"
+  for WAIT in 0 0.2 0.5 1 1.5; do
+    start_wipe "$big"
+    stop_wipe INT
+    expect_rc 1 "SIGINT after ${WAIT}s of the wipe of a partition over the master boot record"
+    grep -qx "1 sector of the partition holds a partition table and is left as it is" <<<"$OUT" ||
+      fail "the wipe over the master boot record does not say so: $OUT"
+    [ "$(sfdisk --dump "$big")" = "$before" ] || fail "SIGINT after ${WAIT}s: the table is gone: $(sfdisk --dump "$big" 2>&1)"
+  done
+  WAIT=0.3
+else
+  echo "note: mkfs.fat cannot make a disk with --mbr=y; the wipe over the master boot record is not checked"
 fi
 
 # ---- Outside a wipe (waiting at a question) SIGINT ends Kdisk at once, writing nothing.

@@ -64,8 +64,8 @@ TEST(KnownBootCode, DigestOfThePrefixAndTheZeroBytes) {
   EXPECT_FALSE(ours.isBootCodeRecognised());
 }
 
-// /MBR's new record byte for byte: the code over the boot code area, identifiers per switch,
-// table and signature of the old record.
+// /MBR's new record byte for byte: the code over the start of the boot code area and the old
+// record's bytes after it, identifiers per switch, table and signature of the old record.
 TEST(MasterBootCode, ComposeByteForByte) {
   const std::array<uint8_t, 512> old = [] {
     std::array<uint8_t, 512> b = pattern(11);
@@ -84,7 +84,8 @@ TEST(MasterBootCode, ComposeByteForByte) {
     bool oldSigned;
     uint32_t ntId;  // expected at 440
   } cases[] = {
-      {"default, 440 bytes", code440, DiskIdMode::FromCode, true, 0},
+      {"default, 440 bytes", code440, DiskIdMode::FromCode, true, Corvo::Core::get32(old.data() + 440)},
+      {"default, 10 bytes", code10, DiskIdMode::FromCode, true, Corvo::Core::get32(old.data() + 440)},
       {"/P, 440 bytes", code440, DiskIdMode::Preserve, true, Corvo::Core::get32(old.data() + 440)},
       {"/Z, 440 bytes", code440, DiskIdMode::Clear, true, 0},
       {"default, whole sector", code512, DiskIdMode::FromCode, true, Corvo::Core::get32(code512.data() + 440)},
@@ -99,6 +100,7 @@ TEST(MasterBootCode, ComposeByteForByte) {
     BiosBootRecord next = composeMasterBootRecord(BiosBootRecord(true, 4, before.data()), c.code, c.mode);
 
     std::array<uint8_t, 512> want{};
+    if (c.oldSigned) want = old;  // a record without the signature counts as blank
     std::memcpy(want.data(), c.code.data(), std::min<size_t>(c.code.size(), 446));
     Corvo::Core::put32(want.data() + 440, c.ntId);
     if (c.oldSigned) std::memcpy(want.data() + 446, old.data() + 446, 66);  // table and signature

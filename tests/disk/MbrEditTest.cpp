@@ -2,6 +2,8 @@
 // records, each result checked with sfdisk.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "core/Config.h"
 #include "core/Endian.h"
 #include "disk/MbrTestSupport.h"
@@ -404,4 +406,47 @@ TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
   PartitionNode* p = disk->createPrimary(r);  // fits below the broken entry
   ASSERT_NE(p, nullptr);
   EXPECT_LE(p->lastBlock(), drive.blockCount() - 1);
+  // The entry past the end is neither activated nor hidden; deleting it repairs the table.
+  const uint64_t writes = mem->writes;
+  PartitionNode* broken = disk->findByFirstBlock(0xFFFFFFF0u);
+  for (auto change : {+[](PartitionedDisk& d, PartitionNode& n) { d.setActive(n); },
+                      +[](PartitionedDisk& d, PartitionNode& n) { d.setType(n, 0x93); }}) {
+    try {
+      change(*disk, *broken);
+      ADD_FAILURE() << "changed";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.id(), ErrorId::OutOfRange);
+    }
+  }
+  EXPECT_EQ(mem->writes, writes);
+  disk->remove(*broken);
+  EXPECT_EQ(disk->displayList().size(), 1u);
+}
+
+// Deleting an extended partition with 3000 logical drives writes the master boot record and
+// clears each record once: what stays is gathered once, not looked up again for every record.
+TEST(MbrMemoryTest, LongChainIsRemovedInOnePass) {
+  constexpr uint32_t kDrives = 3000, kStart = 2048;
+  auto access = std::make_unique<MemoryAccess>(kStart + 4 * kDrives + 2048);
+  MemoryAccess* mem = access.get();
+  BiosBootRecord mbr;
+  mbr.setSlot(0, kStart, 4 * kDrives, 0x05, 255, 63);
+  std::copy_n(mbr.data(), 512, mem->data.data());
+  for (uint32_t i = 0; i < kDrives; ++i) {
+    BiosBootRecord ebr;  // a drive of 3 sectors after its record, then the link to the next
+    ebr.setSlot(0, 1, 3, 0x83, 255, 63, kStart + 4 * i);
+    if (i + 1 < kDrives) ebr.setSlot(1, 4 * (i + 1), 4, 0x05, 255, 63, kStart);
+    std::copy_n(ebr.data(), 512, mem->data.data() + (kStart + 4 * i) * 512);
+  }
+  DiskDrive drive(0, std::move(access));
+  auto disk = PartitionedDisk::load(drive);
+  ASSERT_EQ(disk->displayList().size(), kDrives + 1);
+  EXPECT_EQ(disk->tableSectors().size(), kDrives + 1);
+  disk->remove(*disk->displayList()[0]);
+  EXPECT_EQ(mem->writes, kDrives + 1);
+  EXPECT_TRUE(disk->displayList().empty());
+  for (uint32_t i = 0; i < kDrives; ++i)
+    ASSERT_TRUE(std::all_of(mem->data.begin() + (kStart + 4 * i) * 512, mem->data.begin() + (kStart + 4 * i + 1) * 512,
+                            [](uint8_t b) { return b == 0; }))
+        << "record " << i;
 }

@@ -11,10 +11,22 @@
 #include <set>
 #include <sstream>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "app/CmdCreate.h"
+#include "core/Crc32.h"
+#include "core/Endian.h"
 #include "core/Error.h"
+#include "core/Interrupt.h"
 #include "disk/DiskDrive.h"
 #include "disk/PartitionedDisk.h"
+#include "disk/Wipe.h"
 #include "disk/layout/GptDisk.h"
+#include "disk/layout/GptFormat.h"
+#include "filesystem/fat/Fat.h"
 #include "filesystem/Formatter.h"
 #include "support/TestSupport.h"
 
@@ -162,6 +174,191 @@ TEST_F(WriteOrder, GptChangesLeaveTheOldOrTheNewTable) {
   });
   check("delete entry", kGpt, [](PartitionedDisk& d) { d.remove(nth(d, 2)); });
   check("initialize", kPrimaryOnly, [](PartitionedDisk& d) { initializeGptDisk(d.drive()); });
+}
+
+// A recording disk on which Ctrl-C is pressed right after write number `interruptAfter`.
+class InterruptedDiskAccess : public MemoryAccess {
+ public:
+  explicit InterruptedDiskAccess(std::vector<uint8_t> image) : MemoryAccess(std::move(image)) { recording = true; }
+  void write(uint64_t first, uint64_t count, const void* buffer) override {
+    MemoryAccess::write(first, count, buffer);
+    if (writes == interruptAfter) Corvo::Core::requestInterrupt();
+  }
+  size_t interruptAfter = SIZE_MAX;
+};
+
+// Stretches GPT entry `index` over the blocks [first, last] in both copies, CRCs right (sfdisk
+// makes no such entries).
+void stretchGptEntry(std::vector<uint8_t>& image, uint32_t index, uint64_t first, uint64_t last) {
+  for (uint64_t at : {uint64_t{1}, image.size() / 512 - 1}) {
+    GptHeader h(image.data() + at * 512);
+    uint8_t* entries = image.data() + h.entriesBlock() * 512;
+    GptRecord r(entries + size_t{index} * h.entrySize());
+    r.setFirstBlock(first);
+    r.setLastBlock(last);
+    r.copyTo(entries + size_t{index} * h.entrySize());
+    h.setEntriesCrc(Corvo::Core::crc32(entries, size_t{h.entryCount()} * h.entrySize()));
+    h.updateHeaderCrc();
+    h.copyTo(image.data() + at * 512);
+  }
+}
+
+// A wipe of an entry that covers table structures (the master boot record, the extended boot
+// records of the chain, the GPT headers and arrays) never writes them: sfdisk reads the same
+// table when Ctrl-C stops the wipe after any of its writes, and after a wipe that completes.
+TEST_F(WriteOrder, WipesNeverWriteTheTable) {
+  const uint64_t last = 32 * 2048 - 1;
+  const struct {
+    const char* what;
+    const std::string& script;
+    unsigned number;  // the partition wiped
+    std::function<void(std::vector<uint8_t>&)> patch;
+  } cases[] = {
+      {"a primary over the master boot record", kPrimaryOnly, 1,
+       [](std::vector<uint8_t>& img) { Corvo::Core::put32(img.data() + 446 + 8, 0); }},  // starts at 0
+      {"the extended partition with its records", kWithExtended, 2, nullptr},
+      {"a GPT entry over the primary header and array", kGpt, 1,
+       [](std::vector<uint8_t>& img) { stretchGptEntry(img, 0, 0, 10239); }},
+      {"a GPT entry over the backup array and header", kGpt, 2,
+       [last](std::vector<uint8_t>& img) { stretchGptEntry(img, 1, 12288, last); }},
+  };
+  const std::string path = dir_.file("wipe.img");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string out;
+    ASSERT_EQ(KdiskTest::runCommand("rm -f " + path + " && truncate -s 32M " + path + " && printf '" + c.script +
+                                        "' | sfdisk -q --no-reread --no-tell-kernel " + path,
+                                    &out),
+              0)
+        << out;
+    std::vector<uint8_t> before = readFile(path);
+    if (c.patch) c.patch(before);
+    writeSparseImage(path, before);
+    const std::string table = sfdiskLayout(path);
+    ASSERT_NE(table, "unreadable");
+
+    // Runs the wipe (three writing passes and a verifying one) with Ctrl-C after write k;
+    // returns the disk.
+    size_t total = 0;
+    auto wipe = [&](size_t k) {
+      auto owned = std::make_unique<InterruptedDiskAccess>(before);
+      InterruptedDiskAccess& rec = *owned;
+      rec.interruptAfter = k;
+      DiskDrive drive(0, std::move(owned));
+      auto disk = PartitionedDisk::load(drive);
+      const PartitionNode& node = nth(*disk, c.number);
+      KdiskTest::ScopedCapture quiet;
+      try {
+        EXPECT_TRUE(wipePartition(*disk, node.firstBlock, node.blockCount, wmCustom, 1).empty());
+        EXPECT_GE(k, rec.writes) << "the wipe went on after Ctrl-C";
+        EXPECT_NE(quiet.sink().infos.find(" left as "),
+                  std::string::npos);
+      } catch (const Corvo::Core::Error& e) {
+        EXPECT_EQ(e.id(), Corvo::Core::ErrorId::Interrupted) << e.text();
+      }
+      Corvo::Core::clearInterrupt();
+      // No write reaches a sector of the table.
+      for (const SectorRange& t : disk->tableSectors()) {
+        for (const auto& w : rec.log) {
+          const bool apart = w.flush || w.first + w.data.size() / 512 <= t.first || t.first + t.count <= w.first;
+          EXPECT_TRUE(apart) << "a write at sector " << w.first << " reaches the table at " << t.first;
+        }
+      }
+      total = std::max<size_t>(total, rec.writes);
+      return std::move(rec.data);
+    };
+    writeSparseImage(path, wipe(SIZE_MAX));
+    EXPECT_EQ(sfdiskLayout(path), table) << "after the whole wipe";
+    for (size_t k = 1; k <= total; k += std::max<size_t>(1, total / 16)) {
+      writeSparseImage(path, wipe(k));
+      EXPECT_EQ(sfdiskLayout(path), table) << "Ctrl-C after write " << k;
+    }
+  }
+}
+
+// A disk over an image file that stays as it is: writes are kept in memory and logged, so
+// that a disk of hundreds of MiB costs only what is written.
+class OverlayDiskAccess : public Corvo::Disk::DiskDriveAccess {
+ public:
+  OverlayDiskAccess(const std::string& base, uint64_t blocks) : fd_(::open(base.c_str(), O_RDONLY)), blocks_(blocks) {}
+  ~OverlayDiskAccess() override { ::close(fd_); }
+  std::string path() const override { return "overlay"; }
+  Geometry getGeometry() const override { return {}; }
+  uint64_t totalBlocks() const override { return blocks_; }
+  void read(uint64_t first, uint64_t count, void* buffer) override {
+    auto* out = static_cast<uint8_t*>(buffer);
+    if (::pread(fd_, out, count * 512, static_cast<off_t>(first * 512)) != static_cast<ssize_t>(count * 512))
+      throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "overlay read");
+    for (auto it = written_.lower_bound(first); it != written_.end() && it->first < first + count; ++it)
+      std::memcpy(out + (it->first - first) * 512, it->second.data(), 512);
+  }
+  void write(uint64_t first, uint64_t count, const void* buffer) override {
+    const auto* in = static_cast<const uint8_t*>(buffer);
+    log.push_back({false, first, std::vector<uint8_t>(in, in + count * 512)});
+    for (uint64_t s = 0; s < count; ++s) written_[first + s].assign(in + s * 512, in + s * 512 + 512);
+  }
+  void flush() override { log.push_back({true, 0, {}}); }
+  std::vector<MemoryAccess::Event> log;
+
+ private:
+  int fd_;
+  uint64_t blocks_;
+  std::map<uint64_t, std::vector<uint8_t>> written_;
+};
+
+// /CRE /PRI /SZ:600 /FOR /Q (FAT32) over space that held an ext2 volume: from the format's
+// first write on, a disk stopped after any write holds nothing blkid takes for ext2.
+TEST_F(WriteOrder, FormatOverAnOldFilesystemIsNeverTakenForIt) {
+  if (!KdiskTest::haveTool("mkfs.ext2")) GTEST_SKIP() << "mkfs.ext2 is not installed";
+  const std::string base = dir_.file("old.img"), work = dir_.file("cut.img");
+  const uint64_t blocks = 620 * 2048;
+  std::string out;
+  ASSERT_EQ(KdiskTest::runCommand("truncate -s 620M " + base + " && mkfs.ext2 -q -F -E offset=1048576 " + base +
+                                      " 600M && printf 'label: dos\n' | sfdisk -q --no-reread --no-tell-kernel " + base,
+                                  &out),
+            0)
+      << out;
+  auto type = [&](const std::string& path) {
+    std::string t;
+    KdiskTest::runCommand("blkid -p -O 1048576 -o value -s TYPE " + path + " 2>/dev/null", &t);
+    while (!t.empty() && t.back() == '\n') t.pop_back();
+    return t;
+  };
+  ASSERT_EQ(type(base), "ext2");
+
+  auto owned = std::make_unique<OverlayDiskAccess>(base, blocks);
+  OverlayDiskAccess& rec = *owned;
+  DiskDrive drive(0, std::move(owned));
+  {
+    auto fixed = std::make_unique<Kdisk::FixedDisk>();
+    fixed->drive = &drive;
+    fixed->layout = PartitionedDisk::load(drive);
+    Kdisk::releaseFixedDiskTable();
+    Kdisk::adoptFixedDisk(std::move(fixed));
+    CreationRequest request;
+    request.sizeBlocks = 600 * 2048;
+    request.formatKind = FormatKind::FatQuick;
+    request.alignment = CreationRequest::kMegabyteAlignment;
+    KdiskTest::ScopedCapture quiet;
+    EXPECT_TRUE(Kdisk::createPrimaryDos(*Kdisk::fixedDisks()[0], request)) << quiet.sink().errors;
+    Kdisk::releaseFixedDiskTable();
+  }
+  // The table entry is the first write, the format's writes follow.
+  ASSERT_GT(rec.log.size(), 2u);
+  ASSERT_EQ(rec.log[0].first, 0u);
+  ASSERT_EQ(KdiskTest::runCommand("cp --sparse=always " + base + " " + work), 0);
+  const int fd = ::open(work.c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  size_t writes = 0;
+  for (const auto& e : rec.log) {
+    if (e.flush) continue;
+    ASSERT_EQ(::pwrite(fd, e.data.data(), e.data.size(), static_cast<off_t>(e.first * 512)),
+              static_cast<ssize_t>(e.data.size()));
+    if (++writes == 1) continue;  // only the entry: the old volume is whole
+    EXPECT_NE(type(work), "ext2") << "stopped after write " << writes;
+  }
+  ::close(fd);
+  EXPECT_EQ(type(work), "vfat");
 }
 
 // blkid's UUID of a filesystem image ("" when it recognises none).

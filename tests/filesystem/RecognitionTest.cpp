@@ -6,7 +6,9 @@
 #include <functional>
 
 #include "core/Endian.h"
+#include "disk/DiskDrive.h"
 #include "filesystem/Recognition.h"
+#include "filesystem/SignatureErase.h"
 #include "support/TestSupport.h"
 
 using namespace Corvo::Filesystem;
@@ -142,5 +144,50 @@ TEST(Recognition, RealFilesystems) {
     EXPECT_EQ(volumeLabelOf(b.data(), b.size()), c.label);
     bool bootSector = c.expected >= 3 && c.expected <= 6;
     EXPECT_EQ(detectContent(b.data(), b.size(), bootSector ? 1001 : 1000), 0u);
+  }
+}
+
+// Before a format, the signatures of whatever the partition held are zeroed: afterwards wipefs
+// and blkid, which look for every signature they know at every place they know, find nothing.
+TEST(Recognition, ErasedSignaturesAreFoundByNoOne) {
+  if (!KdiskTest::haveTool("wipefs")) GTEST_SKIP() << "wipefs is not installed";
+  const struct {
+    const char* tool;
+    std::string command;  // %s is the image (300 MiB, sparse)
+  } cases[] = {
+      {"mke2fs", "mke2fs -q -F -t ext4 %s"},
+      {"mkntfs", "mkntfs -q -F -f %s"},
+      {"mkswap", "mkswap %s"},
+      {"mkswap", "mkswap --pagesize 65536 %s"},
+      {"mkfs.fat", "mkfs.fat -F 32 %s"},
+      {"mkfs.exfat", "mkfs.exfat %s"},
+      {"mkfs.btrfs", "mkfs.btrfs -q -f -K %s"},
+      {"mkfs.reiserfs", "mkfs.reiserfs -q -f %s"},
+      {"cryptsetup", "printf pw | cryptsetup luksFormat -q --type luks2 --pbkdf pbkdf2 --pbkdf-force-iterations 1000 "
+                     "--key-file - %s"},
+      {"xorriso", "xorriso -as mkisofs -quiet -o %s /etc/hostname && truncate -s 300M %s"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command);
+    if (!KdiskTest::haveTool(c.tool)) {
+      std::cout << "skipping " << c.command << ": " << c.tool << " is not installed\n";
+      continue;
+    }
+    TempDir dir;
+    const std::string image = dir.file("old.img");
+    std::string cmd = c.command;
+    for (size_t at; (at = cmd.find("%s")) != std::string::npos;) cmd.replace(at, 2, image);
+    std::string out;
+    ASSERT_EQ(runCommand("truncate -s 300M " + image + " && " + cmd, &out), 0) << out;
+    ASSERT_EQ(runCommand("wipefs --no-act --noheadings -O TYPE " + image, &out), 0);
+    ASSERT_NE(out, "") << "the tool made nothing wipefs finds";
+    {
+      Corvo::Disk::DiskDrive drive(0, Corvo::Disk::openImageDisk(image));
+      eraseSignatures(drive);
+    }
+    runCommand("wipefs --no-act --noheadings -O TYPE,OFFSET " + image, &out);
+    EXPECT_EQ(out, "");
+    runCommand("blkid -p -o value -s TYPE " + image, &out);
+    EXPECT_EQ(out, "");
   }
 }
