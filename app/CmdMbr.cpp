@@ -51,6 +51,7 @@ int commandMbr(SwitchSet& set) {
 
   FixedDisk* disk = findDisk(index);
   if (!disk) return 1;
+  if (!bootRecordFree(*disk, wipe)) return 1;
   if (wipe) {
     if (message(mkQuestionPrompted,
                 "All partitions on fixed disk %u will be deleted and its master boot record reinitialised. Continue?",

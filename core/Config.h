@@ -23,6 +23,8 @@ std::vector<std::string> getList(const std::string& key);
 
 // Key holding the paths given with /ADDDISK= (alias /AD=), in the order given.
 inline constexpr const char* kAddDiskKey = "DiskManager::addDisk";
+// The folder of the partition table backups (/BACKUPDIR=); unset: the user's own state folder.
+inline constexpr const char* kBackupFolderKey = "TableBackup::folder";
 
 // Removes the library's start-up switches from args (args[0] is the program name and stays)
 // and sets their configuration keys. Accepts /NAME and /NAME=value, any case. Throws

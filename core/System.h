@@ -14,6 +14,11 @@ std::string lastSystemErrorText();
 // The folder of the running executable; empty when it cannot be found.
 std::string executableFolder();
 
+// The folder for what the program keeps for the user between runs: $XDG_STATE_HOME/kdisk or
+// ~/.local/state/kdisk (POSIX), %LOCALAPPDATA%\Kdisk (Windows). Empty when the environment
+// names no such place.
+std::string userStateFolder();
+
 // Flushes file buffers and restarts the computer. Returns false with the reason in `why`
 // when the restart could not be started.
 bool restartComputer(std::string& why);

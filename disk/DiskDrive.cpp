@@ -81,6 +81,7 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
+  aboutToWrite(first, count);
   counted([&] { access_->write(first, count, buffer); });
 }
 
@@ -90,6 +91,7 @@ void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
+  aboutToWrite(first, count);
   counted([&] { access_->writeMedium(first, count, buffer); });
 }
 
@@ -104,6 +106,7 @@ void DiskDrive::flush() {
 }
 
 void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
+  if (isWritable()) aboutToWrite(first, count);
   if (isWritable() && access_->zeroRange(first, count, false)) {
     ++okCount_;
     return;
@@ -112,7 +115,9 @@ void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
 }
 
 bool DiskDrive::doZeroQuickly(uint64_t first, uint64_t count) {
-  if (!isWritable() || !access_->zeroRange(first, count, true)) return false;
+  if (!isWritable()) return false;
+  aboutToWrite(first, count);
+  if (!access_->zeroRange(first, count, true)) return false;
   ++okCount_;
   return true;
 }

@@ -136,6 +136,9 @@ class PartitionedDisk {
   virtual void clearActive(PartitionNode& node) = 0;
   virtual void setType(PartitionNode& node, uint8_t type) = 0;  // hide and unhide
 
+  // The layout the tables hold, as the system is told it after a change.
+  virtual OsLayout osLayout() const = 0;
+
   const std::string& lastWarning() const { return lastWarning_; }
 
  protected:

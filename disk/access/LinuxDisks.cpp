@@ -18,6 +18,7 @@
 #include <linux/falloc.h>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -421,6 +422,17 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     Core::TraceScope scope("prepareForChange");
     refuseIfBusy(path_, dev_, firstBlock, blockCount);
   }
+
+  // The lock partitioners and udev take on the whole-disk node.
+  bool lockExclusive(unsigned waitMilliseconds) override {
+    for (unsigned waited = 0;; waited += 50) {
+      if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
+      if (errno != EWOULDBLOCK && errno != EINTR) return true;
+      if (waited >= waitMilliseconds) return false;
+      ::usleep(50 * 1000);
+    }
+  }
+  void unlockExclusive() override { ::flock(fd_, LOCK_UN); }
 
   void setNativePartitionLayout(const OsLayout& layout) override {
     Core::TraceScope scope("setNativePartitionLayout");

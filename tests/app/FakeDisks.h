@@ -51,6 +51,7 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
   const std::vector<std::unique_ptr<Node>>& roots() const override { return roots_; }
   const Corvo::Disk::TableFacts& facts() const override { return facts_; }
   std::vector<Corvo::Disk::RawBootRecord> rawTables() const override { return raw; }
+  Corvo::Disk::OsLayout osLayout() const override { return {}; }
   void reload() override {
     if (failReload) throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "reload failed");
     ++reloads;
