@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -151,6 +152,7 @@ TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folde
     contents_.sectors.push_back(s);
     saved_.insert(b);
   }
+  contents_.tableCount = contents_.sectors.size();
   contents_.tableId = tableIdOf(contents_.sectors, layout.scheme() == PartitionScheme::Gpt);
 
   std::filesystem::create_directories(std::filesystem::path(folder), ec);
@@ -218,6 +220,7 @@ std::string serializeTableBackup(const TableBackupContents& c) {
   out += "sectors: " + std::to_string(c.blocks) + "\n";
   out += "sector size: " + std::to_string(c.bytesPerSector) + "\n";
   out += "table: " + clean(c.tableId) + "\n";
+  out += "table sectors: " + std::to_string(std::min(c.tableCount, c.sectors.size())) + "\n";
   out += "saved sectors: " + std::to_string(c.sectors.size()) + "\n\n";
   for (const SavedSector& s : c.sectors) {
     uint8_t n[8];
@@ -240,7 +243,7 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
   if (Core::crc32(bytes.data(), body) != Core::get32(reinterpret_cast<const uint8_t*>(bytes.data()) + body))
     throw bad("its checksum does not match (the file is damaged)");
   TableBackupContents c;
-  size_t declared = 0;
+  size_t declared = 0, tableCount = SIZE_MAX;
   bool haveCount = false;
   size_t pos = std::string(kMagic).size() + 1;
   while (pos < headEnd) {
@@ -263,6 +266,7 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
     else if (key == "sectors") c.blocks = number();
     else if (key == "sector size") c.bytesPerSector = static_cast<uint32_t>(number());
     else if (key == "table") c.tableId = value;
+    else if (key == "table sectors") tableCount = static_cast<size_t>(number());
     else if (key == "saved sectors") declared = static_cast<size_t>(number()), haveCount = true;
   }
   const size_t first = headEnd + 2;
@@ -277,6 +281,7 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
     std::copy(p + 8, p + kRecordSize, s.bytes.begin());
     c.sectors.push_back(s);
   }
+  c.tableCount = std::min(tableCount, declared);
   return c;
 }
 
@@ -319,14 +324,16 @@ std::vector<uint64_t> restoreOrder(const TableBackupContents& backup) {
     if (b == backupHeader) return 1;
     return 0;
   };
+  const size_t own = std::min(backup.tableCount, backup.sectors.size());
   std::vector<uint64_t> order;
-  for (const SavedSector& s : backup.sectors) order.push_back(s.block);
+  for (size_t i = 0; i < own; ++i) order.push_back(backup.sectors[i].block);
   // Extended boot records link forward: the last of a chain is written first.
   std::sort(order.begin(), order.end(), [&](uint64_t a, uint64_t b) {
     int ra = rank(a), rb = rank(b);
     if (ra != rb) return ra < rb;
     return ra == 0 ? a > b : a < b;
   });
+  for (size_t i = own; i < backup.sectors.size(); ++i) order.push_back(backup.sectors[i].block);
   return order;
 }
 

@@ -31,7 +31,10 @@ struct TableBackupContents {
   uint64_t blocks = 0;
   uint32_t bytesPerSector = 0;
   std::string tableId;  // "MBR disk signature 1234ABCD", "GPT disk GUID ...", or "none"
+  // The saved sectors: first the table's own (tableSectors when the backup was made), then those
+  // added before a write first reached them (structures the change made).
   std::vector<SavedSector> sectors;
+  size_t tableCount = 0;  // how many of sectors are the table's own
 };
 
 // A backup being made. The constructor saves the current table sectors (tableSectors) in a new
@@ -80,10 +83,11 @@ TableBackupContents readTableBackup(const std::string& path);
 // and serial differ), or empty when it was.
 std::string tableBackupMismatch(const TableBackupContents& backup, const DiskDrive& drive);
 
-// Writes the saved sectors back in an order that keeps the disk readable at every instant:
-// the sectors that other structures make reachable first (extended boot records from the
-// last, the backup GPT entry array), then the backup GPT header, the primary entry array, the
-// primary header, and the master boot record last, each flushed before the next. Then tells
+// Writes the saved sectors back in an order that keeps the disk readable at every instant, each
+// flushed before the next: first the saved table from the bottom up (extended boot records from
+// the last, the backup GPT entry array, the backup GPT header, the primary entry array, the
+// primary header, the master boot record), then the sectors of the structures the change had
+// made, which nothing reaches any more once the saved table is back. Then tells
 // the system the layout the disk holds now; its refusal is returned (empty when it took it).
 std::string restoreTableBackup(DiskDrive& drive, const TableBackupContents& backup);
 // The order restoreTableBackup writes in (for tests).

@@ -47,7 +47,7 @@ std::string temporaryName(const std::string& path) {
 
 std::string readWholeFile(const std::string& path, size_t limit) {
   FileIo file;
-  file.openReadOnly(path);
+  file.openReadOnly(path, FileIo::Accept::RegularFile);  // a FIFO or a device is refused, never waited on
   uint64_t size = file.size();
   if (size > limit)
     throw Error(ErrorId::InvalidArgument, path + " is larger than " + std::to_string(limit) + " bytes")

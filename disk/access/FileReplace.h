@@ -18,8 +18,9 @@ bool createFileExclusively(const std::string& path);
 // Removes the file; false when it cannot.
 bool removeFile(const std::string& path);
 
-// Reads the whole file. Throws Core::Error (OpenFailed, ReadFailed; InvalidArgument when it
-// is larger than limit bytes).
+// Reads the whole file. Throws Core::Error (OpenFailed, ReadFailed; NotSupported when it is
+// not a regular file (a FIFO is refused, never waited on); InvalidArgument when it is larger
+// than limit bytes).
 std::string readWholeFile(const std::string& path, size_t limit);
 
 // Makes path hold exactly bytes. An existing file keeps its permissions (POSIX) or its
