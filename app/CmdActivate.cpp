@@ -52,10 +52,12 @@ int selectTarget(SwitchSet& set, const Switch& command, const Switch& opposite, 
   if (index == kNoDisk) return 2;
   target.disk = findDisk(index);
   if (!target.disk) return 1;
-  if (target.disk->layout->scheme() == PartitionScheme::Gpt) {
-    message(mkError, hiding ? "Fixed disk %u is a GPT disk -- its partitions cannot be hidden or unhidden"
-                            : "Fixed disk %u is a GPT disk -- its partitions have no active flag",
-            index + 1);
+  const Corvo::Disk::PartitionedDisk& layout = *target.disk->layout;
+  const Corvo::Disk::TableCapabilities can = layout.capabilities();
+  if (hiding ? !can.typeBytes : !can.activeFlag) {
+    message(mkError, hiding ? "Fixed disk %u is a %s disk -- its partitions cannot be hidden or unhidden"
+                            : "Fixed disk %u is a %s disk -- its partitions have no active flag",
+            index + 1, layout.kindName());
     return 1;
   }
   target.node = target.disk->layout->byDisplayNumber(static_cast<unsigned>(number));

@@ -150,8 +150,18 @@ std::optional<std::string> loaderName(const std::string& sectorFile, const std::
   return name;
 }
 
-int addEntry(SwitchSet& set, const std::string& iniPath) {
-  std::string desc, dText, pText, folder = "WINNT", sectorFile;
+// What /BOOTINI /ADD asks for, read from the switches before anything is looked at.
+struct AddOrder {
+  std::string desc, folder = "WINNT", sectorFile, entryPath;
+  uint32_t diskIndex = 0;
+  long partNumber = 0;
+  bool winnt = false;
+};
+
+// Reads and checks the switches of /ADD; 0, or 2 after saying what is wrong.
+int readAddOrder(SwitchSet& set, const std::string& iniPath, AddOrder& order) {
+  std::string& desc = order.desc;
+  std::string dText, pText;
   if (!set.isPresent(swDESC, &desc)) {
     message(mkError, "Required switch missing -- /DESC");
     return 2;
@@ -180,6 +190,7 @@ int addEntry(SwitchSet& set, const std::string& iniPath) {
     message(mkError, "Conflicting disk parameters. Specify either disk number or /D:disk-no.");
     return 2;
   }
+  order.diskIndex = static_cast<uint32_t>(*diskNumber - 1);
   if (!set.isPresent(swBootiniP, &pText)) {
     message(mkError, "Required switch missing -- /P");
     return 2;
@@ -189,7 +200,8 @@ int addEntry(SwitchSet& set, const std::string& iniPath) {
     message(mkError, "Invalid partition number -- %s", pText.c_str());
     return 2;
   }
-  const bool winnt = set.isPresent(swWINNT);
+  order.partNumber = *partNumber;
+  const bool winnt = order.winnt = set.isPresent(swWINNT);
   if (!winnt && set.isPresent(swSYSFOLDER)) {
     message(mkError, "Conflicting switches. /SYSFOLDER may only be used in conjunction with /WINNT");
     return 2;
@@ -199,6 +211,7 @@ int addEntry(SwitchSet& set, const std::string& iniPath) {
     return 2;
   }
   if (std::string given; set.isPresent(swSYSFOLDER, &given)) {
+    std::string& folder = order.folder;
     folder = given;
     std::replace(folder.begin(), folder.end(), '/', '\\');
     folder.erase(0, folder.find_first_not_of('\\'));
@@ -209,94 +222,109 @@ int addEntry(SwitchSet& set, const std::string& iniPath) {
       return 2;
     }
   }
-  std::string entryPath;
-  if (!winnt) {
-    if (!set.isPresent(swBSECTFILE, &sectorFile)) {
-      const std::string stem = Corvo::Disk::bootSectorFileStem(desc);
-      if (stem.empty()) {
-        message(mkError, "The description leaves no name for the boot sector file -- use /BSECTFILE:file");
-        return 2;
-      }
-#if defined(_WIN32)
-      sectorFile = "C:\\" + stem + ".dat";
-#else
-      sectorFile = (std::filesystem::path(iniPath).parent_path() / (stem + ".dat")).string();
-#endif
-    }
-    auto name = loaderName(sectorFile, iniPath);
-    if (!name) {
-      message(mkError, "The boot sector file must lie in the folder of %s or below it -- %s", iniPath.c_str(),
-              sectorFile.c_str());
+  if (winnt) return 0;
+  std::string& sectorFile = order.sectorFile;
+  if (!set.isPresent(swBSECTFILE, &sectorFile)) {
+    const std::string stem = Corvo::Disk::bootSectorFileStem(desc);
+    if (stem.empty()) {
+      message(mkError, "The description leaves no name for the boot sector file -- use /BSECTFILE:file");
       return 2;
     }
-    entryPath = *name;
+#if defined(_WIN32)
+    sectorFile = "C:\\" + stem + ".dat";
+#else
+    sectorFile = (std::filesystem::path(iniPath).parent_path() / (stem + ".dat")).string();
+#endif
   }
+  auto name = loaderName(sectorFile, iniPath);
+  if (!name) {
+    message(mkError, "The boot sector file must lie in the folder of %s or below it -- %s", iniPath.c_str(),
+            sectorFile.c_str());
+    return 2;
+  }
+  order.entryPath = *name;
+  return 0;
+}
 
+// Saves the partition's boot sector to the order's file (asking before it replaces another).
+int saveBootSector(const AddOrder& order, const std::vector<uint8_t>& sector) {
+  const std::string bytes(reinterpret_cast<const char*>(sector.data()), Corvo::Disk::BiosBootRecord::kSize);
+  const std::string& sectorFile = order.sectorFile;
+  bool same = false;
+  if (Corvo::Disk::fileExists(sectorFile)) {
+    try {
+      same = Corvo::Disk::readWholeFile(sectorFile, kIniLimit) == bytes;
+    } catch (const Error&) {
+    }
+    if (!same && message(mkQuestionPrompted, "Boot sector file %s already exists. Overwrite it?",
+                         sectorFile.c_str()) != 1)
+      return 1;
+  }
+  try {
+    if (!same) Corvo::Disk::writeFileDurably(sectorFile, bytes);
+  } catch (const Error& e) {
+    message(mkError, "Cannot write boot sector file -- %s", e.text().c_str());
+    return 1;
+  }
+  message(mkInformation, "Boot sector of partition %ld saved to %s", order.partNumber, sectorFile.c_str());
+  return 0;
+}
+
+// Checks the order against the disk and the file, then adds the entry.
+int runAdd(AddOrder& order, const std::string& iniPath) {
   IniFile file;
   if (!loadIni(iniPath, file)) return 1;
 
-  const uint32_t index = static_cast<uint32_t>(*diskNumber - 1);
+  const uint32_t index = order.diskIndex;
+  const long partNumber = order.partNumber;
   FixedDisk* disk = findDisk(index);
   if (!disk) return 1;
-  Corvo::Disk::PartitionNode* node = disk->layout->byDisplayNumber(static_cast<unsigned>(*partNumber));
+  Corvo::Disk::PartitionNode* node = disk->layout->byDisplayNumber(static_cast<unsigned>(partNumber));
   if (!node) {
-    message(mkError, "Invalid partition number -- %ld", *partNumber);
+    message(mkError, "Invalid partition number -- %ld", partNumber);
     return 1;
   }
   if (node->role != Corvo::Disk::PartitionRole::Primary && node->role != Corvo::Disk::PartitionRole::Logical) {
-    message(mkError, "Partition %ld is an extended partition and cannot be started from the boot menu", *partNumber);
+    message(mkError, "Partition %ld is an extended partition and cannot be started from the boot menu", partNumber);
     return 1;
   }
-  std::array<uint8_t, 512> sector{};
-  if (winnt) {
+  std::vector<uint8_t> sector;
+  if (order.winnt) {
     if (disk->layout->scheme() != Corvo::Disk::PartitionScheme::Mbr) {
       message(mkError, "Fixed disk %u is a GPT disk -- the boot loader cannot start Windows from it", index + 1);
       return 1;
     }
-    entryPath = Corvo::Disk::arcPath(index, Corvo::Disk::arcPartitionOrdinal(*disk->layout, *node), folder);
+    order.entryPath = Corvo::Disk::arcPath(index, Corvo::Disk::arcPartitionOrdinal(*disk->layout, *node), order.folder);
   } else {
     try {
-      disk->drive->read(node->firstBlock, 1, sector.data());
+      sector = disk->drive->readSector(node->firstBlock);
     } catch (const Error& e) {
-      message(mkError, "Cannot read the boot sector of partition %ld -- %s", *partNumber, e.text().c_str());
+      message(mkError, "Cannot read the boot sector of partition %ld -- %s", partNumber, e.text().c_str());
       return 1;
     }
     if (!Corvo::Disk::BiosBootRecord(false, 0, sector.data()).hasSignature())
       message(mkWarning, "The boot sector of partition %ld has no boot signature; the entry may not start",
-              *partNumber);
+              partNumber);
   }
 
   unsigned number = 0;
   try {
-    number = file.ini->add(entryPath, desc);
+    number = file.ini->add(order.entryPath, order.desc);
   } catch (const Error& e) {
     message(mkError, "Cannot add boot entry -- %s", e.text().c_str());
     return 1;
   }
-
-  if (!winnt) {
-    const std::string bytes(reinterpret_cast<const char*>(sector.data()), sector.size());
-    bool same = false;
-    if (Corvo::Disk::fileExists(sectorFile)) {
-      try {
-        same = Corvo::Disk::readWholeFile(sectorFile, kIniLimit) == bytes;
-      } catch (const Error&) {
-      }
-      if (!same && message(mkQuestionPrompted, "Boot sector file %s already exists. Overwrite it?",
-                           sectorFile.c_str()) != 1)
-        return 1;
-    }
-    try {
-      if (!same) Corvo::Disk::writeFileDurably(sectorFile, bytes);
-    } catch (const Error& e) {
-      message(mkError, "Cannot write boot sector file -- %s", e.text().c_str());
-      return 1;
-    }
-    message(mkInformation, "Boot sector of partition %ld saved to %s", *partNumber, sectorFile.c_str());
-  }
+  if (!order.winnt && saveBootSector(order, sector) != 0) return 1;
   int rc = save(file, "Cannot add boot entry");
-  if (rc == 0) message(mkInformation, "Boot entry %u added -- %s=\"%s\"", number, entryPath.c_str(), desc.c_str());
+  if (rc == 0)
+    message(mkInformation, "Boot entry %u added -- %s=\"%s\"", number, order.entryPath.c_str(), order.desc.c_str());
   return rc;
+}
+
+int addEntry(SwitchSet& set, const std::string& iniPath) {
+  AddOrder order;
+  const int rc = readAddOrder(set, iniPath, order);
+  return rc != 0 ? rc : runAdd(order, iniPath);
 }
 
 // /ENTRY: as a number from 1; 0 after printing why.

@@ -13,9 +13,7 @@
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
-#include "filesystem/ext2/Ext2.h"
-#include "filesystem/fat/Fat.h"
-#include "filesystem/ntfs/Ntfs.h"
+#include "filesystem/Formatter.h"
 
 namespace Kdisk {
 
@@ -31,7 +29,9 @@ namespace {
 
 constexpr unsigned kPrimarySlots = 4;
 
-double toMegabytes(uint64_t blocks) { return static_cast<double>(blocks) * 512.0 / 1048576.0; }
+double toMegabytes(const PartitionedDisk& disk, uint64_t blocks) {
+  return static_cast<double>(disk.drive().bytesOf(blocks)) / 1048576.0;
+}
 
 bool primarySlotsFull(const PartitionedDisk& disk) {
   return disk.scheme() == PartitionScheme::Mbr && disk.primarySlotsInUse() >= kPrimarySlots;
@@ -54,7 +54,7 @@ PartitionNode* placePartition(FixedDisk& fixed, CreationRequest& request, Partit
     if (request.largestAvailable == 0)
       message(mkError, "%s", fullText);
     else
-      message(mkError, maxText, toMegabytes(request.largestAvailable));
+      message(mkError, maxText, toMegabytes(disk, request.largestAvailable));
     return nullptr;
   }
   if (!disk.lastWarning().empty()) message(mkWarning, "%s", disk.lastWarning().c_str());
@@ -64,39 +64,29 @@ PartitionNode* placePartition(FixedDisk& fixed, CreationRequest& request, Partit
 // Formats the new partition as the request asks. The partition stays in the table whatever
 // happens here: it was written before formatting began.
 bool formatNewPartition(FixedDisk& disk, const PartitionMark& part, const CreationRequest& request) {
-  if (request.formatKind == FormatKind::None) return true;
+  const Corvo::Filesystem::Formatter* formatter = Corvo::Filesystem::formatterFor(request.formatKind);
+  if (!formatter) return true;
   Corvo::Disk::DiskDrive& drive = *disk.drive;
   try {
     drive.prepareForChange(part.firstBlock, part.blockCount);
     Corvo::Disk::RangeBlockDevice device(drive, part.firstBlock, part.blockCount);
-    if (request.formatKind == FormatKind::Ext2) {
-      Corvo::Filesystem::Ext2FormatOptions ext2;
-      if (!request.label.empty()) ext2.label = request.label;
-      Corvo::Filesystem::formatExt2(device, ext2);
-      return true;
-    }
-    Corvo::Filesystem::FatFormatOptions options;
+    Corvo::Filesystem::FormatOptions options;
+    if (!request.label.empty()) options.label = request.label;
+    // Only the full FAT format reads the data area back.
     options.verify = request.formatKind == FormatKind::FatFull;
     options.sectorsPerTrack = static_cast<uint16_t>(drive.geometry().sectorsPerTrack);
     options.heads = static_cast<uint16_t>(drive.geometry().heads);
     // The boot sector's hidden-sector field is 32 bits wide.
     options.hiddenSectors = static_cast<uint32_t>(std::min<uint64_t>(part.firstBlock, 0xFFFFFFFFull));
-    if (!request.label.empty()) options.label = request.label;
-    if (request.formatKind == FormatKind::Ntfs) {
-      Corvo::Filesystem::NtfsFormatOptions ntfs;
-      ntfs.versionCode = request.versionCode;
-      ntfs.sectorsPerTrack = options.sectorsPerTrack;
-      ntfs.heads = options.heads;
-      ntfs.hiddenSectors = options.hiddenSectors;
-      ntfs.label = options.label;
-      Corvo::Filesystem::formatNtfs(device, ntfs);
-      return true;
-    }
-    const PartitionedDisk& layout = *disk.layout;
-    Corvo::Filesystem::formatFat(device, fatTypeIndexFor(part.type, part.blockCount, layout.fat32Support, layout.ntFat16),
-                                 options);
+    options.versionCode = request.versionCode;
+    options.partitionType = part.type;
+    options.fat32Support = disk.layout->fat32Support;
+    options.ntFat16 = disk.layout->ntFat16;
+    print("%s", formatSummaryText(formatter->format(device, options)).c_str());
   } catch (const Error& e) {
-    // The same wording serves logical drives.
+    // A failed step of the format is named first; the same wording serves logical drives.
+    if (const std::string step = e.property("step"); !step.empty())
+      message(mkError, "%s -- %s", step.c_str(), e.text().c_str());
     message(mkError, "Cannot format primary DOS partition -- %s", e.text().c_str());
     return false;
   }
@@ -143,6 +133,11 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
 
 bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
   PartitionedDisk& layout = *disk.layout;
+  if (!layout.capabilities().extendedPartitions) {
+    message(mkError, "Extended DOS partition could not be created -- Extended DOS partitions are not supported on %s disks",
+            layout.kindName());
+    return false;
+  }
   if (layout.scheme() == PartitionScheme::Mbr) {
     if (dosExtendedPartition(layout)) {
       message(mkError, "Extended DOS partition already exists");
@@ -167,6 +162,11 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
 
 bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
   PartitionedDisk& layout = *disk.layout;
+  if (!layout.capabilities().logicalDrives) {
+    message(mkError, "Logical DOS drive could not be created -- Logical DOS drives are not supported on %s disks",
+            layout.kindName());
+    return false;
+  }
   if (layout.scheme() == PartitionScheme::Mbr) {
     const PartitionNode* ext = dosExtendedPartition(layout);
     if (!ext) {
@@ -283,13 +283,11 @@ int parseCreateSwitches(SwitchSet& set, CreateOrder& order) {
     }
     if (hasValue) {
       // Checked now so that nothing is written for a label the formatter would refuse.
-      if ((request.formatKind == FormatKind::FatFull || request.formatKind == FormatKind::FatQuick) &&
-          !Corvo::Filesystem::validateVolumeLabel(value, true))
-        return 2;
-      if (request.formatKind == FormatKind::Ntfs && !Corvo::Filesystem::validateNtfsLabel(value, true)) return 2;
-      if (const char* problem = request.formatKind == FormatKind::Ext2 ? Corvo::Filesystem::ext2LabelProblem(value) : nullptr) {
-        message(mkError, "%s", problem);
-        return 2;
+      if (const Corvo::Filesystem::Formatter* formatter = Corvo::Filesystem::formatterFor(request.formatKind)) {
+        if (const std::string problem = formatter->labelProblem(value); !problem.empty()) {
+          message(mkError, "%s", problem.c_str());
+          return 2;
+        }
       }
       request.label = value;
     }
@@ -323,12 +321,12 @@ int runCreate(CreateOrder& order) {
   int sizeMb = 0;
   if (order.size) {
     const std::string& value = *order.size;
-    switch (parsePartitionSize(value, layout.drive().blockCount(), sizeMb)) {
+    switch (parsePartitionSize(value, layout.drive().bytesOf(layout.drive().blockCount()), sizeMb)) {
       case SizeStatus::Ok: break;
       case SizeStatus::Invalid: message(mkError, "Invalid partition size -- %s", value.c_str()); return 2;
       case SizeStatus::TooSmall: message(mkError, "Partition size to small -- %s", value.c_str()); return 2;
     }
-    request.sizeBlocks = static_cast<uint64_t>(sizeMb) * 2048;
+    request.sizeBlocks = layout.drive().blocksOf(static_cast<uint64_t>(sizeMb) << 20);  // 1 MB = 2^20 bytes
     // 100 per cent of an empty disk is all of it that a partition can use: the sectors ahead
     // of the first partition and past the last whole cylinder can never be part of one.
     int percent = 0;

@@ -36,7 +36,9 @@ namespace Fs = Corvo::Filesystem;
 
 namespace {
 
-std::string sizeText(uint64_t sectors) { return format("%.1fMB", static_cast<double>(sectors) * 512.0 / 1048576.0); }
+std::string sizeText(const Corvo::Disk::BlockDevice& disk, uint64_t sectors) {
+  return format("%.1fMB", static_cast<double>(disk.bytesOf(sectors)) / 1048576.0);
+}
 
 // ---- Content: filesystem and volume label ------------------------------------------------
 
@@ -54,8 +56,8 @@ Content readContent(Corvo::Disk::DiskDrive& drive, const PartitionNode& node) {
   const uint64_t count = std::min<uint64_t>(node.blockCount, drive.blockCount() - node.firstBlock);
   try {
     Corvo::Disk::RangeBlockDevice partition(drive, node.firstBlock, count);
-    const uint64_t sectors = std::min<uint64_t>((Fs::kContentBytes + 511) / 512, count);
-    std::vector<uint8_t> buf(sectors * 512, 0);
+    const uint64_t sectors = std::min<uint64_t>(partition.blocksOf(Fs::kContentBytes + partition.bytesPerBlock() - 1), count);
+    std::vector<uint8_t> buf(partition.bytesOf(sectors), 0);
     partition.read(0, sectors, buf.data());
     const unsigned code = Fs::detectContent(buf.data(), buf.size(), 0);
     switch (code) {
@@ -103,8 +105,8 @@ void printDiskRow(const FixedDisk& d, const Options& opt) {
   const auto& g = d.drive->geometry();
   std::string ident = opt.serial ? d.drive->serialNumber() : d.drive->model();
   std::string line = format("%4u  %9llu  %5u  %7u  %11s  %s", d.index + 1, static_cast<unsigned long long>(g.cylinders),
-                            g.heads, g.sectorsPerTrack, sizeText(d.drive->blockCount()).c_str(), ident.c_str());
-  if (g.bytesPerSector != 512) line += format("  (sector size %u bytes: read only)", g.bytesPerSector);
+                            g.heads, g.sectorsPerTrack, sizeText(*d.drive, d.drive->blockCount()).c_str(), ident.c_str());
+  if (!d.drive->isWritable()) line += format("  (sector size %u bytes: read only)", g.bytesPerSector);
   if (!d.ok() && d.status) line += "  not accessible -- " + d.status->text();
   print("%s\n", rtrim(line).c_str());
 }
@@ -170,7 +172,7 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
   auto& layout = *d.layout;
   auto rows = buildRows(layout, mark);
   bool gpt = layout.scheme() == PartitionScheme::Gpt;
-  print("\nPartitions on fixed disk %u (%s):\n", d.index + 1, gpt ? "GPT" : "MBR");
+  print("\nPartitions on fixed disk %u (%s):\n", d.index + 1, layout.kindName());
   if (rows.empty()) {
     print("  No partitions\n");
     return;
@@ -187,12 +189,12 @@ void printPartitions(FixedDisk& d, const PartitionMark* mark) {
       std::string system = content.system;
       std::string type = r.node ? Corvo::Disk::gptTypeName(r.node->typeGuid) : "";
       line = format("%9s  %-12s  %11s  %-10s  %-9s  %s", r.number.c_str(), content.label.c_str(),
-                    sizeText(r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
+                    sizeText(*d.drive, r.blockCount).c_str(), system.c_str(), Corvo::Disk::roleName(r.role), type.c_str());
     } else {
       const Corvo::Disk::PartitionTypeInfo t = Corvo::Disk::lookupPartitionType(r.type);
       std::string system = content.system.empty() ? Corvo::Disk::categoryFilesystemName(t.category) : content.system;
       line = format("%9s  %02X  %-11s  %-12s  %11s  %-10s  %-9s  %-6s", r.number.c_str(), r.type, t.name,
-                    content.label.c_str(), sizeText(r.blockCount).c_str(), system.c_str(),
+                    content.label.c_str(), sizeText(*d.drive, r.blockCount).c_str(), system.c_str(),
                     Corvo::Disk::roleName(r.role), r.active ? "Yes" : "");
     }
     if (r.marker) line += std::string("  ") + r.marker;

@@ -67,7 +67,8 @@ class Dumper {
     if (count < 1) return 0;
     Corvo::Disk::DiskDrive& drive = *disk_.drive;
     uint64_t capacity = std::max<uint32_t>(1, drive.preferredTransferBlocks());
-    std::vector<uint8_t> buffer(static_cast<size_t>(std::min(capacity, count)) * 512);
+    const size_t sectorBytes = drive.bytesPerBlock();
+    std::vector<uint8_t> buffer(static_cast<size_t>(std::min(capacity, count)) * sectorBytes);
     uint64_t sector = start, remaining = count;
     while (remaining) {
       uint64_t run = std::min(capacity, remaining);
@@ -80,7 +81,7 @@ class Dumper {
       }
       out_.reserve(static_cast<size_t>(run) * 2700);
       for (uint64_t i = 0; i < run; ++i) {
-        if (!showSector(sector + i, buffer.data() + i * 512)) return 0;
+        if (!showSector(sector + i, buffer.data() + i * sectorBytes, sectorBytes)) return 0;
       }
       flush();
       sector += run;
@@ -91,12 +92,12 @@ class Dumper {
 
  private:
   // False when the user chose to quit.
-  bool showSector(uint64_t sector, const uint8_t* data) {
+  bool showSector(uint64_t sector, const uint8_t* data, size_t bytes) {
     out_ += "\nPhysical Disk " + std::to_string(disk_.index + 1) + ", Sector " + std::to_string(sector) + ":\n";
     out_.append(57, '-');
     out_ += '\n';
     lines_ += 2;
-    for (unsigned off = 0; off < 512; off += 16) {
+    for (unsigned off = 0; off < bytes; off += 16) {
       appendLine(out_, off, data + off);
       ++lines_;
       if (page_ && lines_ >= kLinesPerPage && !pause()) return false;

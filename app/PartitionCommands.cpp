@@ -1,5 +1,6 @@
 #include "app/PartitionCommands.h"
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 
@@ -85,7 +86,7 @@ bool scanPositiveNumber(const std::string& text, int& number) {
   return true;
 }
 
-SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int& megabytes) {
+SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBytes, int& megabytes) {
   int number = 0;
   char c1 = 0, c2 = 0;
   int items = scanNumberChars(value, number, c1, c2);
@@ -97,7 +98,7 @@ SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int
     megabytes = number;
     return SizeStatus::Ok;
   }
-  double diskMb = static_cast<double>(diskBlocks) * 512.0 / 1048576.0;
+  double diskMb = static_cast<double>(diskBytes) / 1048576.0;
   double mb = diskMb * number / 100.0;
   if (mb < 1.0) return SizeStatus::TooSmall;
   megabytes = static_cast<int>(mb);
@@ -111,18 +112,19 @@ const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool n
   return nullptr;
 }
 
-Corvo::Filesystem::FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
-  using namespace Corvo::Disk;
-  switch (type) {
-    case kTypeFat12: return Corvo::Filesystem::ftFat12;
-    case kTypeFat16Small: case kTypeFat16: case kTypeFat16Lba: return Corvo::Filesystem::ftFat16;
-    case kTypeFat32: case kTypeFat32Lba: return Corvo::Filesystem::ftFat32;
-    default: break;
+std::string formatSummaryText(const Corvo::Filesystem::FormatSummary& summary) {
+  std::string text = "Format complete.\n\n";
+  size_t width = 0;
+  for (const auto& line : summary.lines)
+    if (line.count) width = std::max(width, std::to_string(*line.count).size());
+  for (const auto& line : summary.lines) {
+    if (line.count) {
+      const std::string number = std::to_string(*line.count);
+      text += std::string(width - number.size(), ' ') + number + ' ';
+    }
+    text += line.text + '\n';
   }
-  const bool fat32Allowed = fat32Support && !ntFat16;
-  if (blocks < 32774) return Corvo::Filesystem::ftFat12;
-  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return Corvo::Filesystem::ftFat32;
-  return Corvo::Filesystem::ftFat16;
+  return text + '\n';
 }
 
 }  // namespace Kdisk

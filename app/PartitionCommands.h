@@ -6,7 +6,7 @@
 
 #include "app/FixedDisks.h"
 #include "disk/PartitionedDisk.h"
-#include "filesystem/fat/Fat.h"
+#include "filesystem/Formatter.h"
 
 namespace Kdisk {
 
@@ -36,15 +36,15 @@ int scanNumberChars(const std::string& text, int& number, char& c1, char& c2, bo
 bool scanPositiveNumber(const std::string& text, int& number);
 
 enum class SizeStatus { Ok, Invalid, TooSmall };
-// /SZ: megabytes, or nP / np / n% of a disk of diskBlocks sectors (truncated to whole MB).
-SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBlocks, int& megabytes);
+// /SZ: megabytes, or nP / np / n% of a disk of diskBytes bytes (truncated to whole MB).
+SizeStatus parsePartitionSize(const std::string& value, uint64_t diskBytes, int& megabytes);
 
 // The FAT size limits of /-32 and /NTFAT16 for primaries and logical drives; sizeMb 0 means
 // no size was given. Returns the message to print, or null when the size is allowed.
 const char* fatLimitMessage(bool primaryOrLogical, int sizeMb, bool no32, bool ntFat16);
 
-// FAT formatter type for a new partition: from its type byte, or by its size when the byte
-// does not name a FAT type (GPT entries).
-Corvo::Filesystem::FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
+// What /CRE /FOR prints when the format is done: "Format complete.", a blank line, the
+// summary's lines (the counted ones right-aligned in one width) and a blank line.
+std::string formatSummaryText(const Corvo::Filesystem::FormatSummary& summary);
 
 }  // namespace Kdisk

@@ -205,8 +205,8 @@ void writeDisk(JsonWriter& w, const FixedDisk& d, bool raw) {
   w.key("signature");
   w.textOrNull(!gpt && mbr.hasSignature() ? format("%08X", mbr.getWindowsNtId()) : "");
   w.key("guid");
-  const auto* gptDisk = gpt ? dynamic_cast<const Corvo::Disk::PartitionedDiskGpt*>(&layout) : nullptr;
-  w.textOrNull(gptDisk && gptDisk->hasValidTable() ? Corvo::Disk::guidToText(gptDisk->primaryHeader().diskGuid()) : "");
+  const auto guid = layout.diskGuid();
+  w.textOrNull(guid ? Corvo::Disk::guidToText(*guid) : "");
   w.key("partitions");
   w.beginArray();
   const auto list = layout.displayList();

@@ -24,6 +24,12 @@ void BlockDevice::read(uint64_t first, uint64_t count, void* buffer) {
   if (count) doRead(first, count, buffer);
 }
 
+std::vector<uint8_t> BlockDevice::readSector(uint64_t at) {
+  std::vector<uint8_t> sector(bytesPerBlock());
+  read(at, 1, sector.data());
+  return sector;
+}
+
 void BlockDevice::write(uint64_t first, uint64_t count, const void* buffer) {
   checkRange(first, count, "write");
   if (count) doWrite(first, count, buffer);
@@ -45,9 +51,9 @@ bool BlockDevice::zeroQuickly(uint64_t first, uint64_t count) {
 }
 
 void BlockDevice::doWriteZeros(uint64_t first, uint64_t count) {
-  constexpr uint64_t kMaxZeroBlocks = 16384;  // 8 MiB
-  const uint64_t chunk = std::clamp<uint64_t>(preferredTransferBlocks(), 1, kMaxZeroBlocks);
-  const std::vector<uint8_t> zeros(static_cast<size_t>(std::min(chunk, count)) * kSectorSize, 0);
+  const uint64_t maxZeroBlocks = blocksOf(uint64_t{8} << 20);
+  const uint64_t chunk = std::clamp<uint64_t>(preferredTransferBlocks(), 1, std::max<uint64_t>(1, maxZeroBlocks));
+  const std::vector<uint8_t> zeros(static_cast<size_t>(bytesOf(std::min(chunk, count))), 0);
   while (count) {
     const uint64_t n = std::min(chunk, count);
     doWrite(first, n, zeros.data());
@@ -68,7 +74,7 @@ void BlockDevice::writeMedium(uint64_t first, uint64_t count, const void* buffer
 
 void BlockDevice::doVerify(uint64_t first, uint64_t count) {
   uint64_t chunk = std::max<uint32_t>(1, preferredTransferBlocks());
-  std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
+  std::vector<uint8_t> scratch(static_cast<size_t>(bytesOf(std::min(chunk, count))));
   while (count) {
     uint64_t n = std::min(chunk, count);
     try {

@@ -1,5 +1,6 @@
-// Block devices: a disk, a partition (a range of a disk), an image. Sectors are 512 bytes.
-// Every access outside the device is refused with an error object, never performed.
+// Block devices: a disk, a partition (a range of a disk), an image. Every device is addressed in
+// its own logical sectors of bytesPerBlock() bytes (512 unless the device says otherwise);
+// every access outside the device is refused with an error object, never performed.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -10,23 +11,31 @@
 
 namespace Corvo::Disk {
 
+// The default logical sector size, the one of the MBR's own record, and the only size that
+// writes are allowed on for now (see requireSectorSize).
 inline constexpr uint32_t kSectorSize = 512;
-// Preferred transfer length: at least 1 MiB (2048 sectors).
-inline constexpr uint32_t kDefaultTransferBlocks = 2048;
+// Preferred transfer length: at least 1 MiB.
+inline constexpr uint32_t kDefaultTransferBytes = 1u << 20;
 
 class BlockDevice {
  public:
   virtual ~BlockDevice() = default;
 
   virtual uint64_t blockCount() const = 0;
+  // The logical sector size: the unit of every address and count of this device.
   virtual uint32_t bytesPerBlock() const { return kSectorSize; }
   // Sectors moved by one transfer of the preferred length (reads, writes, wipes, verify).
-  virtual uint32_t preferredTransferBlocks() const { return kDefaultTransferBlocks; }
+  virtual uint32_t preferredTransferBlocks() const { return kDefaultTransferBytes / bytesPerBlock(); }
+  // Bytes in `blocks` sectors, and whole sectors in `bytes` (rounded down).
+  uint64_t bytesOf(uint64_t blocks) const { return blocks * bytesPerBlock(); }
+  uint64_t blocksOf(uint64_t bytes) const { return bytes / bytesPerBlock(); }
   // Media descriptor byte for FAT: 0xF8 for a fixed disk.
   virtual uint8_t mediaByte() const { return 0xF8; }
 
   // Multi-sector transfers. Throw Core::Error (OutOfRange, ReadFailed, WriteFailed, ...).
   void read(uint64_t first, uint64_t count, void* buffer);
+  // One sector in a buffer of bytesPerBlock() bytes (a 512-byte record is its first bytes).
+  std::vector<uint8_t> readSector(uint64_t at);
   void write(uint64_t first, uint64_t count, const void* buffer);
   // Checks that the sectors can be read back; writes nothing. Throws VerifyFailed.
   void verify(uint64_t first, uint64_t count);
@@ -69,6 +78,7 @@ class RangeBlockDevice : public BlockDevice {
  public:
   RangeBlockDevice(BlockDevice& parent, uint64_t first, uint64_t count);
   uint64_t blockCount() const override { return count_; }
+  uint32_t bytesPerBlock() const override { return parent_.bytesPerBlock(); }
   uint32_t preferredTransferBlocks() const override { return parent_.preferredTransferBlocks(); }
   uint8_t mediaByte() const override { return parent_.mediaByte(); }
   void flush() override { parent_.flush(); }
@@ -89,13 +99,14 @@ class RangeBlockDevice : public BlockDevice {
   uint64_t first_, count_;
 };
 
+// The one place that refuses writes by sector size: throws UnsupportedSectorSize unless
+// sectors of bytesPerSector bytes are 512 bytes. Devices call it from requireWritable() and
+// before every write.
+void requireSectorSize(uint32_t bytesPerSector);
+
 // Ctrl-C between the chunks of a long operation (a wipe, a format): when the user asked to
 // stop, flushes what was written and throws the progress display's interruption error naming
 // the operation ("Wipe", "Format"). Does nothing otherwise.
-// Throws UnsupportedSectorSize unless sectors of bytesPerSector bytes are 512 bytes: every
-// writer here lays out 512-byte sectors.
-void requireSectorSize(uint32_t bytesPerSector);
-
 void stopIfInterrupted(Core::Progress& progress, BlockDevice& device, const char* operation);
 
 }  // namespace Corvo::Disk

@@ -13,8 +13,8 @@ using Core::Error;
 using Core::ErrorId;
 
 void DiskDriveAccess::verify(uint64_t first, uint64_t count) {
-  const uint64_t chunk = kDefaultTransferBlocks;
-  std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kSectorSize);
+  const uint64_t chunk = kDefaultTransferBytes / kAccessUnit;
+  std::vector<uint8_t> scratch(static_cast<size_t>(std::min(chunk, count)) * kAccessUnit);
   while (count) {
     uint64_t n = std::min(chunk, count);
     read(first, n, scratch.data());
@@ -27,7 +27,9 @@ DiskDrive::DiskDrive(uint32_t numericId, std::unique_ptr<DiskDriveAccess> access
     : id_(numericId), access_(std::move(access)) {
   Core::TraceScope scope("getGeometry");
   geometry_ = access_->getGeometry();
-  blocks_ = access_->totalBlocks();
+  const uint32_t bytes = geometry_.bytesPerSector;
+  if (bytes > kAccessUnit && bytes % kAccessUnit == 0 && bytes <= 65536) unitsPerBlock_ = bytes / kAccessUnit;
+  blocks_ = access_->totalBlocks() / unitsPerBlock_;
   if (geometry_.heads == 0 || geometry_.sectorsPerTrack == 0) {
     geometry_.heads = 255;
     geometry_.sectorsPerTrack = 63;
@@ -37,9 +39,10 @@ DiskDrive::DiskDrive(uint32_t numericId, std::unique_ptr<DiskDriveAccess> access
 
 uint32_t DiskDrive::preferredTransferBlocks() const {
   int64_t bytes = Core::Config::getInt("SequentialAccessDevice::preferredBlockLength", 0);
-  if (bytes >= static_cast<int64_t>(kSectorSize) && bytes <= (int64_t{64} << 20))
-    return std::max<uint32_t>(kDefaultTransferBlocks, static_cast<uint32_t>(bytes / kSectorSize));
-  return std::max<uint32_t>(kDefaultTransferBlocks, access_->preferredTransferBlocks());
+  const uint32_t least = kDefaultTransferBytes / bytesPerBlock();
+  if (bytes >= static_cast<int64_t>(bytesPerBlock()) && bytes <= (int64_t{64} << 20))
+    return std::max<uint32_t>(least, static_cast<uint32_t>(blocksOf(static_cast<uint64_t>(bytes))));
+  return std::max<uint32_t>(least, access_->preferredTransferBlocks() / unitsPerBlock_);
 }
 
 void DiskDrive::requireWritable() const {
@@ -76,23 +79,23 @@ void DiskDrive::counted(Transfer transfer) {
 }
 
 void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
-  counted([&] { access_->read(first, count, buffer); });
+  counted([&] { access_->read(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
   aboutToWrite(first, count);
-  counted([&] { access_->write(first, count, buffer); });
+  counted([&] { access_->write(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
 void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
-  counted([&] { access_->readMedium(first, count, buffer); });
+  counted([&] { access_->readMedium(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
   aboutToWrite(first, count);
-  counted([&] { access_->writeMedium(first, count, buffer); });
+  counted([&] { access_->writeMedium(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
 // A failed flush counts as a failed write; a successful one is not a transfer of its own.
@@ -107,7 +110,7 @@ void DiskDrive::flush() {
 
 void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
   if (isWritable()) aboutToWrite(first, count);
-  if (isWritable() && access_->zeroRange(first, count, false)) {
+  if (isWritable() && access_->zeroRange(first * unitsPerBlock_, count * unitsPerBlock_, false)) {
     ++okCount_;
     return;
   }
@@ -117,14 +120,14 @@ void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
 bool DiskDrive::doZeroQuickly(uint64_t first, uint64_t count) {
   if (!isWritable()) return false;
   aboutToWrite(first, count);
-  if (!access_->zeroRange(first, count, true)) return false;
+  if (!access_->zeroRange(first * unitsPerBlock_, count * unitsPerBlock_, true)) return false;
   ++okCount_;
   return true;
 }
 
 void DiskDrive::doVerify(uint64_t first, uint64_t count) {
   try {
-    access_->verify(first, count);
+    access_->verify(first * unitsPerBlock_, count * unitsPerBlock_);
     ++okCount_;
   } catch (const Error& e) {
     Error verify(ErrorId::VerifyFailed, e.text(), e.properties());
@@ -136,7 +139,18 @@ void DiskDrive::doVerify(uint64_t first, uint64_t count) {
 void DiskDrive::setNativePartitionLayout(const OsLayout& layout) {
   Core::TraceScope scope("setNativePartitionLayout");
   if (Core::Config::getBool("Disk::noOsLayout", false) || !access_->supportsOsLayout()) return;
-  access_->setNativePartitionLayout(layout);
+  access_->setNativePartitionLayout(unitsPerBlock_ == 1 ? layout : inAccessUnits(layout));
+}
+
+OsLayout DiskDrive::inAccessUnits(OsLayout layout) const {
+  layout.firstUsableBlock *= unitsPerBlock_;
+  layout.usableBlocks *= unitsPerBlock_;
+  for (OsLayoutEntry& e : layout.entries) {
+    e.firstBlock *= unitsPerBlock_;
+    e.blockCount *= unitsPerBlock_;
+    e.tableBlock *= unitsPerBlock_;
+  }
+  return layout;
 }
 
 void DiskDrive::assignDriveLetter(uint64_t firstBlock, char letter) {
@@ -144,7 +158,7 @@ void DiskDrive::assignDriveLetter(uint64_t firstBlock, char letter) {
   if (Core::Config::getBool("Disk::noOsLayout", false))
     throw Core::Error(Core::ErrorId::OsLayoutFailed,
                       Core::format("Cannot assign drive letter %c: -- the system was not told of the new partition", letter));
-  access_->assignDriveLetter(firstBlock, letter);
+  access_->assignDriveLetter(firstBlock * unitsPerBlock_, letter);
 }
 
 DiskManager& DiskManager::instance() {
@@ -170,7 +184,7 @@ std::string DiskManager::diagnostic() const {
     const DiskDrive& d = *s.drive;
     const Geometry& g = d.geometry();
     char mb[32];
-    std::snprintf(mb, sizeof mb, "%.1f", static_cast<double>(d.blockCount()) * 512.0 / 1048576.0);
+    std::snprintf(mb, sizeof mb, "%.1f", static_cast<double>(d.bytesOf(d.blockCount())) / 1048576.0);
     out += "  Cylinders: " + std::to_string(g.cylinders) + "\n  Heads: " + std::to_string(g.heads) +
            "\n  Sectors per Track: " + std::to_string(g.sectorsPerTrack) +
            "\n  Bytes per Sector: " + std::to_string(g.bytesPerSector) +

@@ -1,5 +1,6 @@
 // A disk of the disk manager: a block device over an access backend, with its identity,
-// geometry and I/O counters.
+// geometry and I/O counters. The drive is addressed in its logical sectors (the backend's
+// geometry.bytesPerSector); it turns them into the backend's 512-byte units.
 #pragma once
 #include <functional>
 #include <memory>
@@ -23,6 +24,7 @@ class DiskDrive : public BlockDevice {
   std::string serialNumber() const { return access_->serialNumber(); }
   const Geometry& geometry() const { return geometry_; }
   uint64_t blockCount() const override { return blocks_; }
+  uint32_t bytesPerBlock() const override { return unitsPerBlock_ * kAccessUnit; }
   uint32_t preferredTransferBlocks() const override;
   // Writes are refused (UnsupportedSectorSize) on disks whose logical sectors are not 512 bytes.
   bool isWritable() const { return geometry_.bytesPerSector == kSectorSize; }
@@ -43,7 +45,9 @@ class DiskDrive : public BlockDevice {
   // does nothing for images. Throws Core::Error (OsLayoutFailed), also when the system was
   // not told the new layout ("Disk::noOsLayout").
   void assignDriveLetter(uint64_t firstBlock, char letter);
-  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) { access_->prepareForChange(firstBlock, blockCount); }
+  void prepareForChange(uint64_t firstBlock, uint64_t blockCount) {
+    access_->prepareForChange(firstBlock * unitsPerBlock_, blockCount * unitsPerBlock_);
+  }
   DiskDriveAccess& access() { return *access_; }
   // Called with the range before every write of sectors (a backup saves what a change is about
   // to overwrite); it may throw, and the write does not happen. Null removes it.
@@ -75,6 +79,11 @@ class DiskDrive : public BlockDevice {
   std::unique_ptr<DiskDriveAccess> access_;
   Geometry geometry_;
   uint64_t blocks_;
+  // Backend units (512 bytes) per logical sector: 1, or 8 on a disk of 4 KiB sectors. A sector
+  // size that is no multiple of 512 bytes leaves the drive addressed in 512-byte units (and
+  // read only, see isWritable).
+  uint32_t unitsPerBlock_ = 1;
+  OsLayout inAccessUnits(OsLayout layout) const;
   // Counts a failed transfer (media errors apart from the rest), keeps its text and notes it
   // in the diagnostic log.
   void failed(const Core::Error& e);

@@ -9,6 +9,10 @@
 
 namespace Corvo::Disk {
 
+// Backends address disks in units of 512 bytes whatever the logical sector size; DiskDrive
+// turns its logical sectors into these units.
+inline constexpr uint32_t kAccessUnit = 512;
+
 struct Geometry {
   uint64_t cylinders = 0;
   uint32_t heads = 255;
@@ -47,12 +51,12 @@ class DiskDriveAccess {
 
   virtual std::string path() const = 0;
   virtual Geometry getGeometry() const = 0;
-  // Total size in 512-byte sectors.
+  // Total size in units of kAccessUnit bytes.
   virtual uint64_t totalBlocks() const = 0;
   virtual std::string model() const { return {}; }
   virtual std::string serialNumber() const { return {}; }
 
-  // Transfers in 512-byte sectors; ranges are already checked. Throw Core::Error on failure.
+  // Transfers in units of kAccessUnit bytes; ranges are already checked. Throw Core::Error on failure.
   virtual void read(uint64_t first, uint64_t count, void* buffer) = 0;
   virtual void write(uint64_t first, uint64_t count, const void* buffer) = 0;
   // Reads back without writing; the default reads into a scratch buffer.

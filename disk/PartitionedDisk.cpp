@@ -1,5 +1,6 @@
 #include "disk/PartitionedDisk.h"
 
+#include "core/Message.h"
 #include "disk/layout/PartitionTypes.h"
 
 namespace Corvo::Disk {
@@ -13,6 +14,20 @@ const char* roleName(PartitionRole role) {
     case PartitionRole::Unknown: break;
   }
   return "UNKNOWN";
+}
+
+namespace {
+[[noreturn]] void refuse(const char* what, const char* kind) {
+  throw Core::Error(Core::ErrorId::NotSupported, Core::format("%s are not supported on %s disks", what, kind));
+}
+}  // namespace
+
+PartitionNode* PartitionedDisk::createExtended(CreationRequest&) { refuse("Extended DOS partitions", kindName()); }
+PartitionNode* PartitionedDisk::createLogical(CreationRequest&) { refuse("Logical DOS drives", kindName()); }
+void PartitionedDisk::setActive(PartitionNode&) { refuse("Active partitions", kindName()); }
+void PartitionedDisk::clearActive(PartitionNode&) { refuse("Active partitions", kindName()); }
+void PartitionedDisk::setType(PartitionNode&, uint8_t) {
+  refuse("Partition type bytes (hiding and unhiding)", kindName());
 }
 
 OsLayoutEntry osLayoutEntry(const PartitionNode& node, uint32_t number) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,13 +59,22 @@ struct TableFacts {
   std::vector<std::string> problems;
 };
 
+// What a table kind can hold besides plain partitions. The front end asks before it calls a
+// verb; a verb the kind lacks is refused (NotSupported) without a write.
+struct TableCapabilities {
+  bool extendedPartitions = false;  // createExtended
+  bool logicalDrives = false;       // createLogical
+  bool activeFlag = false;          // setActive, clearActive
+  bool typeBytes = false;           // setType (hide and unhide)
+};
+
 // The filesystem a created partition is formatted with.
 enum class FormatKind : int { None = 0, FatFull = 1, FatQuick = 2, Ntfs = 3, Ext2 = 4 };
 
 // A request to create a partition (as the creation command builds it).
 struct CreationRequest {
   static constexpr int64_t kCylinderAlignment = -1;  // align to cylinders (and tracks)
-  static constexpr int64_t kMegabyteAlignment = 2048;
+  static constexpr int64_t kMegabyteAlignment = -2;  // align to 1 MiB (2^20 bytes) of the disk's sectors
   static constexpr uint64_t kLargest = 0xFFFFFFFFull;  // as large as the free space allows
   uint64_t sizeBlocks = kLargest;
   bool placeAtEnd = false;
@@ -72,7 +82,7 @@ struct CreationRequest {
   int versionCode = 9;  // NTFS 5..9, ext2 10
   std::string label;
   char letter = 0;
-  int64_t alignment = kCylinderAlignment;  // or a unit in sectors, kMegabyteAlignment for 1 MB
+  int64_t alignment = kCylinderAlignment;  // or kMegabyteAlignment, or a unit in sectors
   uint64_t largestAvailable = 0;  // out: the largest size that would have fitted, in sectors
 };
 
@@ -93,13 +103,19 @@ class PartitionedDisk {
  public:
   virtual ~PartitionedDisk() = default;
 
-  // Reads the disk's tables: a GPT disk when the MBR holds the protective 0xEE entry, else
-  // an MBR disk (a blank disk is an MBR disk without partitions). Damaged tables never
-  // throw here: what could be read is modelled and the damage is listed in facts().
+  // Reads the disk's tables with the first table kind whose probe recognises the disk's first
+  // sector (see Load.cpp): GPT when the MBR holds the protective 0xEE entry, else MBR (a
+  // blank disk is an MBR disk without partitions). Damaged tables never throw here: what
+  // could be read is modelled and the damage is listed in facts().
   static std::unique_ptr<PartitionedDisk> load(DiskDrive& drive);
 
   DiskDrive& drive() const { return drive_; }
   virtual PartitionScheme scheme() const = 0;
+  // The table kind's name as messages show it ("MBR", "GPT").
+  virtual const char* kindName() const = 0;
+  virtual TableCapabilities capabilities() const = 0;
+  // The disk's GUID where the table kind has one and the table could be read.
+  virtual std::optional<GuidBytes> diskGuid() const { return std::nullopt; }
   // Top-level nodes: MBR slots (in slot order) or GPT entries (in entry order).
   virtual const std::vector<std::unique_ptr<PartitionNode>>& roots() const = 0;
   virtual const TableFacts& facts() const = 0;
@@ -127,14 +143,15 @@ class PartitionedDisk {
   virtual unsigned slotCount() const = 0;         // 4 for MBR, entry count for GPT
   virtual unsigned primarySlotsInUse() const = 0;
   virtual PartitionNode* createPrimary(CreationRequest& request) = 0;
-  virtual PartitionNode* createExtended(CreationRequest& request) = 0;
-  virtual PartitionNode* createLogical(CreationRequest& request) = 0;
+  // The verbs of capabilities(); the defaults refuse (NotSupported).
+  virtual PartitionNode* createExtended(CreationRequest& request);
+  virtual PartitionNode* createLogical(CreationRequest& request);
   // Removes one partition (an extended partition with all its logical drives).
   virtual void remove(PartitionNode& node) = 0;
   virtual void removeAll() = 0;
-  virtual void setActive(PartitionNode& node) = 0;
-  virtual void clearActive(PartitionNode& node) = 0;
-  virtual void setType(PartitionNode& node, uint8_t type) = 0;  // hide and unhide
+  virtual void setActive(PartitionNode& node);
+  virtual void clearActive(PartitionNode& node);
+  virtual void setType(PartitionNode& node, uint8_t type);  // hide and unhide
 
   // The layout the tables hold, as the system is told it after a change.
   virtual OsLayout osLayout() const = 0;

@@ -134,6 +134,7 @@ std::string tableBackupFileName(const std::string& diskPath, int64_t time) {
 TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folder, const std::string& command)
     : drive_(layout.drive()) {
   Core::TraceScope scope("TableBackup");
+  drive_.requireSectorSize();  // the saved sectors are 512 bytes, as every writer's are
   const int64_t now = static_cast<int64_t>(Core::currentTime());
   contents_.time = utcStamp(now, "%Y-%m-%d %H:%M:%S UTC");
   contents_.command = command;

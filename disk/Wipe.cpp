@@ -111,7 +111,8 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   message(mkWarning, "Partition will contain 0x%02X for all bytes in all sectors when wipe complete.\n",
           mode == wmQuick ? 0x00 : pattern[2]);
 
-  const double megabytes = static_cast<double>(device.blockCount()) * kSectorSize / 1048576.0;
+  const size_t sectorBytes = device.bytesPerBlock();
+  const double megabytes = static_cast<double>(device.bytesOf(device.blockCount())) / 1048576.0;
   std::string title = std::string(mode == wmDod ? "DoD 5220.22-M STD Wiping " : "Wiping ") +
                       Core::format(" %.2fM", megabytes);
   Core::Progress progress(title, total * passes);
@@ -119,7 +120,7 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   const uint64_t chunk = std::max<uint32_t>(1, device.preferredTransferBlocks());
   uint64_t largest = 0;
   for (const WipeExtent& e : ranges) largest = std::max(largest, e.count);
-  const size_t bufferBytes = static_cast<size_t>(std::min(chunk, largest)) * kSectorSize;
+  const size_t bufferBytes = static_cast<size_t>(std::min(chunk, largest)) * sectorBytes;
   // The pattern of the pass; during the verifying pass it still holds the last pattern
   // written, which the medium is compared with.
   // Page-aligned, so that a device writing past its cache can take them without a copy.
@@ -131,9 +132,9 @@ std::vector<WipeExtent> wipeDevice(BlockDevice& device, int mode, unsigned custo
   auto transfer = [&](uint64_t first, uint64_t count, bool verifyPass) {
     if (!verifyPass) return device.writeMedium(first, count, buffer.data());
     device.readMedium(first, count, readBack.data());
-    if (std::memcmp(readBack.data(), buffer.data(), static_cast<size_t>(count) * kSectorSize) == 0) return;
+    if (std::memcmp(readBack.data(), buffer.data(), static_cast<size_t>(count) * sectorBytes) == 0) return;
     for (uint64_t s = 0; s < count; ++s)
-      if (std::memcmp(readBack.data() + s * kSectorSize, buffer.data() + s * kSectorSize, kSectorSize) != 0)
+      if (std::memcmp(readBack.data() + s * sectorBytes, buffer.data() + s * sectorBytes, sectorBytes) != 0)
         failed.add(first + s);
   };
   try {

@@ -38,8 +38,8 @@ class Content {
 bool isNtfs(const Content& c) {
   namespace Boot = Ntfs::Boot;
   if (!c.equals(Boot::kOemOffset, "NTFS    ", 8)) return false;
-  const unsigned s = c.byte(Boot::SectorsPerCluster::offset), r = c.byte(Boot::ClustersPerRecord::offset),
-                 x = c.byte(Boot::ClustersPerIndexBlock::offset);
+  const unsigned s = c.byte(Boot::SectorsPerCluster.offset), r = c.byte(Boot::ClustersPerRecord.offset),
+                 x = c.byte(Boot::ClustersPerIndexBlock.offset);
   // File records of 1 KB (2 sectors) and index buffers of 4 KB (8 sectors), given either as
   // clusters or, when a cluster is larger, as a negative power of two of bytes.
   bool fileRecord = s < 3 ? r * s == 2 : r == 0xF6;
@@ -177,11 +177,11 @@ std::string fatVolumeLabel(Disk::BlockDevice& device, bool fat32) {
     if (rootSector && readSectors(device, rootSector, rootSectors, dir)) {
       for (size_t off = 0; off + FatDirEntry::kSize <= dir.size(); off += FatDirEntry::kSize) {
         const uint8_t* e = dir.data() + off;
-        const uint8_t first = e[FatDirEntry::kNameAt], attributes = e[FatDirEntry::kAttributesAt];
+        const uint8_t first = e[FatDirEntry::kName.offset], attributes = FatDirEntry::kAttributes.get(e);
         if (first == FatDirEntry::kEndMark) break;
         if (first == FatDirEntry::kDeletedMark || attributes == FatDirEntry::kAttrLongName) continue;
         if ((attributes & FatDirEntry::kAttrVolumeLabel) && !(attributes & FatDirEntry::kAttrDirectory))
-          return trimmedName(e + FatDirEntry::kNameAt, FatDirEntry::kNameSize);
+          return trimmedName(e + FatDirEntry::kName.offset, FatDirEntry::kName.size);
       }
     }
   }

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "core/Config.h"
-#include "core/Endian.h"
+#include "core/Field.h"
 #include "core/Error.h"
 #include "core/Md5.h"
 #include "disk/layout/PartitionTypes.h"
@@ -18,10 +18,12 @@ using Core::Error;
 using Core::ErrorId;
 
 namespace {
-// Fields of the record and of one slot, by offset.
-constexpr size_t kWindows9xGuardAt = 218, kWindows9xIdAt = 220, kWindowsNtIdAt = 440, kSignatureAt = 510;
-constexpr size_t kSlotStatus = 0, kSlotStartChs = 1, kSlotType = 4, kSlotEndChs = 5, kSlotStartBlock = 8,
-                 kSlotBlockCount = 12;
+// Fields of the record and of one slot.
+constexpr Core::Field16 kWindows9xGuard{218}, kSignatureField{510};
+constexpr Core::Field32 kWindows9xId{220}, kWindowsNtId{440};
+constexpr Core::Field8 kSlotStatus{0}, kSlotType{4};
+constexpr Core::ByteField kSlotStartChs{1, 3}, kSlotEndChs{5, 3};
+constexpr Core::Field32 kSlotStartBlock{8}, kSlotBlockCount{12};
 constexpr uint8_t kActiveStatus = 0x80;
 
 // A CHS triple: head, then sector in the low 6 bits with cylinder bits 8-9 above them, then
@@ -47,8 +49,8 @@ BiosBootRecord::BiosBootRecord(bool hasTable, uint64_t slotCount, const uint8_t*
 }
 
 bool BiosBootRecord::hasSignature() const { return getSignature() == kSignature; }
-uint16_t BiosBootRecord::getSignature() const { return Core::get16(bytes_.data() + kSignatureAt); }
-void BiosBootRecord::setSignature() { Core::put16(bytes_.data() + kSignatureAt, kSignature); }
+uint16_t BiosBootRecord::getSignature() const { return kSignatureField.get(bytes_.data()); }
+void BiosBootRecord::setSignature() { kSignatureField.put(bytes_.data(), kSignature); }
 bool BiosBootRecord::isAllZero() const {
   return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; });
 }
@@ -59,29 +61,29 @@ bool BiosBootRecord::isSlotEmpty(unsigned slot) const {
   return std::all_of(p, p + kSlotSize, [](uint8_t b) { return b == 0; });
 }
 
-uint8_t BiosBootRecord::getType(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[kSlotType] : 0; }
+uint8_t BiosBootRecord::getType(unsigned slot) const { return addressable(slot) ? kSlotType.get(slotPtr(slot)) : 0; }
 void BiosBootRecord::setType(unsigned slot, uint8_t type) {
-  if (addressable(slot)) slotPtr(slot)[kSlotType] = type;
+  if (addressable(slot)) kSlotType.put(slotPtr(slot), type);
 }
-uint8_t BiosBootRecord::getStatus(unsigned slot) const { return addressable(slot) ? slotPtr(slot)[kSlotStatus] : 0; }
+uint8_t BiosBootRecord::getStatus(unsigned slot) const { return addressable(slot) ? kSlotStatus.get(slotPtr(slot)) : 0; }
 bool BiosBootRecord::isActive(unsigned slot) const { return hasTable_ && getStatus(slot) == kActiveStatus; }
 
 void BiosBootRecord::setActive(unsigned slot) {
   if (!hasTable_ || !addressable(slot)) return;
-  for (unsigned i = 0; i < slotCount_ && i < kMaxSlots; ++i) slotPtr(i)[kSlotStatus] = 0;
-  slotPtr(slot)[kSlotStatus] = kActiveStatus;
+  for (unsigned i = 0; i < slotCount_ && i < kMaxSlots; ++i) kSlotStatus.put(slotPtr(i), 0);
+  kSlotStatus.put(slotPtr(slot), kActiveStatus);
 }
 
 void BiosBootRecord::deactivate(unsigned slot) {
-  if (addressable(slot)) slotPtr(slot)[kSlotStatus] = 0;
+  if (addressable(slot)) kSlotStatus.put(slotPtr(slot), 0);
 }
 
-uint32_t BiosBootRecord::getStartBlock(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + kSlotStartBlock) : 0; }
-uint32_t BiosBootRecord::getBlockCount(unsigned slot) const { return addressable(slot) ? Core::get32(slotPtr(slot) + kSlotBlockCount) : 0; }
+uint32_t BiosBootRecord::getStartBlock(unsigned slot) const { return addressable(slot) ? kSlotStartBlock.get(slotPtr(slot)) : 0; }
+uint32_t BiosBootRecord::getBlockCount(unsigned slot) const { return addressable(slot) ? kSlotBlockCount.get(slotPtr(slot)) : 0; }
 
 Chs BiosBootRecord::getSlotChs(unsigned slot, bool end) const {
   if (!addressable(slot)) return {};
-  return unpackChs(slotPtr(slot) + (end ? kSlotEndChs : kSlotStartChs));
+  return unpackChs(slotPtr(slot) + (end ? kSlotEndChs : kSlotStartChs).offset);
 }
 
 void BiosBootRecord::clearSlot(unsigned slot) {
@@ -91,12 +93,12 @@ void BiosBootRecord::clearSlot(unsigned slot) {
 void BiosBootRecord::setProtectiveSlot(unsigned slot, uint32_t blockCount) {
   if (!addressable(slot)) return;
   uint8_t* p = slotPtr(slot);
-  p[kSlotStatus] = 0;
-  packChs(p + kSlotStartChs, kProtectiveStart);
-  p[kSlotType] = kTypeGptProtective;
-  packChs(p + kSlotEndChs, kProtectiveEnd);
-  Core::put32(p + kSlotStartBlock, 1);
-  Core::put32(p + kSlotBlockCount, blockCount);
+  kSlotStatus.put(p, 0);
+  packChs(p + kSlotStartChs.offset, kProtectiveStart);
+  kSlotType.put(p, kTypeGptProtective);
+  packChs(p + kSlotEndChs.offset, kProtectiveEnd);
+  kSlotStartBlock.put(p, 1);
+  kSlotBlockCount.put(p, blockCount);
 }
 
 bool BiosBootRecord::isProtectiveSlot(unsigned slot, uint32_t blockCount) const {
@@ -138,12 +140,12 @@ void BiosBootRecord::setSlot(unsigned slot, uint64_t startBlock, uint64_t blockC
   }
   Chs end = blockToChs(chsBase + startBlock + blockCount - 1, type, heads, sectorsPerTrack);
   uint8_t* p = slotPtr(slot);
-  p[kSlotStatus] = 0;
-  packChs(p + kSlotStartChs, start);
-  p[kSlotType] = type;
-  packChs(p + kSlotEndChs, end);
-  Core::put32(p + kSlotStartBlock, static_cast<uint32_t>(startBlock));
-  Core::put32(p + kSlotBlockCount, static_cast<uint32_t>(blockCount));
+  kSlotStatus.put(p, 0);
+  packChs(p + kSlotStartChs.offset, start);
+  kSlotType.put(p, type);
+  packChs(p + kSlotEndChs.offset, end);
+  kSlotStartBlock.put(p, static_cast<uint32_t>(startBlock));
+  kSlotBlockCount.put(p, static_cast<uint32_t>(blockCount));
 }
 
 const std::vector<KnownBootCode>& knownBootCodes() {
@@ -163,16 +165,16 @@ bool BiosBootRecord::isBootCodeRecognised() const { return matchesKnownBootCode(
 
 bool BiosBootRecord::is9xIdAvailable() const { return is9xIdAvailable(knownBootCodes()); }
 bool BiosBootRecord::is9xIdAvailable(const std::vector<KnownBootCode>& known) const {
-  return bytes_[kWindows9xGuardAt] == 0 && bytes_[kWindows9xGuardAt + 1] == 0 && matchesKnownBootCode(bytes_.data(), known);
+  return kWindows9xGuard.get(bytes_.data()) == 0 && matchesKnownBootCode(bytes_.data(), known);
 }
-uint32_t BiosBootRecord::getWindows9xId() const { return Core::get32(bytes_.data() + kWindows9xIdAt); }
+uint32_t BiosBootRecord::getWindows9xId() const { return kWindows9xId.get(bytes_.data()); }
 void BiosBootRecord::setWindows9xId(uint32_t id) {
-  if (is9xIdAvailable()) Core::put32(bytes_.data() + kWindows9xIdAt, id);
+  if (is9xIdAvailable()) kWindows9xId.put(bytes_.data(), id);
 }
 void BiosBootRecord::regenerateWindows9xId() { setWindows9xId(newDiskIdentifier()); }
 
-uint32_t BiosBootRecord::getWindowsNtId() const { return Core::get32(bytes_.data() + kWindowsNtIdAt); }
-void BiosBootRecord::setWindowsNtId(uint32_t id) { Core::put32(bytes_.data() + kWindowsNtIdAt, id); }
+uint32_t BiosBootRecord::getWindowsNtId() const { return kWindowsNtId.get(bytes_.data()); }
+void BiosBootRecord::setWindowsNtId(uint32_t id) { kWindowsNtId.put(bytes_.data(), id); }
 
 std::vector<uint8_t> BiosBootRecord::getBootCode() const {
   return std::vector<uint8_t>(bytes_.begin(), bytes_.begin() + static_cast<long>(bootCodeSize()));
@@ -192,35 +194,6 @@ uint32_t newDiskIdentifier() {
   do v = static_cast<uint32_t>(gen());
   while (v == 0);
   return v;
-}
-
-void DiskFormatPropertiesBios::read(BlockDevice& disk) {
-  uint8_t buf[512];
-  disk.read(0, 1, buf);
-  BiosBootRecord mbr(true, 4, buf);
-  has9xId_ = mbr.hasSignature() && mbr.is9xIdAvailable();
-  id9x_ = has9xId_ ? mbr.getWindows9xId() : 0;
-  hasNtId_ = mbr.hasSignature();
-  idNt_ = hasNtId_ ? mbr.getWindowsNtId() : 0;
-  bootCode_ = mbr.hasSignature() ? mbr.getBootCode() : std::vector<uint8_t>{};
-  extra_.clear();
-  // Boot sectors between the master boot record and the first partition (at most the rest
-  // of the first track), up to the last non-zero one.
-  uint64_t limit = 63;
-  if (mbr.hasSignature())
-    for (unsigned s = 0; s < 4; ++s)
-      if (mbr.getType(s) != 0 && mbr.getStartBlock(s) > 0) limit = std::min<uint64_t>(limit, mbr.getStartBlock(s));
-  limit = std::min(limit, disk.blockCount());
-  std::vector<std::array<uint8_t, 512>> sectors;
-  size_t lastUsed = 0;
-  for (uint64_t b = 1; b < limit; ++b) {
-    std::array<uint8_t, 512> s;
-    disk.read(b, 1, s.data());
-    sectors.push_back(s);
-    if (std::any_of(s.begin(), s.end(), [](uint8_t x) { return x != 0; })) lastUsed = sectors.size();
-  }
-  sectors.resize(lastUsed);
-  extra_ = std::move(sectors);
 }
 
 }  // namespace Corvo::Disk

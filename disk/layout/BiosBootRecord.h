@@ -1,8 +1,6 @@
 // The 512-byte BIOS boot record (master or extended): boot code, Windows disk identifiers,
-// four 16-byte slots and the 0xAA55 signature; and the disk-level properties read from the
-// master boot record.
+// four 16-byte slots and the 0xAA55 signature.
 #pragma once
-#include "disk/DiskFormatProperties.h"
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -114,42 +112,5 @@ bool matchesKnownBootCode(const uint8_t* record, const std::vector<KnownBootCode
 
 // A fresh non-zero value for a disk identifier.
 uint32_t newDiskIdentifier();
-
-// Disk-level values of an MBR disk.
-class DiskFormatPropertiesBios : public DiskFormatProperties {
- public:
-  // Reads the master boot record and the boot sectors that follow it (up to the first
-  // partition or the end of the first track, whichever comes first).
-  void read(BlockDevice& disk) override;
-
-  bool is9xIdAvailable() const { return has9xId_; }
-  uint32_t getWindows9xId() const { return id9x_; }
-  void setWindows9xId(uint32_t id) { id9x_ = id; }
-  bool is9xIdPreserved() const { return preserve9x_; }
-  void preserve9xId(bool on) { preserve9x_ = on; }
-
-  bool isNtIdAvailable() const { return hasNtId_; }
-  uint32_t getWindowsNtId() const { return idNt_; }
-  void setWindowsNtId(uint32_t id) {
-    idNt_ = id;
-    hasNtId_ = true;
-  }
-  bool isNtIdPreserved() const { return preserveNt_; }
-  void preserveNtId(bool on) { preserveNt_ = on; }
-
-  bool isBootCodeAvailable() const { return !bootCode_.empty(); }
-  const std::vector<uint8_t>& getBootCode() const { return bootCode_; }
-  void setBootCode(std::vector<uint8_t> code) { bootCode_ = std::move(code); }
-
-  size_t numberOfAdditionalBootSectors() const { return extra_.size(); }
-  const std::array<uint8_t, 512>& getAdditionalBootSector(size_t index) const { return extra_.at(index); }
-
- private:
-  bool has9xId_ = false, hasNtId_ = false;
-  bool preserve9x_ = true, preserveNt_ = true;
-  uint32_t id9x_ = 0, idNt_ = 0;
-  std::vector<uint8_t> bootCode_;
-  std::vector<std::array<uint8_t, 512>> extra_;
-};
 
 }  // namespace Corvo::Disk

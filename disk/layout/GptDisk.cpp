@@ -20,7 +20,8 @@ using Core::ErrorId;
 using Core::format;
 
 namespace {
-constexpr uint64_t kAlignment = 2048;  // 1 MiB in 512-byte sectors
+// New entries start and end on 1 MiB boundaries.
+uint64_t alignmentOf(const BlockDevice& disk) { return std::max<uint64_t>(1, disk.blocksOf(uint64_t{1} << 20)); }
 
 uint64_t roundUp(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
 
@@ -28,10 +29,10 @@ constexpr uint64_t kNoEnd = ~uint64_t{0};
 
 // An entry's first sector and sector count on the disk, saturated instead of wrapping: an
 // entry that runs to the end of the address space ends past the end of any disk.
-std::pair<uint64_t, uint64_t> entrySectors(uint64_t firstBlock, uint64_t lastBlock, uint32_t unit) {
-  const uint64_t first = firstBlock > kNoEnd / unit ? kNoEnd : firstBlock * unit;
+std::pair<uint64_t, uint64_t> entrySectors(uint64_t firstBlock, uint64_t lastBlock) {
+  const uint64_t first = firstBlock;
   const uint64_t blocks = lastBlock - firstBlock;  // the caller checked lastBlock >= firstBlock
-  uint64_t count = blocks >= kNoEnd / unit ? kNoEnd : (blocks + 1) * unit;
+  uint64_t count = blocks >= kNoEnd ? kNoEnd : blocks + 1;
   count = std::min(count, kNoEnd - first);  // first + count - 1 stays representable
   return {first, std::max<uint64_t>(count, 1)};
 }
@@ -62,7 +63,7 @@ std::vector<uint64_t> staleTableBlocks(DiskDrive& drive, uint64_t firstUsable, u
       blocks.push_back(b);
   };
   for (const RawBootRecord& r : PartitionedDisk::load(drive)->rawTables()) add(r.block);
-  std::vector<uint8_t> sector(kSectorSize);
+  std::vector<uint8_t> sector(drive.bytesPerBlock());
   drive.read(1, 1, sector.data());
   GptHeader old(sector.data());
   if (old.hasSignature()) {
@@ -82,14 +83,14 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   drive.requireWritable();
   GptHeader primary, backup;
   const uint64_t blocks = drive.blockCount();
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(primary.entryCount(), primary.entrySize(), 1);
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(primary.entryCount(), primary.entrySize(), drive.bytesPerBlock());
   const uint64_t firstUsable = 2 + arrayBlocks, lastUsable = blocks - 2 - arrayBlocks;
-  if (blocks < 2 * (2 + arrayBlocks) + kAlignment)
+  if (blocks < 2 * (2 + arrayBlocks) + alignmentOf(drive))
     throw Error(ErrorId::NoSpace, "The disk is too small for a GPT partition table")
         .with("blocks", std::to_string(blocks));
 
   // Everything is built before the first write.
-  std::array<uint8_t, 512> sector0{};
+  std::vector<uint8_t> sector0(drive.bytesPerBlock());
   drive.read(0, 1, sector0.data());
   BiosBootRecord mbr(true, 4, sector0.data());
   for (unsigned s = 0; s < 4; ++s) mbr.clearSlot(s);
@@ -108,9 +109,9 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   backup.setAlternateBlock(1);
   backup.setEntriesBlock(blocks - 1 - arrayBlocks);
   primary.setGptUuid(randomGuid());  // both headers carry the zero GUID, so both take it
-  std::vector<uint8_t> array(arrayBlocks * kSectorSize, 0);
+  std::vector<uint8_t> array(drive.bytesOf(arrayBlocks), 0);
   const uint32_t crc = Core::crc32(array.data(), size_t{primary.entryCount()} * primary.entrySize());
-  std::vector<uint8_t> primarySector(kSectorSize, 0), backupSector(kSectorSize, 0);
+  std::vector<uint8_t> primarySector(drive.bytesPerBlock(), 0), backupSector(drive.bytesPerBlock(), 0);
   for (auto [h, sector] : {std::pair{&primary, &primarySector}, std::pair{&backup, &backupSector}}) {
     h->setEntriesCrc(crc);
     h->updateHeaderCrc();
@@ -125,7 +126,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   // backup, the new primary, and the protective MBR last: until it is written an old MBR disk
   // still reads as that disk. What is left of the old tables lies in the new free space and
   // is cleared at the end.
-  const std::vector<uint8_t> zeros(kSectorSize, 0);
+  const std::vector<uint8_t> zeros(drive.bytesPerBlock(), 0);
   auto step = [&](uint64_t block, uint64_t count, const uint8_t* data) {
     drive.write(block, count, data);
     drive.flush();
@@ -160,12 +161,11 @@ void PartitionedDiskGpt::load() {
   facts_ = TableFacts{};
   mbr_.fill(0);
   valid_ = false;
-  unit_ = gptBlockUnit(drive_);
-  const uint64_t blocks = drive_.blockCount() / unit_;
+  const uint64_t blocks = drive_.blockCount();
 
   try {
-    std::vector<uint8_t> first(size_t{unit_} * kSectorSize);
-    drive_.read(0, unit_, first.data());
+    std::vector<uint8_t> first(drive_.bytesPerBlock());
+    drive_.read(0, 1, first.data());
     std::memcpy(mbr_.data(), first.data(), mbr_.size());
   } catch (const Error& e) {
     facts_.problems.push_back("The protective master boot record cannot be read -- " + e.text());
@@ -215,7 +215,7 @@ void PartitionedDiskGpt::load() {
         format("The backup GPT header lies at block %llu instead of the disk's last block %llu; "
                "it is moved there when the table is next written",
                (unsigned long long)backupAt, (unsigned long long)lastBlock));
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), drive_.bytesPerBlock());
   primary_ = table_.header;
   primary_.setHeaderSize(GptHeader::kSize);
   primary_.setMyBlock(1);
@@ -246,7 +246,7 @@ std::unique_ptr<PartitionNode> PartitionedDiskGpt::makeNode(uint32_t index) cons
   GptRecord rec = table_.record(index);
   auto node = std::make_unique<PartitionNode>();
   node->role = PartitionRole::Primary;
-  std::tie(node->firstBlock, node->blockCount) = entrySectors(rec.firstBlock(), rec.lastBlock(), unit_);
+  std::tie(node->firstBlock, node->blockCount) = entrySectors(rec.firstBlock(), rec.lastBlock());
   node->type = 0;
   node->tableBlock = 0;
   node->slot = static_cast<int>(index);
@@ -279,8 +279,8 @@ void PartitionedDiskGpt::requireWritable(const char* what) const {
   drive_.requireSectorSize();
   // Both entry arrays and the backup header must lie outside the usable area and on the disk,
   // or a rewrite would overwrite partition data.
-  const uint64_t blocks = drive_.blockCount() / unit_;
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
+  const uint64_t blocks = drive_.blockCount();
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), drive_.bytesPerBlock());
   const uint64_t first = primary_.firstUsableBlock(), last = primary_.lastUsableBlock();
   const uint64_t p = primary_.entriesBlock(), b = backup_.entriesBlock(), at = backup_.myBlock();
   bool sane = p >= 2 && p < first && first - p >= arrayBlocks && b > last && b < at && at - b >= arrayBlocks &&
@@ -315,27 +315,27 @@ void PartitionedDiskGpt::writeTables() {
     h->setEntriesCrc(crc);
     h->updateHeaderCrc();
   }
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), unit_);
-  std::vector<uint8_t> array(arrayBlocks * unit_ * kSectorSize, 0);
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(table_.header.entryCount(), table_.header.entrySize(), drive_.bytesPerBlock());
+  std::vector<uint8_t> array(drive_.bytesOf(arrayBlocks), 0);
   std::memcpy(array.data(), table_.entries.data(), table_.entries.size());
   auto writeHeader = [&](const GptHeader& h) {
-    std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
+    std::vector<uint8_t> sector(drive_.bytesPerBlock(), 0);
     h.copyTo(sector.data());
-    drive_.write(h.myBlock() * unit_, unit_, sector.data());
+    drive_.write(h.myBlock(), 1, sector.data());
   };
   // Nothing is written while the table areas are in use by the system (a filesystem on the
   // whole disk, say).
-  const uint64_t blocks = drive_.blockCount() / unit_;
-  drive_.prepareForChange(0, primary_.firstUsableBlock() * unit_);
-  drive_.prepareForChange(backup_.entriesBlock() * unit_, (blocks - backup_.entriesBlock()) * unit_);
+  const uint64_t blocks = drive_.blockCount();
+  drive_.prepareForChange(0, primary_.firstUsableBlock());
+  drive_.prepareForChange(backup_.entriesBlock(), (blocks - backup_.entriesBlock()));
 
   // Backup first: until the primary header is rewritten a reader still sees the old primary
   // table; once the primary array is being rewritten its CRC fails and the (new) backup serves.
   // The backup is on the disk before the primary copy changes.
-  drive_.write(backup_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
+  drive_.write(backup_.entriesBlock(), arrayBlocks, array.data());
   writeHeader(backup_);
   drive_.flush();
-  drive_.write(primary_.entriesBlock() * unit_, arrayBlocks * unit_, array.data());
+  drive_.write(primary_.entriesBlock(), arrayBlocks, array.data());
   writeHeader(primary_);
   table_.header = primary_;
   drive_.flush();
@@ -356,11 +356,11 @@ void PartitionedDiskGpt::writeTables() {
   if (!record.isProtectiveSlot(static_cast<unsigned>(ee), cover)) record.setProtectiveSlot(static_cast<unsigned>(ee), cover);
   record.setSignature();
   std::memcpy(mbr_.data(), record.data(), mbr_.size());
-  std::vector<uint8_t> sector(size_t{unit_} * kSectorSize, 0);
-  drive_.read(0, unit_, sector.data());
+  std::vector<uint8_t> sector(drive_.bytesPerBlock(), 0);
+  drive_.read(0, 1, sector.data());
   if (!std::equal(mbr_.begin(), mbr_.end(), sector.begin())) {
     std::memcpy(sector.data(), mbr_.data(), mbr_.size());
-    drive_.write(0, unit_, sector.data());
+    drive_.write(0, 1, sector.data());
     drive_.flush();
   }
 }
@@ -369,8 +369,8 @@ OsLayout PartitionedDiskGpt::osLayout() const {
   OsLayout layout;
   layout.style = OsLayout::Gpt;
   layout.diskGuid = primary_.diskGuid();
-  layout.firstUsableBlock = primary_.firstUsableBlock() * unit_;
-  layout.usableBlocks = (primary_.lastUsableBlock() + 1 - primary_.firstUsableBlock()) * unit_;
+  layout.firstUsableBlock = primary_.firstUsableBlock();
+  layout.usableBlocks = (primary_.lastUsableBlock() + 1 - primary_.firstUsableBlock());
   for (const auto& n : roots_) layout.entries.push_back(osLayoutEntry(*n, static_cast<uint32_t>(n->slot + 1)));
   return layout;
 }
@@ -383,7 +383,7 @@ struct Gap {
   uint64_t size() const { return end - start; }
 };
 
-std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, uint64_t lastUsable) {
+std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, uint64_t lastUsable, uint64_t alignment) {
   std::vector<std::pair<uint64_t, uint64_t>> used;
   for (uint32_t i = 0; i < table.header.entryCount(); ++i) {
     GptRecord r = table.record(i);
@@ -393,7 +393,7 @@ std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, ui
   std::vector<Gap> gaps;
   uint64_t cursor = firstUsable;
   auto addGap = [&](uint64_t from, uint64_t toInclusive) {
-    uint64_t s = roundUp(from, kAlignment), e = roundDown(toInclusive + 1, kAlignment);
+    uint64_t s = roundUp(from, alignment), e = roundDown(toInclusive + 1, alignment);
     if (e > s) gaps.push_back({s, e});
   };
   for (const auto& [a, b] : used) {
@@ -407,7 +407,7 @@ std::vector<Gap> alignedGaps(const GptTableCopy& table, uint64_t firstUsable, ui
 // Where the request goes: the largest gap (the last of equal ones with placeAtEnd), or the
 // first gap that holds the size in whole MiB, rounded up or, when only that fits, down (the
 // end of the last such gap with placeAtEnd). An empty gap when it fits nowhere.
-Gap placeInGaps(const std::vector<Gap>& gaps, const CreationRequest& request) {
+Gap placeInGaps(const std::vector<Gap>& gaps, const CreationRequest& request, uint64_t alignment) {
   uint64_t largest = 0;
   for (const Gap& g : gaps) largest = std::max(largest, g.size());
   Gap placed{0, 0};
@@ -416,7 +416,7 @@ Gap placeInGaps(const std::vector<Gap>& gaps, const CreationRequest& request) {
       if (g.size() == largest && (placed.size() == 0 || request.placeAtEnd)) placed = {g.start, g.start + largest};
     return placed;
   }
-  for (uint64_t want : {roundUp(request.sizeBlocks, kAlignment), roundDown(request.sizeBlocks, kAlignment)}) {
+  for (uint64_t want : {roundUp(request.sizeBlocks, alignment), roundDown(request.sizeBlocks, alignment)}) {
     if (want == 0 || placed.size()) continue;
     for (const Gap& g : gaps) {
       if (g.size() < want) continue;
@@ -446,8 +446,8 @@ PartitionNode* PartitionedDiskGpt::createPrimary(CreationRequest& request) {
   if (index == count)
     throw Error(ErrorId::NoSpace, format("All %u entries of the GPT partition table are in use", count));
 
-  const std::vector<Gap> gaps = alignedGaps(table_, primary_.firstUsableBlock(), primary_.lastUsableBlock());
-  const Gap placed = placeInGaps(gaps, request);
+  const std::vector<Gap> gaps = alignedGaps(table_, primary_.firstUsableBlock(), primary_.lastUsableBlock(), alignmentOf(drive_));
+  const Gap placed = placeInGaps(gaps, request, alignmentOf(drive_));
   if (placed.size() == 0) {
     request.largestAvailable = 0;
     for (const Gap& g : gaps) request.largestAvailable = std::max(request.largestAvailable, g.size());
@@ -475,7 +475,7 @@ PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint
   rec.setAttributes(0);
   rec.setName(asciiName(linuxData ? "Linux filesystem" : "Basic data partition"));
 
-  drive_.prepareForChange(start * unit_, size * unit_);
+  drive_.prepareForChange(start, size);
   const GptTableCopy before = table_;
   table_.setRecord(index, rec);
   commitTables(before);
@@ -488,20 +488,9 @@ PartitionNode* PartitionedDiskGpt::addEntry(uint32_t index, uint64_t start, uint
   return result;
 }
 
-PartitionNode* PartitionedDiskGpt::createExtended(CreationRequest&) {
-  throw Error(ErrorId::NotSupported, "Extended DOS partitions are not supported on GPT disks");
-}
-PartitionNode* PartitionedDiskGpt::createLogical(CreationRequest&) {
-  throw Error(ErrorId::NotSupported, "Logical DOS drives are not supported on GPT disks");
-}
-void PartitionedDiskGpt::setActive(PartitionNode&) {
-  throw Error(ErrorId::NotSupported, "Active partitions are not supported on GPT disks");
-}
-void PartitionedDiskGpt::clearActive(PartitionNode&) {
-  throw Error(ErrorId::NotSupported, "Active partitions are not supported on GPT disks");
-}
-void PartitionedDiskGpt::setType(PartitionNode&, uint8_t) {
-  throw Error(ErrorId::NotSupported, "Partition type bytes (hiding and unhiding) are not supported on GPT disks");
+std::optional<GuidBytes> PartitionedDiskGpt::diskGuid() const {
+  if (!valid_) return std::nullopt;
+  return primary_.diskGuid();
 }
 
 void PartitionedDiskGpt::remove(PartitionNode& node) {

@@ -28,6 +28,10 @@ class PartitionedDiskGpt : public PartitionedDisk {
   explicit PartitionedDiskGpt(DiskDrive& drive);
 
   PartitionScheme scheme() const override { return PartitionScheme::Gpt; }
+  const char* kindName() const override { return "GPT"; }
+  // Plain partitions only: no extended partitions, active flag or type bytes.
+  TableCapabilities capabilities() const override { return {}; }
+  std::optional<GuidBytes> diskGuid() const override;
   const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override;
@@ -36,13 +40,8 @@ class PartitionedDiskGpt : public PartitionedDisk {
   unsigned slotCount() const override;
   unsigned primarySlotsInUse() const override;
   PartitionNode* createPrimary(CreationRequest& request) override;
-  PartitionNode* createExtended(CreationRequest& request) override;
-  PartitionNode* createLogical(CreationRequest& request) override;
   void remove(PartitionNode& node) override;
   void removeAll() override;
-  void setActive(PartitionNode& node) override;
-  void clearActive(PartitionNode& node) override;
-  void setType(PartitionNode& node, uint8_t type) override;
 
   // False when neither header copy could be used (the disk then shows no partitions and
   // refuses changes).
@@ -72,7 +71,6 @@ class PartitionedDiskGpt : public PartitionedDisk {
   TableFacts facts_;
   std::array<uint8_t, 512> mbr_{};
   bool valid_ = false;
-  uint32_t unit_ = 1;   // 512-byte sectors per GPT block
   GptTableCopy table_;  // the copy in use: its header and the entry array
   GptHeader primary_, backup_;
 };

@@ -5,15 +5,11 @@
 
 #include "core/Crc32.h"
 #include "core/Endian.h"
+#include "core/Field.h"
 #include "core/Message.h"
 #include "disk/DiskDrive.h"
 
 namespace Corvo::Disk {
-
-using Core::get32;
-using Core::get64;
-using Core::put32;
-using Core::put64;
 
 namespace {
 GuidBytes guidAt(const uint8_t* p) {
@@ -21,6 +17,17 @@ GuidBytes guidAt(const uint8_t* p) {
   std::memcpy(g.data(), p, g.size());
   return g;
 }
+// The header's fields.
+namespace H {
+constexpr Core::ByteField signature{0, 8}, diskGuid{56, 16};
+constexpr Core::Field32 revision{8}, size{12}, crc{16}, entryCount{80}, entrySize{84}, entriesCrc{88};
+constexpr Core::Field64 myBlock{24}, alternateBlock{32}, firstUsableBlock{40}, lastUsableBlock{48}, entriesBlock{72};
+}  // namespace H
+// An entry's fields; the name is kNameUnits UTF-16 units.
+namespace E {
+constexpr Core::ByteField typeGuid{0, 16}, uniqueGuid{16, 16}, name{56, 72};
+constexpr Core::Field64 firstBlock{32}, lastBlock{40}, attributes{48};
+}  // namespace E
 // The largest entry array accepted when reading (the usual one is 16 KiB).
 constexpr uint64_t kMaxEntryArrayBytes = 16u << 20;
 }  // namespace
@@ -28,11 +35,11 @@ constexpr uint64_t kMaxEntryArrayBytes = 16u << 20;
 // ---- GptHeader
 
 GptHeader::GptHeader() {
-  std::memcpy(bytes_.data(), "EFI PART", 8);
-  put32(&bytes_[8], kRevision);
-  put32(&bytes_[12], kSize);
-  put32(&bytes_[80], kDefaultEntryCount);
-  put32(&bytes_[84], kDefaultEntrySize);
+  std::memcpy(bytes_.data() + H::signature.offset, "EFI PART", H::signature.size);
+  H::revision.put(bytes_.data(), kRevision);
+  H::size.put(bytes_.data(), kSize);
+  H::entryCount.put(bytes_.data(), kDefaultEntryCount);
+  H::entrySize.put(bytes_.data(), kDefaultEntrySize);
 }
 GptHeader::GptHeader(const uint8_t* bytes) { copyFrom(bytes); }
 GptHeader::GptHeader(const GptHeader& other) : bytes_(other.bytes_) {}
@@ -44,45 +51,45 @@ void GptHeader::copyTo(uint8_t* out) const { std::memcpy(out, bytes_.data(), kSi
 void GptHeader::copyFrom(const uint8_t* in) { std::memcpy(bytes_.data(), in, kSize); }
 
 bool GptHeader::hasSignature() const { return Core::bytesEqual(bytes_.data(), "EFI PART", 8); }
-uint32_t GptHeader::revision() const { return get32(&bytes_[8]); }
-uint32_t GptHeader::headerSize() const { return get32(&bytes_[12]); }
-uint32_t GptHeader::headerCrc() const { return get32(&bytes_[16]); }
-uint64_t GptHeader::myBlock() const { return get64(&bytes_[24]); }
-uint64_t GptHeader::alternateBlock() const { return get64(&bytes_[32]); }
-uint64_t GptHeader::firstUsableBlock() const { return get64(&bytes_[40]); }
-uint64_t GptHeader::lastUsableBlock() const { return get64(&bytes_[48]); }
-GuidBytes GptHeader::diskGuid() const { return guidAt(&bytes_[56]); }
-uint64_t GptHeader::entriesBlock() const { return get64(&bytes_[72]); }
-uint32_t GptHeader::entryCount() const { return get32(&bytes_[80]); }
-uint32_t GptHeader::entrySize() const { return get32(&bytes_[84]); }
-uint32_t GptHeader::entriesCrc() const { return get32(&bytes_[88]); }
+uint32_t GptHeader::revision() const { return H::revision.get(bytes_.data()); }
+uint32_t GptHeader::headerSize() const { return H::size.get(bytes_.data()); }
+uint32_t GptHeader::headerCrc() const { return H::crc.get(bytes_.data()); }
+uint64_t GptHeader::myBlock() const { return H::myBlock.get(bytes_.data()); }
+uint64_t GptHeader::alternateBlock() const { return H::alternateBlock.get(bytes_.data()); }
+uint64_t GptHeader::firstUsableBlock() const { return H::firstUsableBlock.get(bytes_.data()); }
+uint64_t GptHeader::lastUsableBlock() const { return H::lastUsableBlock.get(bytes_.data()); }
+GuidBytes GptHeader::diskGuid() const { return guidAt(&bytes_[H::diskGuid.offset]); }
+uint64_t GptHeader::entriesBlock() const { return H::entriesBlock.get(bytes_.data()); }
+uint32_t GptHeader::entryCount() const { return H::entryCount.get(bytes_.data()); }
+uint32_t GptHeader::entrySize() const { return H::entrySize.get(bytes_.data()); }
+uint32_t GptHeader::entriesCrc() const { return H::entriesCrc.get(bytes_.data()); }
 
-void GptHeader::setMyBlock(uint64_t v) { put64(&bytes_[24], v); }
-void GptHeader::setAlternateBlock(uint64_t v) { put64(&bytes_[32], v); }
-void GptHeader::setFirstUsableBlock(uint64_t v) { put64(&bytes_[40], v); }
-void GptHeader::setLastUsableBlock(uint64_t v) { put64(&bytes_[48], v); }
-void GptHeader::setEntriesBlock(uint64_t v) { put64(&bytes_[72], v); }
-void GptHeader::setEntryCount(uint32_t v) { put32(&bytes_[80], v); }
-void GptHeader::setEntrySize(uint32_t v) { put32(&bytes_[84], v); }
-void GptHeader::setEntriesCrc(uint32_t v) { put32(&bytes_[88], v); }
-void GptHeader::setHeaderSize(uint32_t v) { put32(&bytes_[12], v); }
+void GptHeader::setMyBlock(uint64_t v) { H::myBlock.put(bytes_.data(), v); }
+void GptHeader::setAlternateBlock(uint64_t v) { H::alternateBlock.put(bytes_.data(), v); }
+void GptHeader::setFirstUsableBlock(uint64_t v) { H::firstUsableBlock.put(bytes_.data(), v); }
+void GptHeader::setLastUsableBlock(uint64_t v) { H::lastUsableBlock.put(bytes_.data(), v); }
+void GptHeader::setEntriesBlock(uint64_t v) { H::entriesBlock.put(bytes_.data(), v); }
+void GptHeader::setEntryCount(uint32_t v) { H::entryCount.put(bytes_.data(), v); }
+void GptHeader::setEntrySize(uint32_t v) { H::entrySize.put(bytes_.data(), v); }
+void GptHeader::setEntriesCrc(uint32_t v) { H::entriesCrc.put(bytes_.data(), v); }
+void GptHeader::setHeaderSize(uint32_t v) { H::size.put(bytes_.data(), v); }
 
 uint32_t GptHeader::imageCrc(const uint8_t* block, uint32_t size) {
   const uint8_t zero[4] = {};
-  uint32_t crc = Core::crc32(block, 16);
+  uint32_t crc = Core::crc32(block, H::crc.offset);
   crc = Core::crc32(zero, sizeof zero, crc);
-  return Core::crc32(block + 20, size - 20, crc);
+  return Core::crc32(block + H::crc.end(), static_cast<uint32_t>(size - H::crc.end()), crc);
 }
-void GptHeader::storeImageCrc(uint8_t* block, uint32_t size) { put32(block + 16, imageCrc(block, size)); }
+void GptHeader::storeImageCrc(uint8_t* block, uint32_t size) { H::crc.put(block, imageCrc(block, size)); }
 uint32_t GptHeader::computeHeaderCrc() const { return imageCrc(bytes_.data(), kSize); }
 void GptHeader::updateHeaderCrc() { storeImageCrc(bytes_.data(), kSize); }
 
 void GptHeader::setGptUuid(const GuidBytes& guid) {
   const GuidBytes old = diskGuid();
-  std::memcpy(&bytes_[56], guid.data(), guid.size());
+  std::memcpy(&bytes_[H::diskGuid.offset], guid.data(), guid.size());
   if (old == guid) return;
   for (GptHeader* h = alternate_; h && h != this && h->diskGuid() == old; h = h->alternate_)
-    std::memcpy(&h->bytes_[56], guid.data(), guid.size());
+    std::memcpy(&h->bytes_[H::diskGuid.offset], guid.data(), guid.size());
 }
 
 // ---- GptRecord
@@ -90,33 +97,33 @@ void GptHeader::setGptUuid(const GuidBytes& guid) {
 GptRecord::GptRecord(const uint8_t* bytes) { std::memcpy(bytes_.data(), bytes, kSize); }
 void GptRecord::copyTo(uint8_t* out) const { std::memcpy(out, bytes_.data(), kSize); }
 bool GptRecord::isUsed() const {
-  return std::any_of(bytes_.begin(), bytes_.begin() + 16, [](uint8_t b) { return b != 0; });
+  return std::any_of(bytes_.begin(), bytes_.begin() + E::typeGuid.end(), [](uint8_t b) { return b != 0; });
 }
 bool GptRecord::isAllZero() const {
   return std::all_of(bytes_.begin(), bytes_.end(), [](uint8_t b) { return b == 0; });
 }
-GuidBytes GptRecord::typeGuid() const { return guidAt(&bytes_[0]); }
-GuidBytes GptRecord::uniqueGuid() const { return guidAt(&bytes_[16]); }
-uint64_t GptRecord::firstBlock() const { return get64(&bytes_[32]); }
-uint64_t GptRecord::lastBlock() const { return get64(&bytes_[40]); }
-uint64_t GptRecord::attributes() const { return get64(&bytes_[48]); }
+GuidBytes GptRecord::typeGuid() const { return guidAt(&bytes_[E::typeGuid.offset]); }
+GuidBytes GptRecord::uniqueGuid() const { return guidAt(&bytes_[E::uniqueGuid.offset]); }
+uint64_t GptRecord::firstBlock() const { return E::firstBlock.get(bytes_.data()); }
+uint64_t GptRecord::lastBlock() const { return E::lastBlock.get(bytes_.data()); }
+uint64_t GptRecord::attributes() const { return E::attributes.get(bytes_.data()); }
 std::u16string GptRecord::name() const {
   std::u16string out;
   for (size_t i = 0; i < kNameUnits; ++i) {
-    char16_t c = static_cast<char16_t>(Core::get16(&bytes_[56 + 2 * i]));
+    char16_t c = static_cast<char16_t>(Core::get16(&bytes_[E::name.offset + 2 * i]));
     if (!c) break;
     out += c;
   }
   return out;
 }
-void GptRecord::setTypeGuid(const GuidBytes& g) { std::memcpy(&bytes_[0], g.data(), 16); }
-void GptRecord::setUniqueGuid(const GuidBytes& g) { std::memcpy(&bytes_[16], g.data(), 16); }
-void GptRecord::setFirstBlock(uint64_t v) { put64(&bytes_[32], v); }
-void GptRecord::setLastBlock(uint64_t v) { put64(&bytes_[40], v); }
-void GptRecord::setAttributes(uint64_t v) { put64(&bytes_[48], v); }
+void GptRecord::setTypeGuid(const GuidBytes& g) { std::memcpy(&bytes_[E::typeGuid.offset], g.data(), E::typeGuid.size); }
+void GptRecord::setUniqueGuid(const GuidBytes& g) { std::memcpy(&bytes_[E::uniqueGuid.offset], g.data(), E::uniqueGuid.size); }
+void GptRecord::setFirstBlock(uint64_t v) { E::firstBlock.put(bytes_.data(), v); }
+void GptRecord::setLastBlock(uint64_t v) { E::lastBlock.put(bytes_.data(), v); }
+void GptRecord::setAttributes(uint64_t v) { E::attributes.put(bytes_.data(), v); }
 void GptRecord::setName(const std::u16string& name) {
-  std::memset(&bytes_[56], 0, 2 * kNameUnits);
-  for (size_t i = 0; i < name.size() && i < kNameUnits; ++i) Core::put16(&bytes_[56 + 2 * i], name[i]);
+  std::memset(&bytes_[E::name.offset], 0, E::name.size);
+  for (size_t i = 0; i < name.size() && i < kNameUnits; ++i) Core::put16(&bytes_[E::name.offset + 2 * i], name[i]);
 }
 
 // ---- Table copies
@@ -130,29 +137,19 @@ void GptTableCopy::setRecord(uint32_t index, const GptRecord& record) {
   record.copyTo(p);
 }
 
-uint32_t gptBlockUnit(const BlockDevice& disk) {
-  if (const auto* drive = dynamic_cast<const DiskDrive*>(&disk)) {
-    uint32_t bytes = drive->geometry().bytesPerSector;
-    if (bytes > kSectorSize && bytes % kSectorSize == 0 && bytes <= 65536) return bytes / kSectorSize;
-  }
-  return 1;
-}
-
-uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t unit) {
-  uint64_t blockBytes = uint64_t{unit} * kSectorSize;
+uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t blockBytes) {
   return (uint64_t{entryCount} * entrySize + blockBytes - 1) / blockBytes;
 }
 
 std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   using Core::format;
-  const uint32_t unit = gptBlockUnit(disk);
-  const uint64_t blockBytes = uint64_t{unit} * kSectorSize;
-  const uint64_t blocks = disk.blockCount() / unit;
+  const uint32_t blockBytes = disk.bytesPerBlock();
+  const uint64_t blocks = disk.blockCount();
   if (at >= blocks) return format("would lie at block %llu, beyond the end of the disk", (unsigned long long)at);
 
   std::vector<uint8_t> sector(blockBytes);
   try {
-    disk.read(at * unit, unit, sector.data());
+    disk.read(at, 1, sector.data());
   } catch (const Core::Error& e) {
     return "cannot be read -- " + e.text();
   }
@@ -170,7 +167,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   if (count == 0 || uint64_t{count} * esize > kMaxEntryArrayBytes)
     return format("has an invalid entry count of %u", count);
 
-  const uint64_t arrayBlocks = gptEntryArrayBlocks(count, esize, unit);
+  const uint64_t arrayBlocks = gptEntryArrayBlocks(count, esize, blockBytes);
   const uint64_t last = blocks - 1;
   const uint64_t first = h.firstUsableBlock(), lastUsable = h.lastUsableBlock();
   const uint64_t entries = h.entriesBlock();
@@ -199,7 +196,7 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
 
   std::vector<uint8_t> array(arrayBlocks * blockBytes);
   try {
-    disk.read(entries * unit, arrayBlocks * unit, array.data());
+    disk.read(entries, arrayBlocks, array.data());
   } catch (const Core::Error& e) {
     return "has an entry array that cannot be read -- " + e.text();
   }
@@ -208,25 +205,6 @@ std::string readGptCopy(BlockDevice& disk, uint64_t at, GptTableCopy& out) {
   out.header = h;
   out.entries = std::move(array);
   return {};
-}
-
-// ---- DiskFormatPropertiesGpt
-
-void DiskFormatPropertiesGpt::setGptSlotCount(uint32_t count) {
-  slotCount_ = count;
-  slotCountAvailable_ = true;
-}
-void DiskFormatPropertiesGpt::setGptUuid(const GuidBytes& guid) {
-  uuid_ = guid;
-  uuidAvailable_ = true;
-}
-void DiskFormatPropertiesGpt::read(BlockDevice& disk) {
-  slotCountAvailable_ = uuidAvailable_ = false;
-  const uint64_t blocks = disk.blockCount() / gptBlockUnit(disk);
-  GptTableCopy copy;
-  if (blocks < 3 || (!readGptCopy(disk, 1, copy).empty() && !readGptCopy(disk, blocks - 1, copy).empty())) return;
-  setGptSlotCount(copy.header.entryCount());
-  setGptUuid(copy.header.diskGuid());
 }
 
 }  // namespace Corvo::Disk

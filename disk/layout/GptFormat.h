@@ -1,12 +1,12 @@
 // On-disk structures of a GPT disk: the header, the partition entry and the disk-level
-// properties. Fields are read and written through the little-endian accessors only.
+// properties. Each field is declared once (core/Field.h) and read and written through it.
 #pragma once
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "disk/DiskFormatProperties.h"
+#include "disk/BlockDevice.h"
 #include "disk/PartitionedDisk.h"
 
 namespace Corvo::Disk {
@@ -105,25 +105,6 @@ class GptRecord {
   std::array<uint8_t, kSize> bytes_{};
 };
 
-// The disk-level values of a GPT disk: the number of entries of the table and the disk GUID.
-class DiskFormatPropertiesGpt : public DiskFormatProperties {
- public:
-  bool isGptSlotCountAvailable() const { return slotCountAvailable_; }
-  uint32_t getGptSlotCount() const { return slotCount_; }
-  void setGptSlotCount(uint32_t count);
-  bool isGptUuidAvailable() const { return uuidAvailable_; }
-  GuidBytes getGptUuid() const { return uuid_; }
-  void setGptUuid(const GuidBytes& guid);
-  // From the primary header, or from the backup when the primary is not valid; leaves both
-  // values unavailable when neither copy is valid.
-  void read(BlockDevice& disk) override;
-
- private:
-  bool slotCountAvailable_ = false, uuidAvailable_ = false;
-  uint32_t slotCount_ = 0;
-  GuidBytes uuid_{};
-};
-
 // One copy of the table as read from a disk: its header and its entry array.
 struct GptTableCopy {
   GptHeader header;
@@ -132,11 +113,9 @@ struct GptTableCopy {
   void setRecord(uint32_t index, const GptRecord& record);
 };
 
-// GPT blocks are the disk's logical sectors; this is their size in 512-byte sectors (1 on
-// almost every disk, 8 on disks with 4096-byte sectors).
-uint32_t gptBlockUnit(const BlockDevice& disk);
-// Size of the entry array in GPT blocks.
-uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t unit);
+// GPT blocks are the disk's logical sectors (BlockDevice::bytesPerBlock()).
+// Size of the entry array in GPT blocks of blockBytes bytes.
+uint64_t gptEntryArrayBlocks(uint32_t entryCount, uint32_t entrySize, uint32_t blockBytes);
 
 // Reads the copy whose header should be at GPT block `at` and checks it: signature, header
 // size, header CRC, its own position, entry geometry, every block it points to lying on the

@@ -61,9 +61,7 @@ BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std:
 namespace {
 
 bool hasGptHeader(DiskDrive& drive, uint64_t block) {
-  uint8_t buf[512];
-  drive.read(block, 1, buf);
-  return GptHeader(buf).hasSignature();
+  return GptHeader(drive.readSector(block).data()).hasSignature();
 }
 
 // The sectors that must be zeroed so that the old partitions are found nowhere: every extended
@@ -77,9 +75,7 @@ std::set<uint64_t> staleTableBlocks(PartitionedDisk& layout) {
     for (const RawBootRecord& r : layout.rawTables())
       if (r.block > 0 && r.block < blocks) stale.insert(r.block);
   if (blocks > 2) {
-    uint8_t buf[512];
-    drive.read(1, 1, buf);
-    GptHeader primary(buf);
+    GptHeader primary(drive.readSector(1).data());
     if (primary.hasSignature()) {
       stale.insert(1);
       if (primary.alternateBlock() > 1 && primary.alternateBlock() < blocks && hasGptHeader(drive, primary.alternateBlock()))
@@ -105,9 +101,7 @@ std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8
     for (const PartitionNode* n : layout.displayList()) drive.prepareForChange(n->firstBlock, n->blockCount);
     stale = staleTableBlocks(layout);
   }
-  uint8_t buf[512];
-  drive.read(0, 1, buf);
-  BiosBootRecord next = composeMasterBootRecord(BiosBootRecord(true, 4, buf), code, mode);
+  BiosBootRecord next = composeMasterBootRecord(BiosBootRecord(true, 4, drive.readSector(0).data()), code, mode);
   if (wipe)
     for (unsigned s = 0; s < BiosBootRecord::kMaxSlots; ++s) next.clearSlot(s);
 
@@ -116,8 +110,8 @@ std::string writeMasterBootCode(PartitionedDisk& layout, const std::vector<uint8
   drive.write(0, 1, next.data());
   drive.flush();
   if (!stale.empty()) {
-    const uint8_t zero[512] = {};
-    for (uint64_t b : stale) drive.write(b, 1, zero);
+    const std::vector<uint8_t> zero(drive.bytesPerBlock(), 0);
+    for (uint64_t b : stale) drive.write(b, 1, zero.data());
     drive.flush();
   }
   if (!wipe) return {};

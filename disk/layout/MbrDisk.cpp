@@ -78,6 +78,8 @@ class MbrDisk : public PartitionedDisk {
   explicit MbrDisk(DiskDrive& drive) : PartitionedDisk(drive) { readTables(); }
 
   PartitionScheme scheme() const override { return PartitionScheme::Mbr; }
+  const char* kindName() const override { return "MBR"; }
+  TableCapabilities capabilities() const override { return {true, true, true, true}; }
   const std::vector<std::unique_ptr<PartitionNode>>& roots() const override { return roots_; }
   const TableFacts& facts() const override { return facts_; }
   std::vector<RawBootRecord> rawTables() const override;
@@ -146,9 +148,8 @@ void MbrDisk::readTables() {
   roots_.clear();
   chains_.clear();
   facts_ = TableFacts{};
-  uint8_t buf[512];
-  drive().read(0, 1, buf);
-  master_ = std::make_unique<PartitionNodeBiosPartitionContainerMaster>(BiosBootRecord(true, 4, buf));
+  const std::vector<uint8_t> sector0 = drive().readSector(0);
+  master_ = std::make_unique<PartitionNodeBiosPartitionContainerMaster>(BiosBootRecord(true, 4, sector0.data()));
   const BiosBootRecord& mbr = master_->record();
   masterValid_ = mbr.hasSignature();
   if (!masterValid_) {
@@ -221,14 +222,14 @@ void MbrDisk::readChain(PartitionNode& extended) {
                      block));
       break;
     }
-    uint8_t buf[512];
+    std::vector<uint8_t> buf;
     try {
-      drive().read(block, 1, buf);
+      buf = drive().readSector(block);
     } catch (const Error& e) {
       damaged(format("The extended boot record at sector %" PRIu64 " cannot be read -- %s", block, e.what()));
       break;
     }
-    BiosBootRecord rec(true, 4, buf);
+    BiosBootRecord rec(true, 4, buf.data());
     if (!rec.hasSignature()) {
       // An extended partition whose first record was never written is simply empty.
       if (n > 0 || !rec.isAllZero())
@@ -314,13 +315,13 @@ std::vector<RawBootRecord> MbrDisk::rawTables() const {
   std::vector<RawBootRecord> out;
   RawBootRecord mbr;
   mbr.block = 0;
-  std::copy_n(master_->record().data(), 512, mbr.bytes.begin());
+  std::copy_n(master_->record().data(), mbr.bytes.size(), mbr.bytes.begin());
   out.push_back(mbr);
   for (const Chain& c : chains_)
     for (const auto& r : c.records) {
       RawBootRecord raw;
       raw.block = r->block();
-      std::copy_n(r->record().data(), 512, raw.bytes.begin());
+      std::copy_n(r->record().data(), raw.bytes.size(), raw.bytes.begin());
       out.push_back(raw);
     }
   return out;
@@ -365,8 +366,8 @@ void MbrDisk::clearRecord(uint64_t block, const PartitionNode* removed, const Pa
     }
     if (block >= n->firstBlock && block < n->firstBlock + n->blockCount) return;
   }
-  uint8_t zero[512] = {};
-  drive().write(block, 1, zero);
+  const std::vector<uint8_t> zero(drive().bytesPerBlock(), 0);
+  drive().write(block, 1, zero.data());
 }
 
 BiosBootRecord MbrDisk::masterForWriting() const {
@@ -418,11 +419,14 @@ std::optional<Placement> MbrDisk::place(const CreationRequest& request, const st
                                         bool logical, uint64_t extendedStart, uint64_t& largest) const {
   const Geometry& g = drive().geometry();
   const bool chs = request.alignment == CreationRequest::kCylinderAlignment || request.alignment == 0;
-  if (request.alignment < CreationRequest::kCylinderAlignment)
+  if (request.alignment < CreationRequest::kMegabyteAlignment)
     throw Error(ErrorId::InvalidArgument, "Invalid partition alignment").with("alignment", std::to_string(request.alignment));
   const uint64_t track = g.sectorsPerTrack;
   const uint64_t cylinder = uint64_t{g.heads} * g.sectorsPerTrack;
-  const uint64_t unit = chs ? cylinder : static_cast<uint64_t>(request.alignment);
+  const uint64_t megabyte = std::max<uint64_t>(1, drive().blocksOf(uint64_t{1} << 20));
+  const uint64_t unit = chs                                                     ? cylinder
+                        : request.alignment == CreationRequest::kMegabyteAlignment ? megabyte
+                                                                                   : static_cast<uint64_t>(request.alignment);
   const uint64_t lead = logical ? (chs ? track : unit) : 0;      // the drive's boot record (<= unit)
   const uint64_t firstStart = chs ? track : unit;                 // the first primary
   const bool largestWanted = request.sizeBlocks == CreationRequest::kLargest;
@@ -744,9 +748,9 @@ void MbrDisk::removeAll() {
   // Nothing remains that a record could lie inside.
   roots_.clear();
   chains_.clear();
-  uint8_t zero[512] = {};
+  const std::vector<uint8_t> zero(drive().bytesPerBlock(), 0);
   for (uint64_t b : stale)
-    if (b > 0 && b < drive().blockCount()) drive().write(b, 1, zero);
+    if (b > 0 && b < drive().blockCount()) drive().write(b, 1, zero.data());
   finishChange();
 }
 

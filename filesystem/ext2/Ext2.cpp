@@ -77,7 +77,7 @@ std::string uuidText(const Ext2Uuid& u) {
 class SequentialWriter {
  public:
   SequentialWriter(Disk::BlockDevice& device, uint32_t blockSize)
-      : device_(device), blockSize_(blockSize), sectorsPerBlock_(blockSize / Disk::kSectorSize) {
+      : device_(device), blockSize_(blockSize), sectorsPerBlock_(blockSize / device.bytesPerBlock()) {
     buffer_.reserve(kWriteBufferBytes);
   }
   // Zero-filled room for `count` blocks from `block` on, valid until the next call. Blocks are
@@ -102,7 +102,7 @@ class SequentialWriter {
   }
   void flush() {
     if (buffer_.empty()) return;
-    device_.write(first_ * sectorsPerBlock_, buffer_.size() / Disk::kSectorSize, buffer_.data());
+    device_.write(first_ * sectorsPerBlock_, buffer_.size() / device_.bytesPerBlock(), buffer_.data());
     buffer_.clear();
   }
 
@@ -122,43 +122,43 @@ struct Identity {
 void fillSuperblock(uint8_t* sb, const Ext2Layout& L, const Identity& id, uint32_t group) {
   namespace S = X::Super;
   std::memset(sb, 0, X::kSuperblockSize);
-  S::inodesCount.set(sb, static_cast<uint32_t>(L.inodeCount));
-  S::blocksCount.set(sb, L.blockCount);
-  S::reservedBlocksCount.set(sb, L.reservedBlocks);
-  S::freeBlocksCount.set(sb, static_cast<uint32_t>(L.freeBlocks));
-  S::freeInodesCount.set(sb, static_cast<uint32_t>(L.freeInodes));
-  S::firstDataBlock.set(sb, L.firstDataBlock);
+  S::inodesCount.put(sb, static_cast<uint32_t>(L.inodeCount));
+  S::blocksCount.put(sb, L.blockCount);
+  S::reservedBlocksCount.put(sb, L.reservedBlocks);
+  S::freeBlocksCount.put(sb, static_cast<uint32_t>(L.freeBlocks));
+  S::freeInodesCount.put(sb, static_cast<uint32_t>(L.freeInodes));
+  S::firstDataBlock.put(sb, L.firstDataBlock);
   const uint32_t logSize = L.blockSize == 1024 ? 0 : 2;
-  S::logBlockSize.set(sb, logSize);
-  S::logFragmentSize.set(sb, logSize);
-  S::blocksPerGroup.set(sb, L.blocksPerGroup);
-  S::fragmentsPerGroup.set(sb, L.blocksPerGroup);
-  S::inodesPerGroup.set(sb, L.inodesPerGroup);
-  S::writeTime.set(sb, id.now);
-  S::maxMountCount.set(sb, 0xFFFF);  // -1: no check forced by the number of mounts
-  S::magic.set(sb, X::kMagic);
-  S::state.set(sb, X::kStateClean);
-  S::errors.set(sb, X::kErrorsContinue);
-  S::lastCheck.set(sb, id.now);
-  S::creatorOs.set(sb, X::kCreatorLinux);
-  S::revision.set(sb, X::kDynamicRevision);
-  S::firstInode.set(sb, X::kFirstInode);
-  S::inodeSize.set(sb, static_cast<uint16_t>(L.inodeSize));
-  S::blockGroupNumber.set(sb, static_cast<uint16_t>(group));
-  S::featureCompat.set(sb, X::kCompatExtAttr | X::kCompatDirIndex);
-  S::featureIncompat.set(sb, X::kIncompatFiletype);
-  S::featureRoCompat.set(sb, X::kRoCompatSparseSuper | X::kRoCompatLargeFile);
+  S::logBlockSize.put(sb, logSize);
+  S::logFragmentSize.put(sb, logSize);
+  S::blocksPerGroup.put(sb, L.blocksPerGroup);
+  S::fragmentsPerGroup.put(sb, L.blocksPerGroup);
+  S::inodesPerGroup.put(sb, L.inodesPerGroup);
+  S::writeTime.put(sb, id.now);
+  S::maxMountCount.put(sb, 0xFFFF);  // -1: no check forced by the number of mounts
+  S::magic.put(sb, X::kMagic);
+  S::state.put(sb, X::kStateClean);
+  S::errors.put(sb, X::kErrorsContinue);
+  S::lastCheck.put(sb, id.now);
+  S::creatorOs.put(sb, X::kCreatorLinux);
+  S::revision.put(sb, X::kDynamicRevision);
+  S::firstInode.put(sb, X::kFirstInode);
+  S::inodeSize.put(sb, static_cast<uint16_t>(L.inodeSize));
+  S::blockGroupNumber.put(sb, static_cast<uint16_t>(group));
+  S::featureCompat.put(sb, X::kCompatExtAttr | X::kCompatDirIndex);
+  S::featureIncompat.put(sb, X::kIncompatFiletype);
+  S::featureRoCompat.put(sb, X::kRoCompatSparseSuper | X::kRoCompatLargeFile);
   putBytes(sb, S::uuid, id.uuid.data(), id.uuid.size());
   putBytes(sb, S::volumeName, reinterpret_cast<const uint8_t*>(id.label.data()), id.label.size());
   putBytes(sb, S::hashSeed, id.hashSeed.data(), id.hashSeed.size());
-  S::defaultHashVersion.set(sb, X::kHashHalfMd4);
-  S::defaultMountOptions.set(sb, X::kMountUserXattr | X::kMountAcl);
-  S::mkfsTime.set(sb, id.now);
+  S::defaultHashVersion.put(sb, X::kHashHalfMd4);
+  S::defaultMountOptions.put(sb, X::kMountUserXattr | X::kMountAcl);
+  S::mkfsTime.put(sb, id.now);
   if (L.inodeSize > X::kGoodOldInodeSize) {
-    S::minExtraInodeSize.set(sb, X::kLargeInodeExtra);
-    S::wantExtraInodeSize.set(sb, X::kLargeInodeExtra);
+    S::minExtraInodeSize.put(sb, X::kLargeInodeExtra);
+    S::wantExtraInodeSize.put(sb, X::kLargeInodeExtra);
   }
-  S::flags.set(sb, X::kFlagSignedHash);
+  S::flags.put(sb, X::kFlagSignedHash);
 }
 
 // Descriptors first .. first + count - 1 into out (count * 32 bytes, zeroed by the caller).
@@ -167,29 +167,29 @@ void fillDescriptors(uint8_t* out, const Ext2Layout& L, uint64_t first, uint64_t
   for (uint64_t i = 0; i < count && first + i < L.groupCount; ++i) {
     const uint32_t g = static_cast<uint32_t>(first + i);
     uint8_t* d = out + i * X::kGroupDescriptorSize;
-    G::blockBitmap.set(d, L.blockBitmapBlock(g));
-    G::inodeBitmap.set(d, L.inodeBitmapBlock(g));
-    G::inodeTable.set(d, L.inodeTableBlock(g));
-    G::freeBlocksCount.set(d, static_cast<uint16_t>(L.groupBlocks(g) - L.groupUsedBlocks(g)));
-    G::freeInodesCount.set(d, static_cast<uint16_t>(L.inodesPerGroup - (g == 0 ? X::kFirstInode : 0)));
-    G::usedDirsCount.set(d, g == 0 ? 2 : 0);
+    G::blockBitmap.put(d, L.blockBitmapBlock(g));
+    G::inodeBitmap.put(d, L.inodeBitmapBlock(g));
+    G::inodeTable.put(d, L.inodeTableBlock(g));
+    G::freeBlocksCount.put(d, static_cast<uint16_t>(L.groupBlocks(g) - L.groupUsedBlocks(g)));
+    G::freeInodesCount.put(d, static_cast<uint16_t>(L.inodesPerGroup - (g == 0 ? X::kFirstInode : 0)));
+    G::usedDirsCount.put(d, g == 0 ? 2 : 0);
   }
 }
 
 void fillDirectoryInode(uint8_t* inode, const Ext2Layout& L, uint32_t now, uint16_t mode, uint16_t links,
                         uint32_t firstBlock, uint32_t blocks) {
   namespace I = X::Inode;
-  I::mode.set(inode, static_cast<uint16_t>(X::kModeDirectory | mode));
-  I::size.set(inode, blocks * L.blockSize);
-  I::accessTime.set(inode, now);
-  I::changeTime.set(inode, now);
-  I::modifyTime.set(inode, now);
-  I::linksCount.set(inode, links);
-  I::sectors.set(inode, blocks * (L.blockSize / Disk::kSectorSize));
-  for (uint32_t i = 0; i < blocks; ++i) inodeBlockPointer(i).set(inode, firstBlock + i);
+  I::mode.put(inode, static_cast<uint16_t>(X::kModeDirectory | mode));
+  I::size.put(inode, blocks * L.blockSize);
+  I::accessTime.put(inode, now);
+  I::changeTime.put(inode, now);
+  I::modifyTime.put(inode, now);
+  I::linksCount.put(inode, links);
+  I::sectors.put(inode, blocks * (L.blockSize / X::kInodeSectorBytes));
+  for (uint32_t i = 0; i < blocks; ++i) inodeBlockPointer(i).put(inode, firstBlock + i);
   if (L.inodeSize > X::kGoodOldInodeSize) {
-    I::extraSize.set(inode, X::kLargeInodeExtra);
-    I::creationTime.set(inode, now);
+    I::extraSize.put(inode, X::kLargeInodeExtra);
+    I::creationTime.put(inode, now);
   }
 }
 
@@ -197,10 +197,10 @@ void fillDirectoryInode(uint8_t* inode, const Ext2Layout& L, uint32_t now, uint1
 size_t putEntry(uint8_t* block, size_t at, uint32_t inode, const char* name, size_t recordLength) {
   namespace D = X::DirEntry;
   const size_t nameLength = std::strlen(name);
-  D::inode.set(block + at, inode);
-  D::recordLength.set(block + at, static_cast<uint16_t>(recordLength));
-  D::nameLength.set(block + at, static_cast<uint8_t>(nameLength));
-  D::fileType.set(block + at, X::kFileTypeDirectory);
+  D::inode.put(block + at, inode);
+  D::recordLength.put(block + at, static_cast<uint16_t>(recordLength));
+  D::nameLength.put(block + at, static_cast<uint8_t>(nameLength));
+  D::fileType.put(block + at, X::kFileTypeDirectory);
   std::memcpy(block + at + D::kName, name, nameLength);
   return at + recordLength;
 }
@@ -214,44 +214,36 @@ void fillDirectories(uint8_t* p, const Ext2Layout& L) {
   uint8_t* lf = p + B;
   at = putEntry(lf, 0, X::kLostFoundInode, ".", 12);
   putEntry(lf, at, X::kRootInode, "..", B - at);
-  for (uint32_t i = 1; i < L.lostFoundBlocks; ++i) X::DirEntry::recordLength.set(lf + i * B, static_cast<uint16_t>(B));
+  for (uint32_t i = 1; i < L.lostFoundBlocks; ++i) X::DirEntry::recordLength.put(lf + i * B, static_cast<uint16_t>(B));
 }
 
-void printSummary(const Ext2Layout& L, const Identity& id) {
-  Core::print("Format complete.\n\n");
-  if (id.label.empty())
-    Core::print("Volume has no label\n");
-  else
-    Core::print("Volume label is %s\n", id.label.c_str());
-  Core::print("Volume UUID is %s\n", uuidText(id.uuid).c_str());
-  const std::string numbers[] = {std::to_string(L.blockSize),     std::to_string(L.blockCount),
-                                 std::to_string(L.freeBlocks),    std::to_string(L.reservedBlocks),
-                                 std::to_string(L.inodeCount),    std::to_string(L.groupCount),
-                                 std::to_string(L.unusedSectors)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  Core::print("%*s bytes in each block\n", width, numbers[0].c_str());
-  Core::print("%*s total blocks\n", width, numbers[1].c_str());
-  Core::print("%*s free blocks\n", width, numbers[2].c_str());
-  Core::print("%*s blocks reserved for the administrator\n", width, numbers[3].c_str());
-  Core::print("%*s inodes of %u bytes\n", width, numbers[4].c_str(), L.inodeSize);
-  Core::print("%*s block groups of %u blocks\n", width, numbers[5].c_str(), L.blocksPerGroup);
-  if (L.unusedSectors) Core::print("%*s sectors at the end of the partition left unused\n", width, numbers[6].c_str());
+FormatSummary summaryOf(const Ext2Layout& L, const Identity& id) {
+  FormatSummary s;
+  s.say(id.label.empty() ? "Volume has no label" : "Volume label is " + id.label);
+  s.say("Volume UUID is " + uuidText(id.uuid));
+  s.count(L.blockSize, "bytes in each block");
+  s.count(L.blockCount, "total blocks");
+  s.count(L.freeBlocks, "free blocks");
+  s.count(L.reservedBlocks, "blocks reserved for the administrator");
+  s.count(L.inodeCount, Core::format("inodes of %u bytes", L.inodeSize));
+  s.count(L.groupCount, Core::format("block groups of %u blocks", L.blocksPerGroup));
+  if (L.unusedSectors) s.count(L.unusedSectors, "sectors at the end of the partition left unused");
   const std::vector<uint32_t> copies = L.superblockCopies();
   if (copies.empty()) {
-    Core::print("No superblock backups\n");
+    s.say("No superblock backups");
   } else {
     std::string list;
     for (uint32_t b : copies) list += (list.empty() ? "" : ", ") + std::to_string(b);
-    Core::print("Superblock backups at blocks %s\n", list.c_str());
+    s.say("Superblock backups at blocks " + list);
   }
-  Core::print("\n");
+  return s;
 }
 
 }  // namespace
 
-const char* ext2LabelProblem(const std::string& label) {
-  return label.size() > kExt2LabelBytes ? "Invalid volume label -- maximum of 16 bytes for ext2" : nullptr;
+std::string ext2LabelProblem(const std::string& label) {
+  if (label.size() <= kExt2LabelBytes) return {};
+  return Core::format("Invalid volume label -- maximum of %zu bytes for ext2", kExt2LabelBytes);
 }
 
 bool Ext2Layout::hasSuperblockCopy(uint32_t group) const {
@@ -276,8 +268,8 @@ std::vector<uint32_t> Ext2Layout::superblockCopies() const {
   return out;
 }
 
-Ext2Layout computeExt2Layout(uint64_t sectors) {
-  const uint64_t bytes = sectors * Disk::kSectorSize;
+Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes) {
+  const uint64_t bytes = sectors * sectorBytes;
   Ext2Layout L;
   // Small volumes get 1 KiB blocks and more inodes for their size; tiny ones small inodes too.
   L.blockSize = bytes >= 512 * kMiB ? 4096 : 1024;
@@ -316,24 +308,25 @@ Ext2Layout computeExt2Layout(uint64_t sectors) {
   L.freeBlocks = 0;
   for (uint32_t g = 0; g < L.groupCount; ++g) L.freeBlocks += L.groupBlocks(g) - L.groupUsedBlocks(g);
   L.reservedBlocks = static_cast<uint32_t>(uint64_t{L.blockCount} * 5 / 100);
-  L.unusedSectors = sectors - uint64_t{L.blockCount} * (L.blockSize / Disk::kSectorSize);
+  L.unusedSectors = sectors - uint64_t{L.blockCount} * (L.blockSize / sectorBytes);
   return L;
 }
 
-void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
+FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
   Core::TraceScope trace("formatExt2");
   Identity id;
   id.label = options.label.value_or("");
-  if (const char* problem = ext2LabelProblem(id.label))
+  if (const std::string problem = ext2LabelProblem(id.label); !problem.empty())
     throw Error(ErrorId::InvalidArgument, problem).with("label", id.label);
   Disk::requireSectorSize(device.bytesPerBlock());
-  const Ext2Layout L = computeExt2Layout(device.blockCount());
+  const uint32_t sector = device.bytesPerBlock();
+  const Ext2Layout L = computeExt2Layout(device.blockCount(), sector);
   id.uuid = options.uuid ? *options.uuid : randomUuid();
   id.hashSeed = options.hashSeed ? *options.hashSeed : randomUuid();
   id.now = options.now ? *options.now : static_cast<uint32_t>(Core::currentTime());
 
   const uint32_t B = L.blockSize;
-  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * 512.0 / kMiB),
+  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(device.blockCount()) * sector / kMiB),
                           L.groupCount + 2);
   try {
     // Whatever superblock was here stops counting before any new metadata is written. Where
@@ -342,7 +335,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
     const bool allZero = device.zeroQuickly(0, device.blockCount());
     if (!allZero) {
       const std::vector<uint8_t> head(X::kSuperblockOffset + 3 * X::kSuperblockSize, 0);
-      device.write(0, head.size() / Disk::kSectorSize, head.data());
+      device.write(0, head.size() / sector, head.data());
     }
     device.flush();
     progress.advance(1);
@@ -379,7 +372,7 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
       progress.advance(1);
     }
     out.flush();
-    const uint64_t sectorsPerBlock = B / Disk::kSectorSize, total = device.blockCount();
+    const uint64_t sectorsPerBlock = B / sector, total = device.blockCount();
     const uint32_t last = L.groupCount - 1;
     const uint64_t metadataEnd = (uint64_t{L.groupFirstBlock(last)} + L.groupUsedBlocks(last)) * sectorsPerBlock;
     const uint64_t tailFirst = std::max(metadataEnd, total > kTailSectors ? total - kTailSectors : 0);
@@ -390,14 +383,14 @@ void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options) {
 
     std::vector<uint8_t> sb(X::kSuperblockSize);
     fillSuperblock(sb.data(), L, id, 0);
-    device.write(X::kSuperblockOffset / Disk::kSectorSize, X::kSuperblockSize / Disk::kSectorSize, sb.data());
+    device.write(X::kSuperblockOffset / sector, X::kSuperblockSize / sector, sb.data());
     device.flush();
   } catch (const Error&) {
     progress.abandon();
     throw;
   }
   progress.complete();
-  printSummary(L, id);
+  return summaryOf(L, id);
 }
 
 std::string Ext2::volumeLabelOf(const uint8_t* partitionStart, size_t length) {

@@ -8,13 +8,15 @@
 #include <vector>
 
 #include "disk/BlockDevice.h"
+#include "filesystem/Formatter.h"
 
 namespace Corvo::Filesystem {
 
 using Ext2Uuid = std::array<uint8_t, 16>;
 
-struct Ext2FormatOptions {
-  std::optional<std::string> label;  // at most kExt2LabelBytes bytes
+// The common options (the label at most kExt2LabelBytes bytes; ext2 uses no other) and the
+// identity of the new filesystem.
+struct Ext2FormatOptions : FormatOptions {
   // Left empty, the formatter takes a random UUID and hash seed and the current time; tests set
   // them to compare whole images.
   std::optional<Ext2Uuid> uuid, hashSeed;
@@ -23,8 +25,8 @@ struct Ext2FormatOptions {
 
 inline constexpr size_t kExt2LabelBytes = 16;
 
-// The message for a label longer than an ext2 volume name holds; nullptr when the label fits.
-const char* ext2LabelProblem(const std::string& label);
+// The message for a label longer than an ext2 volume name holds; empty when the label fits.
+std::string ext2LabelProblem(const std::string& label);
 
 // What the formatter computes before it writes anything. Block numbers count filesystem blocks
 // from the start of the partition.
@@ -56,14 +58,14 @@ struct Ext2Layout {
   std::vector<uint32_t> superblockCopies() const;  // block numbers of the backups
 };
 
-// Computes the layout for a device of `sectors` 512-byte sectors. Throws Core::Error
-// (FormatFailed) when no ext2 layout fits.
-Ext2Layout computeExt2Layout(uint64_t sectors);
+// Computes the layout for a device of `sectors` sectors of `sectorBytes` bytes. Throws
+// Core::Error (FormatFailed) when no ext2 layout fits.
+Ext2Layout computeExt2Layout(uint64_t sectors, uint32_t sectorBytes);
 
 // Writes the filesystem over the whole device: metadata and directories first, then a flush,
-// then the primary superblock and a flush. Prints the progress display and the summary.
+// then the primary superblock and a flush. Reports progress and returns the summary.
 // Throws Core::Error before writing anything when the label is too long or the device too
 // small, and passes on the device's errors.
-void formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options);
+FormatSummary formatExt2(Disk::BlockDevice& device, const Ext2FormatOptions& options);
 
 }  // namespace Corvo::Filesystem

@@ -1,43 +1,26 @@
 // On-disk structures of ext2 (revision 1): the superblock, the group descriptor, the inode and
 // the directory entry. Each field is named once here, with its offset inside its structure, and
-// read and written through the little-endian accessors by the formatter and the readers alike.
+// read and written through it (core/Field.h) by the formatter and the readers alike.
 #pragma once
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-#include "core/Endian.h"
+#include "core/Field.h"
 
 namespace Corvo::Filesystem::Ext2 {
 
-template <typename T>
-struct Field {
-  size_t offset;
-  T get(const uint8_t* base) const {
-    const uint8_t* p = base + offset;
-    if constexpr (sizeof(T) == 1) return *p;
-    else if constexpr (sizeof(T) == 2) return Core::get16(p);
-    else return Core::get32(p);
-  }
-  void set(uint8_t* base, T value) const {
-    uint8_t* p = base + offset;
-    if constexpr (sizeof(T) == 1) *p = value;
-    else if constexpr (sizeof(T) == 2) Core::put16(p, value);
-    else Core::put32(p, value);
-  }
-};
-using F8 = Field<uint8_t>;
-using F16 = Field<uint16_t>;
-using F32 = Field<uint32_t>;
-
+using F8 = Core::Field8;
+using F16 = Core::Field16;
+using F32 = Core::Field32;
 // A byte array field (UUIDs, the volume name).
-struct Bytes {
-  size_t offset, size;
-};
+using Bytes = Core::ByteField;
 
 inline constexpr uint32_t kSuperblockOffset = 1024;  // bytes from the start of the partition
 inline constexpr uint32_t kSuperblockSize = 1024;
 inline constexpr uint16_t kMagic = 0xEF53;
+// An inode counts its blocks in units of this many bytes, whatever the device's sectors.
+inline constexpr uint32_t kInodeSectorBytes = 512;
 
 // The superblock; offsets from its own start.
 namespace Super {

@@ -11,6 +11,7 @@
 #include "core/Error.h"
 #include "core/Message.h"
 #include "core/Trace.h"
+#include "disk/layout/PartitionTypes.h"
 #include "filesystem/fat/BootCode.h"
 #include "filesystem/fat/FatStructures.h"
 
@@ -19,11 +20,12 @@ namespace Corvo::Filesystem {
 using Core::Error;
 using Core::ErrorId;
 using Core::get32;
-using Core::put16;
 using Core::put32;
 
 namespace {
 
+// The sector size the BPB records and the one the FAT sectors below are built for; the
+// formatter refuses devices with other sectors (requireSectorSize).
 constexpr uint32_t kSector = 512;
 constexpr uint32_t kDirEntrySize = FatDirEntry::kSize;
 // FAT32's reserved area: FSInfo in sector 1, a third boot sector in 2, the backup copies of
@@ -53,16 +55,15 @@ bool isMediaError(ErrorId id) {
   return id == ErrorId::ReadFailed || id == ErrorId::WriteFailed || id == ErrorId::VerifyFailed;
 }
 
-// Prints the failed step's message and throws the step's status. The FAT steps (writing the
-// FATs, verifying the data area and marking bad clusters in the FATs) report the bad-sector
-// status (WriteFailed) whatever the device said; the other steps pass the device's own status
-// through.
+// Throws the failed step's error. The FAT steps (writing the FATs, verifying the data area and
+// marking bad clusters in the FATs) report the bad-sector status (WriteFailed) whatever the
+// device said; the other steps pass the device's own status through.
 enum class StepStatus { Device, BadSectors };
-[[noreturn]] void stepFailed(Core::Progress& progress, const char* stepMessage, const Error& e,
+[[noreturn]] void stepFailed(Core::Progress& progress, const char* step, const Error& e,
                              StepStatus status = StepStatus::Device) {
   progress.abandon();
-  Core::message(Core::mkError, stepMessage, e.what());
-  throw Error(status == StepStatus::BadSectors ? ErrorId::WriteFailed : e.id(), e.text(), e.properties());
+  if (status == StepStatus::BadSectors) throw stepError(step, e, ErrorId::WriteFailed);
+  throw stepError(step, e);
 }
 
 // FAT entries of one FAT copy that differ from a freshly written FAT, kept by sector.
@@ -110,37 +111,36 @@ class FatPatch {
 
 }  // namespace
 
-bool validateVolumeLabel(const std::string& label, bool report) {
-  if (label.size() > 11) {
-    if (report) Core::message(Core::mkError, "Invalid volume label -- maximum of 11 characters");
-    return false;
-  }
-  if (!label.empty() && std::isspace(static_cast<unsigned char>(label[0]))) {
-    if (report) Core::message(Core::mkError, "Invalid volume label -- may not start with whitespace");
-    return false;
-  }
+std::string fatLabelProblem(const std::string& label) {
+  if (label.size() > 11) return "Invalid volume label -- maximum of 11 characters";
+  if (!label.empty() && std::isspace(static_cast<unsigned char>(label[0])))
+    return "Invalid volume label -- may not start with whitespace";
   // Then each character in turn, left to right: the first offending character names the rule,
   // so the administrator is told about the leftmost problem ("a*" is refused for its lower-case
   // letter). A character breaks at most one of the three rules, so their order within one
   // character does not matter.
   for (char ch : label) {
     unsigned char c = static_cast<unsigned char>(ch);
-    if (c != 0 && std::strchr(kForbiddenLabelChars, c)) {
-      Core::message(Core::mkError,
-                    "Invalid volume label -- may not contain any of the following characters: "
-                    "* ? / \\ | . , ; : + = [ ] ( ) & ^ < > \"");
-      return false;
-    }
-    if (c < 0x20 || c >= 0x7F) {
-      Core::message(Core::mkError, "Invalid volume label -- may not contain unprintable characters");
-      return false;
-    }
-    if (c >= 'a' && c <= 'z') {
-      Core::message(Core::mkError, "Invalid volume label -- may not contain lower-case letters");
-      return false;
-    }
+    if (c != 0 && std::strchr(kForbiddenLabelChars, c))
+      return "Invalid volume label -- may not contain any of the following characters: "
+             "* ? / \\ | . , ; : + = [ ] ( ) & ^ < > \"";
+    if (c < 0x20 || c >= 0x7F) return "Invalid volume label -- may not contain unprintable characters";
+    if (c >= 'a' && c <= 'z') return "Invalid volume label -- may not contain lower-case letters";
   }
-  return true;
+  return {};
+}
+
+FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16) {
+  switch (type) {
+    case Disk::kTypeFat12: return ftFat12;
+    case Disk::kTypeFat16Small: case Disk::kTypeFat16: case Disk::kTypeFat16Lba: return ftFat16;
+    case Disk::kTypeFat32: case Disk::kTypeFat32Lba: return ftFat32;
+    default: break;
+  }
+  const bool fat32Allowed = fat32Support && !ntFat16;
+  if (blocks < 32774) return ftFat12;
+  if (blocks >= 1048577 && (blocks > 8387872 || fat32Allowed)) return ftFat32;
+  return ftFat16;
 }
 
 uint32_t fatVolumeSerial(const std::tm& t) {
@@ -168,9 +168,10 @@ const char* FAT::typeName() const {
 // leaves a remainder, the volume is laid out with its tail unused.
 void FAT::buildLayoutSmall(uint64_t total) {
   FatLayout& L = *layout_;
+  const uint32_t sector = device_.bytesPerBlock();
   const double t = static_cast<double>(total);
   const uint32_t reserved = reservedSectorCount();
-  const uint32_t root = (rootDirectoryEntries() * kDirEntrySize + kSector - 1) / kSector;
+  const uint32_t root = (rootDirectoryEntries() * kDirEntrySize + sector - 1) / sector;
   const std::string tooSmall = std::string("The partition is too small for a ") + typeName() + " filesystem";
   if (uint64_t(reserved) + root > total) throw Error(ErrorId::BpbFailed, tooSmall);
 
@@ -178,16 +179,16 @@ void FAT::buildLayoutSmall(uint64_t total) {
   const double maxClusters = maxClusterCount();
   bool chosen = false;
   for (uint32_t s = minSectorsPerCluster(); s <= maxSectorsPerCluster(); s *= 2) {
-    double A = std::floor((t - reserved - root) * kSector - 2 * E);
-    double C = std::floor(A / (2 * E + s * double(kSector))) + 2;
+    double A = std::floor((t - reserved - root) * sector - 2 * E);
+    double C = std::floor(A / (2 * E + s * double(sector))) + 2;
     if (C > maxClusters) C = maxClusters;
     if (C < 2) C = 2;
     double fatBytes = std::ceil(C * E);
-    uint64_t F = (static_cast<uint64_t>(fatBytes) + kSector - 1) / kSector;
+    uint64_t F = (static_cast<uint64_t>(fatBytes) + sector - 1) / sector;
     if (uint64_t(reserved) + 2 * F + root > total) throw Error(ErrorId::BpbFailed, tooSmall);
     uint64_t D = (total - reserved - 2 * F - root) / s * s;
     if (D == 0) throw Error(ErrorId::BpbFailed, tooSmall);
-    uint64_t N = std::min<uint64_t>(static_cast<uint64_t>(std::floor(F * double(kSector) / E)), maxClusterCount());
+    uint64_t N = std::min<uint64_t>(static_cast<uint64_t>(std::floor(F * double(sector) / E)), maxClusterCount());
     uint64_t data = std::min<uint64_t>(D, (N - 2) * s);
     L.reservedSectors = reserved;
     L.rootDirSectors = root;
@@ -217,22 +218,23 @@ void FAT::limitClusterCount() {
 // that the data area starts on a 4 KB boundary.
 void FAT::buildLayoutFat32(uint64_t total) {
   FatLayout& L = *layout_;
+  const uint32_t sector = device_.bytesPerBlock();
   const std::string tooSmall = "The partition is too small for a FAT32 filesystem";
   uint32_t s = total < 0x1000001 ? 8 : total < 0x2000001 ? 16 : total < 0x4000001 ? 32 : 64;
   uint32_t reserved = reservedSectorCount();
   if (reserved > total) throw Error(ErrorId::BpbFailed, tooSmall);
 
   const double E = 4;
-  double A = std::floor((static_cast<double>(total) - reserved) * kSector - 2 * E);
-  double C = std::floor(A / (2 * E + s * double(kSector))) + 2;
+  double A = std::floor((static_cast<double>(total) - reserved) * sector - 2 * E);
+  double C = std::floor(A / (2 * E + s * double(sector))) + 2;
   if (C > maxClusterCount()) C = maxClusterCount();
   if (C < 2) C = 2;
-  uint64_t F = (static_cast<uint64_t>(std::ceil(C * E)) + kSector - 1) / kSector;
+  uint64_t F = (static_cast<uint64_t>(std::ceil(C * E)) + sector - 1) / sector;
   if ((reserved + 2 * F) % 8) reserved += static_cast<uint32_t>(8 - (reserved + 2 * F) % 8);
   if (uint64_t(reserved) + 2 * F > total) throw Error(ErrorId::BpbFailed, tooSmall);
   uint64_t D = (total - reserved - 2 * F) / s * s;
   if (D == 0) throw Error(ErrorId::BpbFailed, tooSmall);
-  uint64_t N = std::min<uint64_t>(F * kSector / 4, maxClusterCount());
+  uint64_t N = std::min<uint64_t>(F * sector / 4, maxClusterCount());
   uint64_t data = std::min<uint64_t>(D, (N - 2) * s);
   L.reservedSectors = reserved;
   L.rootDirSectors = 0;
@@ -243,7 +245,7 @@ void FAT::buildLayoutFat32(uint64_t total) {
   limitClusterCount();
 }
 
-void FAT::fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now) {
+void FAT::fillBootSector(const FormatOptions& options, uint64_t total, const std::tm& now) {
   FatLayout& L = *layout_;
   L.bootSector.fill(0);
   FatBootSector b(L.bootSector.data());
@@ -290,7 +292,7 @@ void FAT::fillBootSector(const FatFormatOptions& options, uint64_t total, const 
   b.setSignature();
 }
 
-const FatLayout& FAT::buildBpb(const FatFormatOptions& options, const std::tm& now) {
+const FatLayout& FAT::buildBpb(const FormatOptions& options, const std::tm& now) {
   Core::TraceScope trace("buildBpb");
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   FatLayout& L = *layout_;
@@ -323,26 +325,27 @@ void FAT32::writeReservedArea() {
   device_.write(kBackupBootSector + third, 1, BootCode::kFat32BootSector);
   for (uint64_t s = third + 1; s < kBackupBootSector; ++s) device_.write(s, 1, zero.data());
   if (L.reservedSectors > backupEnd) {
-    std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * kSector, 0);
+    std::vector<uint8_t> zeros(size_t(L.reservedSectors - backupEnd) * device_.bytesPerBlock(), 0);
     device_.write(backupEnd, L.reservedSectors - backupEnd, zeros.data());
   }
   device_.write(kBackupBootSector, 1, L.bootSector.data());
 }
 
-void FAT::format(const FatFormatOptions& inOptions) {
+FormatSummary FAT::format(const FormatOptions& inOptions) {
   Core::TraceScope trace("format");
-  FatFormatOptions options = inOptions;
+  FormatOptions options = inOptions;
   if (options.label && options.label->empty()) options.label.reset();
-  if (options.label && !validateVolumeLabel(*options.label, true))
-    throw Error(ErrorId::InvalidArgument, "Invalid volume label").with("label", *options.label);
+  if (options.label) {
+    if (const std::string problem = fatLabelProblem(*options.label); !problem.empty())
+      throw Error(ErrorId::InvalidArgument, problem).with("label", *options.label);
+  }
 
   if (!layout_) layout_ = std::make_unique<FatLayout>();
   const std::tm now = Core::localNow();
   try {
     buildBpb(options, now);
   } catch (const Error& e) {
-    Core::message(Core::mkError, "Cannot create BPB for new filesystem -- %s", e.what());
-    throw;
+    throw stepError("Cannot create BPB for new filesystem", e);
   }
   const FatLayout& L = *layout_;
   const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
@@ -350,7 +353,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
   Core::print("Checking existing disk format.\n");
   const uint64_t progressTotal = dataStart + (options.verify ? L.dataSectors : 0);
   Core::Progress progress(Core::format("%s%.2fM", options.verify ? "Verifying " : "QuickFormatting ",
-                                       double(device_.blockCount()) * kSector / 1048576.0),
+                                       double(device_.blockCount()) * device_.bytesPerBlock() / 1048576.0),
                           progressTotal);
   const uint32_t workBlocks = std::clamp<uint32_t>(device_.preferredTransferBlocks(), 1, kMaxWorkBlocks);
 
@@ -367,7 +370,7 @@ void FAT::format(const FatFormatOptions& inOptions) {
   stopIfInterrupted(progress);
   writeBootSector(progress);
   progress.complete();
-  printSummary(options);
+  return summary(options);
 }
 
 void FAT::stopIfInterrupted(Core::Progress& progress) { Disk::stopIfInterrupted(progress, device_, "Format"); }
@@ -380,7 +383,7 @@ void FAT::clearBootArea(Core::Progress& progress) {
   try {
     device_.verify(0, L.reservedSectors);
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
   progress.advance(L.reservedSectors);
   stopIfInterrupted(progress);
@@ -389,7 +392,7 @@ void FAT::clearBootArea(Core::Progress& progress) {
     device_.write(0, 1, cleared.data());
     device_.flush();
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
 }
 
@@ -403,7 +406,7 @@ std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workB
   std::memcpy(firstFatSector.data(), entries.data(), entries.size());
   if (bpbLayoutKind() == blFat32) put32(firstFatSector.data() + 8, endOfChain());  // the root directory's cluster
   try {
-    std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * kSector, 0);
+    std::vector<uint8_t> zeros(size_t(std::min(workBlocks, std::max<uint32_t>(F, 1))) * device_.bytesPerBlock(), 0);
     for (uint32_t copy = 0; copy < 2; ++copy) {
       const uint64_t first = L.reservedSectors + uint64_t(copy) * F;
       device_.write(first, 1, firstFatSector.data());
@@ -416,31 +419,31 @@ std::array<uint8_t, 512> FAT::writeFats(Core::Progress& progress, uint32_t workB
       }
     }
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in FAT table area -- %s", e, StepStatus::BadSectors);
+    stepFailed(progress, "Bad sectors in FAT table area", e, StepStatus::BadSectors);
   }
   return firstFatSector;
 }
 
 // Root directory, with the volume label entry first when there is a label.
-void FAT::writeRootDirectory(Core::Progress& progress, const FatFormatOptions& options, const std::tm& now) {
+void FAT::writeRootDirectory(Core::Progress& progress, const FormatOptions& options, const std::tm& now) {
   const FatLayout& L = *layout_;
   const uint64_t rootFirst = uint64_t(L.reservedSectors) + L.fatSectors;
   const uint32_t rootSectors = bpbLayoutKind() == blFat32 ? L.sectorsPerCluster : L.rootDirSectors;
   try {
-    std::vector<uint8_t> root(size_t(rootSectors) * kSector, 0);
+    std::vector<uint8_t> root(size_t(rootSectors) * device_.bytesPerBlock(), 0);
     if (options.label) {
       uint8_t* e = root.data();
-      putPaddedName(e + FatDirEntry::kNameAt, *options.label, FatDirEntry::kNameSize);
-      e[FatDirEntry::kAttributesAt] = FatDirEntry::kAttrVolumeLabel;
-      put16(e + FatDirEntry::kCreateTimeAt, dosTime(now));
-      put16(e + FatDirEntry::kCreateDateAt, dosDate(now));
-      put16(e + FatDirEntry::kAccessDateAt, dosDate(now));
-      put16(e + FatDirEntry::kWriteTimeAt, dosTime(now));
-      put16(e + FatDirEntry::kWriteDateAt, dosDate(now));
+      putPaddedName(e + FatDirEntry::kName.offset, *options.label, FatDirEntry::kName.size);
+      FatDirEntry::kAttributes.put(e, FatDirEntry::kAttrVolumeLabel);
+      FatDirEntry::kCreateTime.put(e, dosTime(now));
+      FatDirEntry::kCreateDate.put(e, dosDate(now));
+      FatDirEntry::kAccessDate.put(e, dosDate(now));
+      FatDirEntry::kWriteTime.put(e, dosTime(now));
+      FatDirEntry::kWriteDate.put(e, dosDate(now));
     }
     device_.write(rootFirst, rootSectors, root.data());
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in root directory area -- %s", e);
+    stepFailed(progress, "Bad sectors in root directory area", e);
   }
   progress.advance(L.rootDirSectors);
 }
@@ -455,7 +458,7 @@ void FAT::verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512
   const bool fat32 = bpbLayoutKind() == blFat32;
   const uint32_t s = L.sectorsPerCluster;
   const uint64_t dataStart = uint64_t(L.reservedSectors) + L.fatSectors + L.rootDirSectors;
-  constexpr const char* kVerifyFailed = "Bad sectors in FAT table area -- %s";
+  constexpr const char* kVerifyFailed = "Bad sectors in FAT table area";
   std::vector<uint32_t> bad;
   const uint64_t chunk = std::max<uint64_t>(s, workBlocks / s * s);
   for (uint64_t done = 0; done < L.dataSectors;) {
@@ -504,35 +507,24 @@ void FAT::writeBootSector(Core::Progress& progress) {
     device_.write(0, 1, L.bootSector.data());
     device_.flush();
   } catch (const Error& e) {
-    stepFailed(progress, "Bad sectors in boot area -- %s", e);
+    stepFailed(progress, "Bad sectors in boot area", e);
   }
 }
 
-void FAT::printSummary(const FatFormatOptions& options) const {
+FormatSummary FAT::summary(const FormatOptions& options) const {
   const FatLayout& L = *layout_;
-  Core::print("Format complete.\n");
-  Core::print("\n");
-  const uint64_t unit = uint64_t(L.sectorsPerCluster) * kSector;
-  const std::string numbers[] = {
-      std::to_string(uint64_t(L.totalClusters) * unit), std::to_string(uint64_t(L.badClusters) * unit),
-      std::to_string(uint64_t(L.freeClusters) * unit),  std::to_string(unit),
-      std::to_string(L.totalClusters),                  std::to_string(L.badClusters),
-      std::to_string(L.freeClusters)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  if (options.label)
-    Core::print("Volume label is %s\n", options.label->c_str());
-  else
-    Core::print("Volume has no label\n");
-  Core::print("Volume Serial Number is %04X-%04X\n", L.volumeSerial >> 16, L.volumeSerial & 0xFFFF);
-  Core::print("%*s %sbytes total disk space\n", width, numbers[0].c_str(), "");
-  Core::print("%*s %sbytes in bad sectors\n", width, numbers[1].c_str(), "");
-  Core::print("%*s %sbytes available on disk\n", width, numbers[2].c_str(), "");
-  Core::print("%*s bytes in each allocation unit\n", width, numbers[3].c_str());
-  Core::print("%*s total allocation units on disk\n", width, numbers[4].c_str());
-  Core::print("%*s allocation units containing bad sectors\n", width, numbers[5].c_str());
-  Core::print("%*s available allocation units on disk\n", width, numbers[6].c_str());
-  Core::print("\n");
+  const uint64_t unit = uint64_t(L.sectorsPerCluster) * device_.bytesPerBlock();
+  FormatSummary s;
+  s.say(options.label ? "Volume label is " + *options.label : "Volume has no label");
+  s.say(Core::format("Volume Serial Number is %04X-%04X", L.volumeSerial >> 16, L.volumeSerial & 0xFFFF));
+  s.count(L.totalClusters * unit, "bytes total disk space");
+  s.count(L.badClusters * unit, "bytes in bad sectors");
+  s.count(L.freeClusters * unit, "bytes available on disk");
+  s.count(unit, "bytes in each allocation unit");
+  s.count(L.totalClusters, "total allocation units on disk");
+  s.count(L.badClusters, "allocation units containing bad sectors");
+  s.count(L.freeClusters, "available allocation units on disk");
+  return s;
 }
 
 std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type) {
@@ -545,8 +537,13 @@ std::unique_ptr<FAT> makeFatType(Disk::BlockDevice& device, FatType type) {
   }
 }
 
-void formatFat(Disk::BlockDevice& device, FatType type, const FatFormatOptions& options) {
-  makeFatType(device, type)->format(options);
+FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOptions& options) {
+  return makeFatType(device, type)->format(options);
+}
+
+FormatSummary formatFatPartition(Disk::BlockDevice& device, const FormatOptions& options) {
+  return formatFat(device, fatTypeIndexFor(options.partitionType, device.blockCount(), options.fat32Support, options.ntFat16),
+                   options);
 }
 
 }  // namespace Corvo::Filesystem

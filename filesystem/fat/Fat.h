@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "disk/BlockDevice.h"
+#include "filesystem/Formatter.h"
 
 namespace Corvo::Core {
 class Progress;
@@ -17,32 +18,33 @@ class Progress;
 
 namespace Corvo::Filesystem {
 
-struct FatFormatOptions {
-  bool verify = false;  // false: quick format
-  uint16_t sectorsPerTrack = 63;
-  uint16_t heads = 255;
-  uint32_t hiddenSectors = 0;  // the partition's first sector on the disk
-  std::optional<std::string> label;
-};
-
-// The FAT label rules. report clear: the length and leading-whitespace failures return
-// false silently; the per-character failures are always printed.
-bool validateVolumeLabel(const std::string& label, bool report);
+// The FAT label rules: the message that refuses the label, empty when it may be used.
+std::string fatLabelProblem(const std::string& label);
 
 // The FAT type index (it also picks the type string of the boot sector).
 enum FatType : int { ftFat12 = 0, ftFat16 = 1, ftFat32 = 2 };
 // The BPB layout kind of a type: FAT12 and FAT16 share one, FAT32 has its own.
 enum BpbLayoutKind : int { blSmall = 2, blFat32 = 3 };
 
-// Formats the whole device; prints its own progress and step messages; throws Core::Error
-// (after printing the failed step's message) on failure.
-void formatFat(Disk::BlockDevice& device, FatType type, const FatFormatOptions& options);
+// The FAT type of a new partition: from its type byte, or by its size in sectors when the
+// byte does not name a FAT type (GPT entries); FAT32 only where it is allowed or the
+// partition is too large for FAT16.
+FatType fatTypeIndexFor(uint8_t type, uint64_t blocks, bool fat32Support, bool ntFat16);
+
+// Formats the whole device (the quick/full choice is options.verify, the label, geometry and
+// hidden sectors go to the boot sector) and returns the summary. Reports progress; throws
+// Core::Error on failure, a failed step naming itself in the "step" property.
+FormatSummary formatFat(Disk::BlockDevice& device, FatType type, const FormatOptions& options);
+
+// The format of a new partition: FAT12, FAT16 or FAT32 as fatTypeIndexFor picks from the
+// options' partition type and FAT rules and the device's size. Registered for both FAT kinds.
+FormatSummary formatFatPartition(Disk::BlockDevice& device, const FormatOptions& options);
 
 // Volume serial number made from a local time: the month and second in the top byte, the
 // day, the hour, and year plus minute in the low 16 bits (32-bit wrap-around).
 uint32_t fatVolumeSerial(const std::tm& localTime);
 
-// What the formatter computes before it writes anything. Counts are 512-byte sectors.
+// What the formatter computes before it writes anything. Counts are sectors.
 struct FatLayout {
   uint32_t reservedSectors = 0;
   uint32_t fatSectors = 0;       // both FAT copies together
@@ -69,9 +71,9 @@ class FAT {
 
   // The type string stored in the boot sector: "FAT12", "FAT16" or "FAT32".
   virtual const char* typeName() const;
-  // Writes the filesystem. Prints progress, the step messages and the summary; on failure
-  // prints the failed step's message and throws Core::Error (sectors already written stay).
-  virtual void format(const FatFormatOptions& options);
+  // Writes the filesystem and returns the summary. Reports progress; on failure throws
+  // Core::Error naming the failed step (sectors already written stay).
+  virtual FormatSummary format(const FormatOptions& options);
   // Root directory entries of the BPB: 512 on FAT12/16, 0 on FAT32.
   virtual uint16_t rootDirectoryEntries() const { return 512; }
   virtual uint32_t reservedSectorCount() const = 0;  // starting value
@@ -91,7 +93,7 @@ class FAT {
 
   // Computes the BPB and the layout for the device without writing anything. Throws
   // Core::Error (BpbFailed) when no layout fits. `now` is the local time for the serial.
-  const FatLayout& buildBpb(const FatFormatOptions& options, const std::tm& now);
+  const FatLayout& buildBpb(const FormatOptions& options, const std::tm& now);
   const FatLayout& layout() const { return *layout_; }
   FatType type() const { return type_; }
 
@@ -104,14 +106,14 @@ class FAT {
   void buildLayoutSmall(uint64_t total);  // FAT12, FAT16
   void buildLayoutFat32(uint64_t total);  // FAT32
   void limitClusterCount();
-  void fillBootSector(const FatFormatOptions& options, uint64_t total, const std::tm& now);
-  // The steps of format(), in order; each prints its step's message and throws on failure.
+  void fillBootSector(const FormatOptions& options, uint64_t total, const std::tm& now);
+  // The steps of format(), in order; each throws its step's error on failure.
   void clearBootArea(Core::Progress& progress);
   std::array<uint8_t, 512> writeFats(Core::Progress& progress, uint32_t workBlocks);
-  void writeRootDirectory(Core::Progress& progress, const FatFormatOptions& options, const std::tm& now);
+  void writeRootDirectory(Core::Progress& progress, const FormatOptions& options, const std::tm& now);
   void verifyDataArea(Core::Progress& progress, const std::array<uint8_t, 512>& firstFatSector, uint32_t workBlocks);
   void writeBootSector(Core::Progress& progress);
-  void printSummary(const FatFormatOptions& options) const;
+  FormatSummary summary(const FormatOptions& options) const;
   void stopIfInterrupted(Core::Progress& progress);
 };
 

@@ -6,25 +6,23 @@
 #include <string>
 
 #include "disk/BlockDevice.h"
+#include "filesystem/Formatter.h"
 
 namespace Corvo::Filesystem {
 
 // Filesystem version codes of a creation request: the Windows version the volume is made for.
 enum NtfsTarget : int { ntNt351 = 5, ntNt4 = 6, ntWindows2000 = 7, ntWindowsXP = 8, ntWindowsVista = 9 };
 
-struct NtfsFormatOptions {
-  int versionCode = ntWindowsVista;
-  uint16_t sectorsPerTrack = 63;
-  uint16_t heads = 255;
-  uint32_t hiddenSectors = 0;  // the partition's first sector on the disk
-  std::optional<std::string> label;
+// The common options (versionCode is the target; 0 takes ntWindowsVista) and the serial number.
+struct NtfsFormatOptions : FormatOptions {
+  NtfsFormatOptions() { versionCode = ntWindowsVista; }
   std::optional<uint64_t> serial;  // random when not given
 };
 
 // NTFS labels are Unicode: at most this many UTF-16 code units.
 inline constexpr size_t kNtfsLabelUnits = 32;
-// Refuses a label longer than kNtfsLabelUnits (with a message when report is set).
-bool validateNtfsLabel(const std::string& label, bool report);
+// The message that refuses a label longer than kNtfsLabelUnits; empty when it fits.
+std::string ntfsLabelProblem(const std::string& label);
 
 // What the formatter decides before it writes anything. Positions and counts are clusters.
 struct NtfsLayout {
@@ -48,8 +46,8 @@ NtfsLayout planNtfs(uint64_t sectors, int versionCode);
 uint64_t ntfsMinimumSectors(int versionCode);
 
 // Writes the volume (the full-format flag of the creation request is clear for NTFS: nothing
-// is verified). Prints progress and a summary; throws Core::Error on failure.
-void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options);
+// is verified) and returns the summary. Reports progress; throws Core::Error on failure.
+FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options);
 
 // The volume label of the NTFS volume on the device, from $Volume's $VOLUME_NAME found through
 // the $MFT. Empty for no label and for anything that cannot be read as NTFS; never throws.

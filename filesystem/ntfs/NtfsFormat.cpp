@@ -158,10 +158,10 @@ uint64_t sdsDataBytes(const std::vector<StoredDescriptor>& list) {
 
 std::vector<uint8_t> securityHeader(const StoredDescriptor& d) {
   std::vector<uint8_t> h(SecurityHeader::kSize, 0);
-  SecurityHeader::Hash::put(h.data(), d.hash);
-  SecurityHeader::SecurityId::put(h.data(), d.id);
-  SecurityHeader::Offset::put(h.data(), d.offset);
-  SecurityHeader::Length::put(h.data(), d.length);
+  SecurityHeader::Hash.put(h.data(), d.hash);
+  SecurityHeader::SecurityId.put(h.data(), d.id);
+  SecurityHeader::Offset.put(h.data(), d.offset);
+  SecurityHeader::Length.put(h.data(), d.length);
   return h;
 }
 
@@ -216,11 +216,11 @@ std::vector<uint8_t> attrDefData(const Target& t) {
   auto put = [&](const AttrDef& d) {
     uint8_t* e = &data[at];
     for (size_t i = 0; d.name[i]; ++i) Core::put16(e + 2 * i, static_cast<uint8_t>(d.name[i]));
-    AttrDefEntry::Type::put(e, d.type);
-    AttrDefEntry::CollationRule::put(e, d.collation);
-    AttrDefEntry::Flags::put(e, d.flags);
-    AttrDefEntry::MinSize::put(e, d.minSize);
-    AttrDefEntry::MaxSize::put(e, d.maxSize);
+    AttrDefEntry::Type.put(e, d.type);
+    AttrDefEntry::CollationRule.put(e, d.collation);
+    AttrDefEntry::Flags.put(e, d.flags);
+    AttrDefEntry::MinSize.put(e, d.minSize);
+    AttrDefEntry::MaxSize.put(e, d.maxSize);
     at += AttrDefEntry::kSize;
   };
   if (t.v3())
@@ -250,24 +250,24 @@ class RecordBuilder {
     std::memset(rec, 0, kRecordBytes);
     std::memcpy(rec, "FILE", 4);
     const size_t usa = t.recordNumbers() ? 0x30 : 0x2A;
-    Multi::UsaOffset::put(rec, usa);
-    Multi::UsaCount::put(rec, kRecordBytes / kSector + 1);
-    Record::SequenceNumber::put(rec, sequence);
-    Record::LinkCount::put(rec, (flags & Record::kInUse) ? 1 : 0);
+    Multi::UsaOffset.put(rec, usa);
+    Multi::UsaCount.put(rec, kRecordBytes / kSector + 1);
+    Record::SequenceNumber.put(rec, sequence);
+    Record::LinkCount.put(rec, (flags & Record::kInUse) ? 1 : 0);
     at_ = align8(usa + 2 * (kRecordBytes / kSector + 1));
-    Record::FirstAttribute::put(rec, at_);
-    Record::Flags::put(rec, flags);
-    Record::BytesAllocated::put(rec, kRecordBytes);
-    if (t.recordNumbers()) Record::RecordNumber::put(rec, number);
+    Record::FirstAttribute.put(rec, at_);
+    Record::Flags.put(rec, flags);
+    Record::BytesAllocated.put(rec, kRecordBytes);
+    if (t.recordNumbers()) Record::RecordNumber.put(rec, number);
     finish();
   }
 
   void resident(uint32_t type, const std::u16string& name, const std::vector<uint8_t>& value, bool indexed = false) {
     const size_t valueOffset = align8(Attr::kResidentHeader + 2 * name.size());
     uint8_t* a = header(type, name, align8(valueOffset + value.size()), false, Attr::kResidentHeader);
-    Attr::ValueLength::put(a, value.size());
-    Attr::ValueOffset::put(a, valueOffset);
-    Attr::Indexed::put(a, indexed ? 1 : 0);
+    Attr::ValueLength.put(a, value.size());
+    Attr::ValueOffset.put(a, valueOffset);
+    Attr::Indexed.put(a, indexed ? 1 : 0);
     if (!value.empty()) std::memcpy(a + valueOffset, value.data(), value.size());
     finish();
   }
@@ -279,12 +279,12 @@ class RecordBuilder {
     for (const Run& r : runs) clusters += r.length;
     const size_t pairsOffset = align8(Attr::kNonResidentHeader + 2 * name.size());
     uint8_t* a = header(type, name, align8(pairsOffset + pairs.size()), true, Attr::kNonResidentHeader);
-    Attr::LowestVcn::put(a, 0);
-    Attr::HighestVcn::put(a, clusters - 1);
-    Attr::MappingPairsOffset::put(a, pairsOffset);
-    Attr::AllocatedSize::put(a, clusters * clusterBytes);
-    Attr::DataSize::put(a, dataSize);
-    Attr::InitializedSize::put(a, dataSize);
+    Attr::LowestVcn.put(a, 0);
+    Attr::HighestVcn.put(a, clusters - 1);
+    Attr::MappingPairsOffset.put(a, pairsOffset);
+    Attr::AllocatedSize.put(a, clusters * clusterBytes);
+    Attr::DataSize.put(a, dataSize);
+    Attr::InitializedSize.put(a, dataSize);
     std::memcpy(a + pairsOffset, pairs.data(), pairs.size());
     finish();
   }
@@ -293,12 +293,12 @@ class RecordBuilder {
   uint8_t* header(uint32_t type, const std::u16string& name, size_t length, bool nonResident, size_t nameOffset) {
     if (at_ + length + 8 > kRecordBytes) throw Error(ErrorId::Internal, "An NTFS metadata file record overflows");
     uint8_t* a = rec_ + at_;
-    Attr::Type::put(a, type);
-    Attr::Length::put(a, length);
-    Attr::NonResident::put(a, nonResident ? 1 : 0);
-    Attr::NameLength::put(a, name.size());
-    Attr::NameOffset::put(a, nameOffset);
-    Attr::Id::put(a, nextId_++);
+    Attr::Type.put(a, type);
+    Attr::Length.put(a, length);
+    Attr::NonResident.put(a, nonResident ? 1 : 0);
+    Attr::NameLength.put(a, name.size());
+    Attr::NameOffset.put(a, nameOffset);
+    Attr::Id.put(a, nextId_++);
     const auto n = bytesOf(name);
     if (!n.empty()) std::memcpy(a + nameOffset, n.data(), n.size());
     at_ += length;
@@ -307,8 +307,8 @@ class RecordBuilder {
   void finish() {
     Core::put32(rec_ + at_, Attr::kEnd);
     Core::put32(rec_ + at_ + 4, 0);
-    Record::BytesInUse::put(rec_, at_ + 8);
-    Record::NextAttributeId::put(rec_, nextId_);
+    Record::BytesInUse.put(rec_, at_ + 8);
+    Record::NextAttributeId.put(rec_, nextId_);
   }
   uint8_t* rec_;
   size_t at_ = 0;
@@ -319,9 +319,9 @@ class RecordBuilder {
 
 std::vector<uint8_t> directoryEntry(uint64_t fileRef, const std::vector<uint8_t>& key) {
   std::vector<uint8_t> e(align8(IndexEntry::kKeyOffset + key.size()), 0);
-  IndexEntry::FileReference::put(e.data(), fileRef);
-  IndexEntry::Length::put(e.data(), e.size());
-  IndexEntry::KeyLength::put(e.data(), key.size());
+  IndexEntry::FileReference.put(e.data(), fileRef);
+  IndexEntry::Length.put(e.data(), e.size());
+  IndexEntry::KeyLength.put(e.data(), key.size());
   std::memcpy(&e[IndexEntry::kKeyOffset], key.data(), key.size());
   return e;
 }
@@ -331,10 +331,10 @@ std::vector<uint8_t> viewEntry(const std::vector<uint8_t>& key, const std::vecto
                                const std::vector<uint8_t>& padding = {}) {
   const size_t dataOffset = IndexEntry::kKeyOffset + key.size();
   std::vector<uint8_t> e(align8(dataOffset + data.size() + padding.size()), 0);
-  IndexEntry::DataOffset::put(e.data(), dataOffset);
-  IndexEntry::DataLength::put(e.data(), data.size());
-  IndexEntry::Length::put(e.data(), e.size());
-  IndexEntry::KeyLength::put(e.data(), key.size());
+  IndexEntry::DataOffset.put(e.data(), dataOffset);
+  IndexEntry::DataLength.put(e.data(), data.size());
+  IndexEntry::Length.put(e.data(), e.size());
+  IndexEntry::KeyLength.put(e.data(), key.size());
   std::memcpy(&e[IndexEntry::kKeyOffset], key.data(), key.size());
   if (!data.empty()) std::memcpy(&e[dataOffset], data.data(), data.size());
   if (!padding.empty()) std::memcpy(&e[dataOffset + data.size()], padding.data(), padding.size());
@@ -344,8 +344,8 @@ std::vector<uint8_t> viewEntry(const std::vector<uint8_t>& key, const std::vecto
 // The last entry of a node; with a child it points to the index block at that VCN.
 std::vector<uint8_t> lastEntry(std::optional<uint64_t> childVcn) {
   std::vector<uint8_t> e(IndexEntry::kKeyOffset + (childVcn ? 8 : 0), 0);
-  IndexEntry::Length::put(e.data(), e.size());
-  IndexEntry::Flags::put(e.data(), IndexEntry::kLast | (childVcn ? IndexEntry::kHasChild : 0));
+  IndexEntry::Length.put(e.data(), e.size());
+  IndexEntry::Flags.put(e.data(), IndexEntry::kLast | (childVcn ? IndexEntry::kHasChild : 0));
   if (childVcn) Core::put64(&e[IndexEntry::kKeyOffset], *childVcn);
   return e;
 }
@@ -359,17 +359,17 @@ std::vector<uint8_t> concat(const std::vector<std::vector<uint8_t>>& parts) {
 std::vector<uint8_t> indexRootValue(uint32_t indexedType, uint32_t collation, uint32_t clusterBytes,
                                     const std::vector<uint8_t>& entries, bool hasChildren) {
   std::vector<uint8_t> v(IndexRoot::kHeaderOffset + IndexHeader::kSize, 0);
-  IndexRoot::IndexedType::put(v.data(), indexedType);
-  IndexRoot::CollationRule::put(v.data(), collation);
-  IndexRoot::BlockBytes::put(v.data(), kIndexBlockBytes);
+  IndexRoot::IndexedType.put(v.data(), indexedType);
+  IndexRoot::CollationRule.put(v.data(), collation);
+  IndexRoot::BlockBytes.put(v.data(), kIndexBlockBytes);
   // Index blocks are addressed in clusters, or in sectors when a cluster is larger than a block.
-  IndexRoot::ClustersPerBlock::put(v.data(), clusterBytes <= kIndexBlockBytes ? kIndexBlockBytes / clusterBytes
+  IndexRoot::ClustersPerBlock.put(v.data(), clusterBytes <= kIndexBlockBytes ? kIndexBlockBytes / clusterBytes
                                                                              : kIndexBlockBytes / kSector);
   uint8_t* h = &v[IndexRoot::kHeaderOffset];
-  IndexHeader::EntriesOffset::put(h, IndexHeader::kSize);
-  IndexHeader::IndexLength::put(h, IndexHeader::kSize + entries.size());
-  IndexHeader::AllocatedSize::put(h, IndexHeader::kSize + entries.size());
-  IndexHeader::Flags::put(h, hasChildren ? IndexHeader::kHasChildren : 0);
+  IndexHeader::EntriesOffset.put(h, IndexHeader::kSize);
+  IndexHeader::IndexLength.put(h, IndexHeader::kSize + entries.size());
+  IndexHeader::AllocatedSize.put(h, IndexHeader::kSize + entries.size());
+  IndexHeader::Flags.put(h, hasChildren ? IndexHeader::kHasChildren : 0);
   append(v, entries);
   return v;
 }
@@ -379,16 +379,16 @@ std::vector<uint8_t> indexBlock(uint64_t vcn, const std::vector<uint8_t>& entrie
   std::vector<uint8_t> b(kIndexBlockBytes, 0);
   std::memcpy(b.data(), "INDX", 4);
   const size_t usa = 0x28, usaCount = kIndexBlockBytes / kSector + 1;
-  Multi::UsaOffset::put(b.data(), usa);
-  Multi::UsaCount::put(b.data(), usaCount);
-  IndexBlock::Vcn::put(b.data(), vcn);
+  Multi::UsaOffset.put(b.data(), usa);
+  Multi::UsaCount.put(b.data(), usaCount);
+  IndexBlock::Vcn.put(b.data(), vcn);
   uint8_t* h = &b[IndexBlock::kHeaderOffset];
   const size_t first = align8(usa + 2 * usaCount) - IndexBlock::kHeaderOffset;
   if (IndexBlock::kHeaderOffset + first + entries.size() > kIndexBlockBytes)
     throw Error(ErrorId::Internal, "The NTFS root directory does not fit one index block");
-  IndexHeader::EntriesOffset::put(h, first);
-  IndexHeader::IndexLength::put(h, first + entries.size());
-  IndexHeader::AllocatedSize::put(h, kIndexBlockBytes - IndexBlock::kHeaderOffset);
+  IndexHeader::EntriesOffset.put(h, first);
+  IndexHeader::IndexLength.put(h, first + entries.size());
+  IndexHeader::AllocatedSize.put(h, kIndexBlockBytes - IndexBlock::kHeaderOffset);
   std::memcpy(h + first, entries.data(), entries.size());
   applyFixups(b.data(), b.size(), kUsn);
   return b;
@@ -464,30 +464,30 @@ std::vector<SystemFile> Volume::rootFiles() const {
 
 std::vector<uint8_t> Volume::standardInformation(uint32_t record) const {
   std::vector<uint8_t> v(t_.v3() ? StandardInformation::kSizeV3 : StandardInformation::kSizeV1, 0);
-  StandardInformation::CreationTime::put(v.data(), now_);
-  StandardInformation::ModificationTime::put(v.data(), now_);
-  StandardInformation::RecordChangeTime::put(v.data(), now_);
-  StandardInformation::AccessTime::put(v.data(), now_);
-  StandardInformation::FileAttributes::put(v.data(), kFileHidden | kFileSystem);
-  if (t_.v3()) StandardInformation::SecurityId::put(v.data(), record == rRoot ? kSecurityIdRoot : kSecurityIdSystem);
+  StandardInformation::CreationTime.put(v.data(), now_);
+  StandardInformation::ModificationTime.put(v.data(), now_);
+  StandardInformation::RecordChangeTime.put(v.data(), now_);
+  StandardInformation::AccessTime.put(v.data(), now_);
+  StandardInformation::FileAttributes.put(v.data(), kFileHidden | kFileSystem);
+  if (t_.v3()) StandardInformation::SecurityId.put(v.data(), record == rRoot ? kSecurityIdRoot : kSecurityIdSystem);
   return v;
 }
 
 std::vector<uint8_t> Volume::fileName(const SystemFile& f) const {
   std::vector<uint8_t> v(FileName::kNameOffset + 2 * f.name.size(), 0);
-  FileName::ParentReference::put(v.data(), fileReference(f.parent, sequenceOf(f.parent)));
-  FileName::CreationTime::put(v.data(), now_);
-  FileName::ModificationTime::put(v.data(), now_);
-  FileName::RecordChangeTime::put(v.data(), now_);
-  FileName::AccessTime::put(v.data(), now_);
-  FileName::AllocatedSize::put(v.data(), f.allocated);
-  FileName::DataSize::put(v.data(), f.dataSize);
+  FileName::ParentReference.put(v.data(), fileReference(f.parent, sequenceOf(f.parent)));
+  FileName::CreationTime.put(v.data(), now_);
+  FileName::ModificationTime.put(v.data(), now_);
+  FileName::RecordChangeTime.put(v.data(), now_);
+  FileName::AccessTime.put(v.data(), now_);
+  FileName::AllocatedSize.put(v.data(), f.allocated);
+  FileName::DataSize.put(v.data(), f.dataSize);
   uint32_t attributes = kFileHidden | kFileSystem;
   if (f.flags & Record::kDirectory) attributes |= kDupFileNameIndex;
   if (f.flags & Record::kViewIndex) attributes |= kDupViewIndex;
-  FileName::FileAttributes::put(v.data(), attributes);
-  FileName::NameLength::put(v.data(), f.name.size());
-  FileName::Namespace::put(v.data(), FileName::kWin32AndDos);
+  FileName::FileAttributes.put(v.data(), attributes);
+  FileName::NameLength.put(v.data(), f.name.size());
+  FileName::Namespace.put(v.data(), FileName::kWin32AndDos);
   const auto n = bytesOf(f.name);
   std::memcpy(&v[FileName::kNameOffset], n.data(), n.size());
   return v;
@@ -536,8 +536,8 @@ void Volume::build(uint8_t* rec, const SystemFile& f) const {
     case rVolume: {
       b.resident(atVolumeName, u"", bytesOf(label_));
       std::vector<uint8_t> info(VolumeInformation::kSize, 0);
-      VolumeInformation::Major::put(info.data(), t_.major);
-      VolumeInformation::Minor::put(info.data(), t_.minor);
+      VolumeInformation::Major.put(info.data(), t_.major);
+      VolumeInformation::Minor.put(info.data(), t_.minor);
       b.resident(atVolumeInformation, u"", info);
       b.resident(atData, u"", {});
       break;
@@ -595,11 +595,11 @@ void Volume::build(uint8_t* rec, const SystemFile& f) const {
     std::vector<uint8_t> adminsId(4), defaultId(4), control(QuotaControl::kSize);
     Core::put32(adminsId.data(), QuotaControl::kFirstOwner);
     Core::put32(defaultId.data(), QuotaControl::kDefaultOwner);
-    QuotaControl::Version::put(control.data(), QuotaControl::kVersion);
-    QuotaControl::Flags::put(control.data(), QuotaControl::kDefaultLimits);
-    QuotaControl::ChangeTime::put(control.data(), now_);
-    QuotaControl::Threshold::put(control.data(), ~uint64_t{0});
-    QuotaControl::Limit::put(control.data(), ~uint64_t{0});
+    QuotaControl::Version.put(control.data(), QuotaControl::kVersion);
+    QuotaControl::Flags.put(control.data(), QuotaControl::kDefaultLimits);
+    QuotaControl::ChangeTime.put(control.data(), now_);
+    QuotaControl::Threshold.put(control.data(), ~uint64_t{0});
+    QuotaControl::Limit.put(control.data(), ~uint64_t{0});
     const std::vector<uint8_t> o = concat({viewEntry(admins, adminsId), lastEntry(std::nullopt)});
     const std::vector<uint8_t> q = concat({viewEntry(defaultId, control), viewEntry(adminsId, concat({control, admins})),
                                            lastEntry(std::nullopt)});
@@ -638,7 +638,7 @@ std::vector<uint8_t> Volume::mft() const {
       if (!t_.v3()) b.resident(atSecurityDescriptor, u"", securityDescriptor(false));
       b.resident(atData, u"", {});
     }
-    Record::LinkCount::put(&mft[r * kRecordBytes], 0);
+    Record::LinkCount.put(&mft[r * kRecordBytes], 0);
   }
   for (uint32_t r = 0; r < L_.mftRecords; ++r) applyFixups(&mft[r * kRecordBytes], kRecordBytes, kUsn);
   return mft;
@@ -647,26 +647,26 @@ std::vector<uint8_t> Volume::mft() const {
 std::vector<uint8_t> Volume::bootSector(const NtfsFormatOptions& options) const {
   std::vector<uint8_t> b(kSector, 0);
   uint8_t* p = b.data();
-  Boot::Jump::put(p, 0x9052EB);  // EB 52 90: jump to the boot code
+  Boot::Jump.put(p, 0x9052EB);  // EB 52 90: jump to the boot code
   std::memcpy(p + Boot::kOemOffset, "NTFS    ", 8);
-  Boot::BytesPerSector::put(p, kSector);
-  Boot::SectorsPerCluster::put(p, L_.clusterBytes / kSector);
-  Boot::Media::put(p, 0xF8);
-  Boot::SectorsPerTrack::put(p, options.sectorsPerTrack);
-  Boot::Heads::put(p, options.heads);
-  Boot::HiddenSectors::put(p, options.hiddenSectors);
-  Boot::DriveFields::put(p, 0x00800080);
-  Boot::TotalSectors::put(p, L_.totalSectors);
-  Boot::MftLcn::put(p, L_.mftLcn);
-  Boot::MftMirrLcn::put(p, L_.mftMirrLcn);
+  Boot::BytesPerSector.put(p, kSector);
+  Boot::SectorsPerCluster.put(p, L_.clusterBytes / kSector);
+  Boot::Media.put(p, 0xF8);
+  Boot::SectorsPerTrack.put(p, options.sectorsPerTrack);
+  Boot::Heads.put(p, options.heads);
+  Boot::HiddenSectors.put(p, options.hiddenSectors);
+  Boot::DriveFields.put(p, 0x00800080);
+  Boot::TotalSectors.put(p, L_.totalSectors);
+  Boot::MftLcn.put(p, L_.mftLcn);
+  Boot::MftMirrLcn.put(p, L_.mftMirrLcn);
   // A size in clusters, or as a negative power of two of bytes when a cluster is larger.
-  Boot::ClustersPerRecord::put(p, L_.clusterBytes <= kRecordBytes ? kRecordBytes / L_.clusterBytes : 0xF6);
-  Boot::ClustersPerIndexBlock::put(p, L_.clusterBytes <= kIndexBlockBytes ? kIndexBlockBytes / L_.clusterBytes : 0xF4);
-  Boot::Serial::put(p, serial_);
+  Boot::ClustersPerRecord.put(p, L_.clusterBytes <= kRecordBytes ? kRecordBytes / L_.clusterBytes : 0xF6);
+  Boot::ClustersPerIndexBlock.put(p, L_.clusterBytes <= kIndexBlockBytes ? kIndexBlockBytes / L_.clusterBytes : 0xF4);
+  Boot::Serial.put(p, serial_);
   // The boot code tells whoever starts from this volume that it holds no system.
-  const size_t room = Boot::Signature::offset - Boot::kBootCodeOffset;
+  const size_t room = Boot::Signature.offset - Boot::kBootCodeOffset;
   std::memcpy(p + Boot::kBootCodeOffset, BootCode::kFat16Loader, std::min<size_t>(room, BootCode::kFat16LoaderSize));
-  Boot::Signature::put(p, 0xAA55);
+  Boot::Signature.put(p, 0xAA55);
   return b;
 }
 
@@ -679,7 +679,7 @@ struct Extent {
 class Writer {
  public:
   Writer(Disk::BlockDevice& device, uint32_t clusterBytes, Core::Progress& progress)
-      : device_(device), spc_(clusterBytes / kSector), progress_(progress),
+      : device_(device), sector_(device.bytesPerBlock()), spc_(clusterBytes / sector_), progress_(progress),
         chunk_(std::clamp<uint64_t>(device.preferredTransferBlocks(), 2048, 16384) / spc_ * spc_) {}
 
   // Writes bytes at the cluster, zero-padded to whole clusters.
@@ -692,24 +692,26 @@ class Writer {
   // Writes `bytes` bytes (zero-padded to whole clusters) made by fill(offset, out, n) over a zeroed buffer.
   template <typename Fill>
   void generate(uint64_t lcn, uint64_t bytes, Fill fill) {
-    const uint64_t sectors = (bytes + spc_ * kSector - 1) / (spc_ * kSector) * spc_;
-    std::vector<uint8_t> buffer(std::min<uint64_t>(sectors, chunk_) * kSector);
+    const uint64_t sectors = (bytes + spc_ * sector_ - 1) / (spc_ * sector_) * spc_;
+    std::vector<uint8_t> buffer(std::min<uint64_t>(sectors, chunk_) * sector_);
     for (uint64_t done = 0; done < sectors;) {
       Disk::stopIfInterrupted(progress_, device_, "Format");  // the boot sectors come last
       const uint64_t n = std::min<uint64_t>(chunk_, sectors - done);
       std::fill(buffer.begin(), buffer.end(), 0);
-      fill(done * kSector, buffer.data(), static_cast<size_t>(n * kSector));
+      fill(done * sector_, buffer.data(), static_cast<size_t>(n * sector_));
       device_.write(lcn * spc_ + done, n, buffer.data());
       progress_.advance(n);
       done += n;
     }
   }
+  // Progress units (512-byte sectors) of a run of clusters.
   static uint64_t sectorsOf(uint64_t bytes, uint32_t clusterBytes) {
     return (bytes + clusterBytes - 1) / clusterBytes * (clusterBytes / kSector);
   }
 
  private:
   Disk::BlockDevice& device_;
+  uint32_t sector_;
   uint64_t spc_;
   Core::Progress& progress_;
   uint64_t chunk_;
@@ -723,10 +725,9 @@ uint64_t roundUp(uint64_t v, uint64_t unit) { return (v + unit - 1) / unit * uni
 
 }  // namespace
 
-bool validateNtfsLabel(const std::string& label, bool report) {
-  if (Ntfs::utf16From(label).size() <= kNtfsLabelUnits) return true;
-  if (report) Core::message(Core::mkError, "Invalid volume label -- maximum of %zu characters for NTFS", kNtfsLabelUnits);
-  return false;
+std::string ntfsLabelProblem(const std::string& label) {
+  if (Ntfs::utf16From(label).size() <= kNtfsLabelUnits) return {};
+  return Core::format("Invalid volume label -- maximum of %zu characters for NTFS", kNtfsLabelUnits);
 }
 
 NtfsLayout planNtfs(uint64_t sectors, int versionCode) {
@@ -797,15 +798,17 @@ uint64_t ntfsMinimumSectors(int versionCode) {
   return lo;
 }
 
-void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
+FormatSummary formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& requested) {
   Core::TraceScope scope("formatNtfs");
+  NtfsFormatOptions options = requested;
+  if (!options.versionCode) options.versionCode = ntWindowsVista;
   std::u16string label;
   if (options.label) {
-    if (!validateNtfsLabel(*options.label, false))
-      throw Error(ErrorId::InvalidArgument, "Invalid volume label -- maximum of 32 characters for NTFS")
-          .with("label", *options.label);
+    if (const std::string problem = ntfsLabelProblem(*options.label); !problem.empty())
+      throw Error(ErrorId::InvalidArgument, problem).with("label", *options.label);
     label = utf16From(*options.label);
   }
+  Disk::requireSectorSize(device.bytesPerBlock());
   const Target t = targetOf(options.versionCode);
   const uint64_t sectors = device.blockCount();
   NtfsLayout L;
@@ -846,11 +849,11 @@ void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
                                  Writer::sectorsOf(attrDef.size(), cb) + Writer::sectorsOf(8, cb) +
                                  Writer::sectorsOf(rootBlock.size(), cb) + Writer::sectorsOf(L.bitmapBytes, cb) +
                                  Writer::sectorsOf(upCase.size(), cb) + Writer::sectorsOf(sds.size(), cb) + 2;
-  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(sectors) * kSector / 1048576.0), progressTotal);
+  Core::Progress progress(Core::format("QuickFormatting %.2fM", double(sectors) * device.bytesPerBlock() / 1048576.0), progressTotal);
   Writer w(device, cb, progress);
   try {
     // A volume half written must not look like NTFS: the old boot sector goes first.
-    const std::vector<uint8_t> zero(kSector, 0);
+    const std::vector<uint8_t> zero(device.bytesPerBlock(), 0);
     device.write(0, 1, zero.data());
     device.flush();
     w.put(0, std::vector<uint8_t>(kBootBytes, 0));
@@ -886,27 +889,19 @@ void formatNtfs(Disk::BlockDevice& device, const NtfsFormatOptions& options) {
   }
   progress.complete();
 
-  Core::print("Format complete.\n");
-  Core::print("\n");
   const uint64_t freeClusters = L.freeClusters();
-  const std::string numbers[] = {std::to_string(L.clusters * cb), std::to_string(freeClusters * cb), std::to_string(cb),
-                                 std::to_string(L.clusters), std::to_string(freeClusters), std::to_string(L.mftLcn)};
-  int width = 0;
-  for (const auto& n : numbers) width = std::max(width, static_cast<int>(n.size()));
-  if (!label.empty())
-    Core::print("Volume label is %s\n", utf8From(label).c_str());
-  else
-    Core::print("Volume has no label\n");
+  FormatSummary summary;
+  summary.say(label.empty() ? "Volume has no label" : "Volume label is " + utf8From(label));
   const uint32_t low = static_cast<uint32_t>(volume.serial());
-  Core::print("Volume Serial Number is %04X-%04X\n", low >> 16, low & 0xFFFF);
-  Core::print("NTFS version %u.%u\n", t.major, t.minor);
-  Core::print("%*s bytes total disk space\n", width, numbers[0].c_str());
-  Core::print("%*s bytes available on disk\n", width, numbers[1].c_str());
-  Core::print("%*s bytes in each allocation unit\n", width, numbers[2].c_str());
-  Core::print("%*s total allocation units on disk\n", width, numbers[3].c_str());
-  Core::print("%*s available allocation units on disk\n", width, numbers[4].c_str());
-  Core::print("%*s first cluster of the $MFT\n", width, numbers[5].c_str());
-  Core::print("\n");
+  summary.say(Core::format("Volume Serial Number is %04X-%04X", low >> 16, low & 0xFFFF));
+  summary.say(Core::format("NTFS version %u.%u", t.major, t.minor));
+  summary.count(L.clusters * cb, "bytes total disk space");
+  summary.count(freeClusters * cb, "bytes available on disk");
+  summary.count(cb, "bytes in each allocation unit");
+  summary.count(L.clusters, "total allocation units on disk");
+  summary.count(freeClusters, "available allocation units on disk");
+  summary.count(L.mftLcn, "first cluster of the $MFT");
+  return summary;
 }
 
 }  // namespace Corvo::Filesystem

@@ -1,5 +1,6 @@
 #include "filesystem/ntfs/NtfsStructures.h"
 
+#include "core/Endian.h"
 #include "core/Utf.h"
 
 namespace Corvo::Filesystem::Ntfs {
@@ -66,7 +67,7 @@ std::optional<std::vector<Run>> decodeMappingPairs(const uint8_t* p, size_t byte
 }
 
 void applyFixups(uint8_t* record, size_t bytes, uint16_t usn) {
-  uint8_t* usa = record + Multi::UsaOffset::get(record);
+  uint8_t* usa = record + Multi::UsaOffset.get(record);
   Core::put16(usa, usn);
   for (size_t i = 1; i <= bytes / kSector; ++i) {
     uint8_t* tail = record + i * kSector - 2;
@@ -77,7 +78,7 @@ void applyFixups(uint8_t* record, size_t bytes, uint16_t usn) {
 }
 
 bool removeFixups(uint8_t* record, size_t bytes) {
-  const size_t usaOffset = Multi::UsaOffset::get(record), count = Multi::UsaCount::get(record);
+  const size_t usaOffset = Multi::UsaOffset.get(record), count = Multi::UsaCount.get(record);
   if (count < 2 || (count - 1) * kSector > bytes || usaOffset + 2 * count > bytes || usaOffset + 2 * count > kSector)
     return false;
   uint8_t* usa = record + usaOffset;

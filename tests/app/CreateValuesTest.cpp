@@ -2,11 +2,12 @@
 #include <gtest/gtest.h>
 
 #include "app/PartitionCommands.h"
+#include "filesystem/fat/Fat.h"
 
 using namespace Kdisk;
 
 TEST(CreateValues, PartitionSize) {
-  const uint64_t disk1000MB = 1000 * 2048 + 1024;  // 1000.5 MB
+  const uint64_t disk1000MB = (1000ull << 20) + (1ull << 19);  // 1000.5 MB
   const struct {
     const char* text;
     SizeStatus status;
@@ -22,8 +23,8 @@ TEST(CreateValues, PartitionSize) {
     EXPECT_EQ(mb, c.mb) << c.text;
   }
   int mb = 0;  // 1 per cent of 99 MB is below one MB, 2 per cent is one
-  EXPECT_EQ(parsePartitionSize("1P", 99 * 2048, mb), SizeStatus::TooSmall);
-  EXPECT_TRUE(parsePartitionSize("2P", 99 * 2048, mb) == SizeStatus::Ok && mb == 1);
+  EXPECT_EQ(parsePartitionSize("1P", 99ull << 20, mb), SizeStatus::TooSmall);
+  EXPECT_TRUE(parsePartitionSize("2P", 99ull << 20, mb) == SizeStatus::Ok && mb == 1);
   for (const char* bad : {"3x", "0", "", "x", "-1"}) EXPECT_FALSE(scanPositiveNumber(bad, mb)) << bad;
   EXPECT_TRUE(scanPositiveNumber(" 3", mb) && mb == 3);
 }
@@ -45,5 +46,5 @@ TEST(CreateValues, FatLimitsAndTypeChoice) {
                {0x00, 32773, true, false, 0},   {0x00, 32774, true, false, 1},   {0x00, 1048576, true, false, 1},
                {0x00, 1048577, true, false, 2}, {0x00, 1048577, true, true, 1},  {0x00, 1048577, false, false, 1},
                {0x00, 8387873, false, true, 2}};
-  for (const auto& t : types) EXPECT_EQ(int(fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt)), t.index) << t.blocks;
+  for (const auto& t : types) EXPECT_EQ(int(Corvo::Filesystem::fatTypeIndexFor(t.type, t.blocks, t.fat32, t.nt)), t.index) << t.blocks;
 }

@@ -48,6 +48,11 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
   }
 
   Corvo::Disk::PartitionScheme scheme() const override { return scheme_; }
+  const char* kindName() const override { return gpt() ? "GPT" : "MBR"; }
+  Corvo::Disk::TableCapabilities capabilities() const override {
+    return gpt() ? Corvo::Disk::TableCapabilities{} : Corvo::Disk::TableCapabilities{true, true, true, true};
+  }
+  bool gpt() const { return scheme_ == Corvo::Disk::PartitionScheme::Gpt; }
   const std::vector<std::unique_ptr<Node>>& roots() const override { return roots_; }
   const Corvo::Disk::TableFacts& facts() const override { return facts_; }
   std::vector<Corvo::Disk::RawBootRecord> rawTables() const override { return raw; }
@@ -120,8 +125,11 @@ class FakeDiskTable {
   ~FakeDiskTable() { Kdisk::releaseFixedDiskTable(); }
 
   // Adds an accessible disk and returns its layout (its backend is in lastAccess).
-  FakeLayout& add(uint64_t blocks, Corvo::Disk::PartitionScheme scheme = Corvo::Disk::PartitionScheme::Mbr) {
-    auto access = std::make_unique<MemoryAccess>(blocks);
+  // blocks counts the disk's own sectors of bytesPerSector bytes.
+  FakeLayout& add(uint64_t blocks, Corvo::Disk::PartitionScheme scheme = Corvo::Disk::PartitionScheme::Mbr,
+                  uint32_t bytesPerSector = 512) {
+    auto access = std::make_unique<MemoryAccess>(blocks * (bytesPerSector / 512));
+    access->geometry.bytesPerSector = bytesPerSector;
     lastAccess = access.get();
     drives_.push_back(std::make_unique<Corvo::Disk::DiskDrive>(static_cast<uint32_t>(drives_.size()), std::move(access)));
     auto rec = std::make_unique<Kdisk::FixedDisk>();

@@ -81,7 +81,7 @@ TEST(Interrupt, FormatStopsBeforeItsBootSector) {
       Core::clearInterrupt();
       CtrlCDevice dev(sectors, 1, 64);
       ScopedCapture capture;
-      Filesystem::FatFormatOptions options;
+      Filesystem::FormatOptions options;
       options.verify = full;
       try {
         Filesystem::formatFat(dev, Filesystem::FatType(type), options);

@@ -44,6 +44,19 @@ TEST(Status, PartitionsInDisplayOrderWithRemovedOneInItsOldPlace) {
   EXPECT_EQ(cap.sink().warnings, "Fixed disk 1 -- The extended boot record at sector 110062 has no 55 AA signature\n");
 }
 
+// Sizes count the disk's own sectors: 4096 sectors of 4 KiB are 16 MB.
+TEST(Status, SizesOnADiskOf4KiBSectors) {
+  FakeDiskTable t;
+  FakeLayout& d = t.add(25600, Corvo::Disk::PartitionScheme::Mbr, 4096);
+  d.addPrimary(256, 4096, 0x83);
+  ScopedCapture cap;
+  printDiskStatus(*fixedDisks()[0]);
+  auto out = lines(cap.sink().out);
+  ASSERT_EQ(out.size(), 6u) << cap.sink().out;
+  EXPECT_EQ(out[1], "   1          1    255       63      100.0MB  Memory disk  (sector size 4096 bytes: read only)");
+  EXPECT_EQ(out[5], "        1  83  LINUX                           16.0MB  EXT2FS      PRIMARY");
+}
+
 TEST(Status, NtfsVolumeNameFromTheVolumeFileRecord) {
   FakeDiskTable t;
   FakeLayout& d = t.add(4096);

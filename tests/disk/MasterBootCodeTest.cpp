@@ -111,12 +111,12 @@ TEST(MasterBootCode, ComposeByteForByte) {
 namespace {
 
 // Records the order of writes and flushes.
-class LoggingAccess : public KdiskTest::MemoryDiskAccess {
+class LoggingAccess : public KdiskTest::MemoryAccess {
  public:
-  using MemoryDiskAccess::MemoryDiskAccess;
+  using MemoryAccess::MemoryAccess;
   void write(uint64_t first, uint64_t count, const void* buffer) override {
     log.push_back("w" + std::to_string(first));
-    MemoryDiskAccess::write(first, count, buffer);
+    MemoryAccess::write(first, count, buffer);
   }
   void flush() override { log.push_back("flush"); }
   std::vector<std::string> log;
@@ -146,7 +146,7 @@ TEST(MasterBootCode, WipeWritesInOrder) {
     const std::string img = dir.file("disk.img");
     ASSERT_TRUE(KdiskTest::makeImage(img, 16, c.script));
     auto access = std::make_unique<LoggingAccess>(32768);
-    access->data = KdiskTest::MemoryDiskAccess::fromImage(img)->data;
+    access->data = KdiskTest::MemoryAccess::fromImage(img)->data;
     access->osLayout = true;
     LoggingAccess* log = access.get();
     DiskDrive drive(0, std::move(access));

@@ -298,8 +298,8 @@ TEST_F(MbrEditTest, InconsistentTablesGetNoNewOverlap) {
 // In-memory disks: faults, OS layout, sector size.
 
 TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(409600);
+  MemoryAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
   CreationRequest r = req(100 * kMB, 2048);
@@ -331,8 +331,8 @@ TEST(MbrMemoryTest, FailedWritesLeaveAReadableChain) {
 }
 
 TEST(MbrMemoryTest, OsLayoutAndWarnings) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(409600);
+  MemoryAccess* mem = access.get();
   mem->osLayout = true;
   DiskDrive drive(0, std::move(access));
   auto disk = PartitionedDisk::load(drive);
@@ -361,11 +361,22 @@ TEST(MbrMemoryTest, OsLayoutAndWarnings) {
   EXPECT_EQ(disk->displayList().size(), 3u);
 }
 
-TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
-  auto access = std::make_unique<MemoryDiskAccess>(409600, 4096);
-  MemoryDiskAccess* mem = access.get();
+// A disk of 4 KiB sectors is addressed in its own sectors: an entry of 4096 sectors at 256 is
+// 16 MiB at 1 MiB. It is read, and refused before anything is written.
+TEST(MbrMemoryTest, OtherSectorSizesAreReadInTheirSectorsAndRefusedBeforeWriting) {
+  auto access = std::make_unique<MemoryAccess>(409600, 4096);
+  MemoryAccess* mem = access.get();
+  const uint8_t entry[16] = {0, 0, 0, 0, 0x83, 0, 0, 0, 0x00, 0x01, 0, 0, 0x00, 0x10, 0, 0};
+  std::copy(std::begin(entry), std::end(entry), mem->data.begin() + 446);
+  mem->data[510] = 0x55, mem->data[511] = 0xAA;
   DiskDrive drive(0, std::move(access));
+  EXPECT_EQ(drive.bytesPerBlock(), 4096u);
+  EXPECT_EQ(drive.blockCount(), 409600u / 8);
   auto disk = PartitionedDisk::load(drive);
+  ASSERT_EQ(disk->roots().size(), 1u);
+  EXPECT_EQ(disk->roots()[0]->firstBlock, 256u);
+  EXPECT_EQ(disk->roots()[0]->blockCount, 4096u);
+  EXPECT_EQ(RangeBlockDevice(drive, 256, 4096).bytesPerBlock(), 4096u);
   CreationRequest r;
   try {
     disk->createPrimary(r);
@@ -373,14 +384,14 @@ TEST(MbrMemoryTest, OtherSectorSizesAreRefusedBeforeWriting) {
   } catch (const Error& e) {
     EXPECT_EQ(e.id(), ErrorId::UnsupportedSectorSize);
   }
-  EXPECT_EQ(mem->writeCount, 0u);
+  EXPECT_EQ(mem->writes, 0u);
 }
 
 // Entries whose start plus count passes 2^32 (and the disk) are kept as they are, and a new
 // partition still fits below them. (Long chains: damaged_tables.sh.)
 TEST(MbrMemoryTest, OverflowingEntriesAreKept) {
-  auto access = std::make_unique<MemoryDiskAccess>(8192);
-  MemoryDiskAccess* mem = access.get();
+  auto access = std::make_unique<MemoryAccess>(8192);
+  MemoryAccess* mem = access.get();
   DiskDrive drive(0, std::move(access));
   BiosBootRecord big;
   big.setSlot(0, 0xFFFFFFF0u, 0xFFFFFFF0u, 0x83, 255, 63);

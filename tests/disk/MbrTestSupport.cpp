@@ -72,29 +72,4 @@ void patchSector(const std::string& path, uint64_t sector, size_t offset, const 
   f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-std::unique_ptr<MemoryDiskAccess> MemoryDiskAccess::fromImage(const std::string& path) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
-  auto mem = std::make_unique<MemoryDiskAccess>(static_cast<uint64_t>(in.tellg()) / 512);
-  in.seekg(0).read(reinterpret_cast<char*>(mem->data.data()), static_cast<std::streamsize>(mem->data.size()));
-  return mem;
-}
-void MemoryDiskAccess::prepareForChange(uint64_t first, uint64_t count) {
-  prepared.push_back({first, count});
-  if (busy) throw Corvo::Core::Error(Corvo::Core::ErrorId::InUse, "The volume is in use");
-}
-void MemoryDiskAccess::setNativePartitionLayout(const OsLayout& layout) {
-  layouts.push_back(layout);
-  if (refuseLayout) throw Corvo::Core::Error(Corvo::Core::ErrorId::OsLayoutFailed, "The system refused the layout");
-}
-void MemoryDiskAccess::read(uint64_t first, uint64_t count, void* buffer) {
-  std::memcpy(buffer, data.data() + first * 512, count * 512);
-}
-void MemoryDiskAccess::write(uint64_t first, uint64_t count, const void* buffer) {
-  for (uint64_t s = first; s < first + count; ++s)
-    if (failWrites.count(s))
-      throw Corvo::Core::Error(Corvo::Core::ErrorId::WriteFailed, "Injected write fault");
-  std::memcpy(data.data() + first * 512, buffer, count * 512);
-  ++writeCount;
-}
-
 }  // namespace KdiskTest

@@ -46,34 +46,4 @@ inline Corvo::Disk::OsLayoutEntry osEntry(uint32_t number, uint64_t first, uint6
   return e;
 }
 
-// A disk in memory; writes touching a chosen sector fail. With osLayout set it takes layouts
-// for the OS (recorded; refused with refuseLayout) and refuses changes while busy.
-class MemoryDiskAccess : public Corvo::Disk::DiskDriveAccess {
- public:
-  explicit MemoryDiskAccess(uint64_t blocks, uint32_t bytesPerSector = 512)
-      : data(blocks * 512, 0), bytesPerSector_(bytesPerSector) {}
-  static std::unique_ptr<MemoryDiskAccess> fromImage(const std::string& path);  // a copy of the file
-  std::string path() const override { return "memory"; }
-  Corvo::Disk::Geometry getGeometry() const override {
-    Corvo::Disk::Geometry g;
-    g.bytesPerSector = bytesPerSector_;
-    return g;
-  }
-  uint64_t totalBlocks() const override { return data.size() / 512; }
-  void read(uint64_t first, uint64_t count, void* buffer) override;
-  void write(uint64_t first, uint64_t count, const void* buffer) override;
-  void prepareForChange(uint64_t first, uint64_t count) override;
-  bool supportsOsLayout() const override { return osLayout; }
-  void setNativePartitionLayout(const Corvo::Disk::OsLayout& layout) override;
-  std::vector<uint8_t> data;
-  std::set<uint64_t> failWrites;
-  std::vector<std::pair<uint64_t, uint64_t>> prepared;
-  std::vector<Corvo::Disk::OsLayout> layouts;
-  bool osLayout = false, refuseLayout = false, busy = false;
-  uint64_t writeCount = 0;
-
- private:
-  uint32_t bytesPerSector_;
-};
-
 }  // namespace KdiskTest

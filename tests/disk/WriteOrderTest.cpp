@@ -21,7 +21,7 @@
 namespace {
 
 using namespace Corvo::Disk;
-using KdiskTest::RecordingDiskAccess;
+using KdiskTest::MemoryAccess;
 using KdiskTest::writeSparseImage;
 
 std::vector<uint8_t> readFile(const std::string& path) {
@@ -79,20 +79,21 @@ class WriteOrder : public ::testing::Test {
       writeSparseImage(path, before);
     }
     if (prepare) {
-      auto owned = std::make_unique<RecordingDiskAccess>(before);
-      RecordingDiskAccess& rec = *owned;
+      auto owned = std::make_unique<MemoryAccess>(before);
+      MemoryAccess& mem = *owned;
       DiskDrive drive(0, std::move(owned));
       prepare(*PartitionedDisk::load(drive));
-      before = rec.image;
+      before = mem.data;
       writeSparseImage(path, before);
     }
     const std::string oldLayout = sfdiskLayout(path);
 
-    auto owned = std::make_unique<RecordingDiskAccess>(before);
-    RecordingDiskAccess& rec = *owned;  // the drive owns it
+    auto owned = std::make_unique<MemoryAccess>(before);
+    MemoryAccess& rec = *owned;  // the drive owns it
+    rec.recording = true;
     DiskDrive drive(0, std::move(owned));
     change(*PartitionedDisk::load(drive));
-    writeSparseImage(path, rec.image);
+    writeSparseImage(path, rec.data);
     const std::string newLayout = sfdiskLayout(path);
     ASSERT_NE(newLayout, oldLayout) << "the change changed nothing";
     ASSERT_NE(newLayout, "unreadable");
@@ -108,14 +109,14 @@ class WriteOrder : public ::testing::Test {
     });
     // A disk that stops after write k: the change fails and leaves one of those images.
     for (size_t k = 0; k < rec.writes; ++k) {
-      auto stopping = std::make_unique<RecordingDiskAccess>(before);
-      RecordingDiskAccess& s = *stopping;
+      auto stopping = std::make_unique<MemoryAccess>(before);
+      MemoryAccess& s = *stopping;
       s.stopAfter = k;
       DiskDrive stopped(0, std::move(stopping));
       EXPECT_THROW(change(*PartitionedDisk::load(stopped)), Corvo::Core::Error) << "stop after write " << k;
-      if (seen.count(KdiskTest::imageHash(s.image))) continue;
+      if (seen.count(KdiskTest::imageHash(s.data))) continue;
       // Not one of them byte for byte (new GUIDs are random): sfdisk decides.
-      writeSparseImage(path, s.image);
+      writeSparseImage(path, s.data);
       const std::string layout = sfdiskLayout(path);
       EXPECT_TRUE(layout == oldLayout || layout == newLayout) << "stop after write " << k << ":\n" << layout;
     }
@@ -235,14 +236,15 @@ TEST_F(WriteOrder, HalfMadeFatFilesystemIsNotRecognised) {
     const std::string oldUuid = fatUuid(path);
     ASSERT_EQ(oldUuid, "1234-5678");
 
-    auto owned = std::make_unique<RecordingDiskAccess>(before);
-    RecordingDiskAccess& rec = *owned;  // the drive owns it
+    auto owned = std::make_unique<MemoryAccess>(before);
+    MemoryAccess& rec = *owned;  // the drive owns it
+    rec.recording = true;
     DiskDrive drive(0, std::move(owned));
     {
       KdiskTest::ScopedCapture quiet;
-      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FatFormatOptions{});
+      Corvo::Filesystem::formatFat(drive, Corvo::Filesystem::FatType(c.type), Corvo::Filesystem::FormatOptions{});
     }
-    writeSparseImage(path, rec.image);
+    writeSparseImage(path, rec.data);
     const std::string newUuid = fatUuid(path);
     ASSERT_FALSE(newUuid.empty());
     ASSERT_NE(newUuid, oldUuid);
@@ -250,7 +252,7 @@ TEST_F(WriteOrder, HalfMadeFatFilesystemIsNotRecognised) {
 
     // Each crash image holds no filesystem, or a whole one: the old one only before the first
     // write, the new one only once everything is written.
-    const size_t oldImage = KdiskTest::imageHash(before), newImage = KdiskTest::imageHash(rec.image);
+    const size_t oldImage = KdiskTest::imageHash(before), newImage = KdiskTest::imageHash(rec.data);
     std::set<size_t> seen;
     KdiskTest::forEachCrashImage(before, rec.log, [&](const std::vector<uint8_t>& image) {
       const size_t hash = KdiskTest::imageHash(image);

@@ -52,7 +52,7 @@ TEST(BootCode, LoadersRunInAnEmulator) {
     {
       KdiskTest::ImageFileDevice dev(image, c.sectors);
       KdiskTest::ScopedCapture capture;
-      Corvo::Filesystem::FatFormatOptions options;
+      Corvo::Filesystem::FormatOptions options;
       options.hiddenSectors = c.hidden;
       Corvo::Filesystem::formatFat(dev, Corvo::Filesystem::FatType(c.type), options);
     }

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "FatTestSupport.h"
+#include "app/PartitionCommands.h"
 #include "core/Endian.h"
 #include "filesystem/Recognition.h"
 #include "filesystem/fat/Fat.h"
@@ -128,11 +129,10 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
   std::string printed;
   {
     ScopedCapture capture;
-    Filesystem::FatFormatOptions options;
+    Filesystem::FormatOptions options;
     options.hiddenSectors = 2048;
     options.label = "TREE TEST";
-    Filesystem::formatFat(dev, Filesystem::FatType(c.type), options);
-    printed = capture.sink().out;
+    printed = capture.sink().out + Kdisk::formatSummaryText(Filesystem::formatFat(dev, Filesystem::FatType(c.type), options));
   }
   // Only the reserved area, the FATs and the root directory are written, each sector once, in
   // long runs, the boot sector last (and cleared first).
@@ -172,8 +172,8 @@ TEST_P(FatSizeSweep, LayoutMatchesRulesAndToolsAccept) {
   EXPECT_NE(out.find("Volume in drive : is TREE TEST"), std::string::npos) << out;
   expectFsckClean(image);
 
-  // The summary: the counts of the model, right-aligned in one width (the total is the widest),
-  // and the serial number as mtools reads it from the boot sector.
+  // The summary as /CRE prints it: the counts of the model, right-aligned in one width (the
+  // total is the widest), and the serial number as mtools reads it from the boot sector.
   const size_t at = out.find("Volume Serial Number is ");
   ASSERT_NE(at, std::string::npos) << out;
   const uint64_t unit = e.spc * 512ull, free = e.clusters - (c.type == 2 ? 1 : 0);
@@ -215,17 +215,22 @@ TEST(FatFormat, VolumeSerialFromLocalTime) {
   EXPECT_EQ(Filesystem::fatVolumeSerial(t), 0x29151517u);  // (11+30)<<24 | 21<<16 | 13<<8 | 2071
 }
 
-// An invalid label stops the format itself before anything is written (the label rules are
-// proven through /CRE /FOR with mtools in the command-line tests).
+// An invalid label stops the format itself before anything is written, with the label rule's
+// message and nothing printed (the label rules are proven through /CRE /FOR with mtools in the
+// command-line tests).
 TEST(FatFormat, InvalidLabelStopsTheFormat) {
-  const std::string lower = "Invalid volume label -- may not contain lower-case letters\n";
   KdiskTest::MemoryBlockDevice mem(70000);
   ScopedCapture capture;
-  Filesystem::FatFormatOptions options;
+  Filesystem::FormatOptions options;
   options.label = "lower";
-  EXPECT_THROW(Filesystem::formatFat(mem, Filesystem::ftFat16, options), Core::Error);
+  try {
+    Filesystem::formatFat(mem, Filesystem::ftFat16, options);
+    ADD_FAILURE() << "format succeeded";
+  } catch (const Core::Error& e) {
+    EXPECT_EQ(e.text(), "Invalid volume label -- may not contain lower-case letters");
+  }
   EXPECT_EQ(mem.writes, 0u);
-  EXPECT_EQ(capture.sink().errors, lower);
+  EXPECT_EQ(capture.sink().errors, "");
 }
 
 // Full format: clusters with unreadable sectors are counted and marked bad in both FATs.
@@ -245,16 +250,15 @@ TEST(FatFormat, FullFormatMarksBadClusters) {
     faulty.badSectors = {dataStart + 3 * s, dataStart + 3 * s + 1, dataStart + 75 * s + s - 1,
                          dataStart + uint64_t(planned.totalClusters - 1) * s};
     ScopedCapture capture;
-    Filesystem::FatFormatOptions options;
+    Filesystem::FormatOptions options;
     options.verify = true;
-    fat->format(options);
+    const Filesystem::FormatSummary summary = fat->format(options);
     const Filesystem::FatLayout& L = fat->layout();
     EXPECT_EQ(L.badClusters, 3u);
     EXPECT_EQ(L.freeClusters, L.totalClusters - 3 - (type == 2 ? 1 : 0));
-    const std::string& out = capture.sink().out;
-    EXPECT_NE(out.find("\nVolume has no label\n"), std::string::npos) << out;
-    EXPECT_NE(out.find(std::to_string(3ull * s * 512) + " bytes in bad sectors\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("3 allocation units containing bad sectors\n"), std::string::npos) << out;
+    EXPECT_EQ(summary.lines.at(0).text, "Volume has no label");
+    EXPECT_EQ(summary.countOf("bytes in bad sectors"), 3ull * s * 512);
+    EXPECT_EQ(summary.countOf("allocation units containing bad sectors"), 3u);
     const uint32_t marks[] = {0xFF7, 0xFFF7, 0x0FFFFFF7};
     for (uint32_t copy = 0; copy < 2; ++copy) {
       std::vector<uint8_t> fatBytes(size_t(L.sectorsPerFat) * 512);
@@ -282,7 +286,7 @@ TEST(FatFormat, FullFormatMarksBadClusters) {
   }
 }
 
-TEST(FatFormat, StepFailuresPrintTheirMessage) {
+TEST(FatFormat, StepFailuresNameTheirStep) {
   const auto W = Core::ErrorId::WriteFailed, V = Core::ErrorId::VerifyFailed;
   enum Base { Start, LastReserved, SecondFat, Root };  // Root: the root directory, or cluster 2 on FAT32
   struct Case {
@@ -294,12 +298,12 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     std::string message;
     Core::ErrorId id;
   } cases[] = {
-      {1, 100000, Start, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault\n", V},
-      {2, 1100000, LastReserved, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault\n", V},
-      {1, 100000, SecondFat, 3, false, true, false, "Bad sectors in FAT table area -- Injected write fault\n", W},
-      {0, 20000, Root, 5, false, true, false, "Bad sectors in root directory area -- Injected write fault\n", W},
-      {2, 1100000, Root, 1, true, false, true, "Bad sectors in FAT table area -- Injected verify fault\n", W},
-      {2, 1100000, Start, 6, false, true, false, "Bad sectors in boot area -- Injected write fault\n", W},
+      {1, 100000, Start, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault", V},
+      {2, 1100000, LastReserved, 0, true, true, false, "Bad sectors in boot area -- Injected verify fault", V},
+      {1, 100000, SecondFat, 3, false, true, false, "Bad sectors in FAT table area -- Injected write fault", W},
+      {0, 20000, Root, 5, false, true, false, "Bad sectors in root directory area -- Injected write fault", W},
+      {2, 1100000, Root, 1, true, false, true, "Bad sectors in FAT table area -- Injected verify fault", W},
+      {2, 1100000, Start, 6, false, true, false, "Bad sectors in boot area -- Injected write fault", W},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
@@ -313,16 +317,16 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
     faulty.failReads = c.failReads;
     faulty.failWrites = c.failWrites;
     ScopedCapture capture;
-    Filesystem::FatFormatOptions options;
+    Filesystem::FormatOptions options;
     options.verify = c.verify;
     try {
       fat->format(options);
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), c.id);
+      EXPECT_EQ(e.property("step") + " -- " + e.text(), c.message);
     }
-    EXPECT_EQ(capture.sink().errors, c.message);
-    EXPECT_EQ(capture.sink().out.find("Format complete."), std::string::npos);
+    EXPECT_EQ(capture.sink().errors, "");
     std::vector<uint8_t> boot(512);
     dev.read(0, 1, boot.data());
     EXPECT_TRUE(std::all_of(boot.begin(), boot.end(), [](uint8_t v) { return v == 0; })) << "boot sector written";
@@ -341,7 +345,8 @@ TEST(FatFormat, StepFailuresPrintTheirMessage) {
       ADD_FAILURE() << "format succeeded";
     } catch (const Core::Error& e) {
       EXPECT_EQ(e.id(), size == 4096 ? Core::ErrorId::UnsupportedSectorSize : Core::ErrorId::BpbFailed);
-      EXPECT_EQ(capture.sink().errors, "Cannot create BPB for new filesystem -- " + e.text() + "\n");
+      EXPECT_EQ(e.property("step"), "Cannot create BPB for new filesystem");
+      EXPECT_EQ(capture.sink().errors, "");
     }
     EXPECT_EQ(mem.writes, 0u);
   }

@@ -60,27 +60,16 @@ void FaultInjectingBlockDevice::doVerify(uint64_t first, uint64_t count) {
   inner_.verify(first, count);
 }
 
-void RecordingDiskAccess::read(uint64_t first, uint64_t count, void* buffer) {
-  std::memcpy(buffer, image.data() + first * 512, count * 512);
-}
-void RecordingDiskAccess::write(uint64_t first, uint64_t count, const void* buffer) {
-  if (writes >= stopAfter) throw Error(ErrorId::WriteFailed, "The disk stopped");
-  ++writes;
-  const auto* bytes = static_cast<const uint8_t*>(buffer);
-  std::memcpy(image.data() + first * 512, bytes, count * 512);
-  log.push_back({false, first, std::vector<uint8_t>(bytes, bytes + count * 512)});
-}
-
-void forEachCrashImage(const std::vector<uint8_t>& before, const std::vector<RecordingDiskAccess::Event>& log,
+void forEachCrashImage(const std::vector<uint8_t>& before, const std::vector<MemoryAccess::Event>& log,
                        const std::function<void(const std::vector<uint8_t>&)>& visit) {
   constexpr size_t kAllSubsetsUpTo = 8;
   std::vector<uint8_t> durable = before, image;
-  auto apply = [](std::vector<uint8_t>& to, const RecordingDiskAccess::Event& w) {
+  auto apply = [](std::vector<uint8_t>& to, const MemoryAccess::Event& w) {
     std::memcpy(to.data() + w.first * 512, w.data.data(), w.data.size());
   };
   size_t i = 0;
   while (true) {
-    std::vector<const RecordingDiskAccess::Event*> group;
+    std::vector<const MemoryAccess::Event*> group;
     for (; i < log.size() && !log[i].flush; ++i) group.push_back(&log[i]);
     if (group.size() <= kAllSubsetsUpTo) {
       for (size_t mask = 0; mask < (size_t{1} << group.size()); ++mask) {

@@ -10,6 +10,7 @@
 #include "core/Message.h"
 #include "disk/BlockDevice.h"
 #include "disk/DiskDriveAccess.h"
+#include "support/InMemory.h"
 
 namespace KdiskTest {
 
@@ -50,33 +51,10 @@ class FaultInjectingBlockDevice : public Corvo::Disk::BlockDevice {
   Corvo::Disk::BlockDevice& inner_;
 };
 
-// A disk in memory that records every write and flush in order. After stopAfter writes every
-// further write fails, as if the machine had stopped there.
-class RecordingDiskAccess : public Corvo::Disk::DiskDriveAccess {
- public:
-  struct Event {
-    bool flush = false;
-    uint64_t first = 0;         // writes: the first sector
-    std::vector<uint8_t> data;  // writes: the sectors written
-  };
-  explicit RecordingDiskAccess(std::vector<uint8_t> initial) : image(std::move(initial)) {}
-  std::string path() const override { return "recording"; }
-  Corvo::Disk::Geometry getGeometry() const override { return {}; }
-  uint64_t totalBlocks() const override { return image.size() / 512; }
-  void read(uint64_t first, uint64_t count, void* buffer) override;
-  void write(uint64_t first, uint64_t count, const void* buffer) override;
-  void flush() override { log.push_back({true, 0, {}}); }
-
-  std::vector<uint8_t> image;
-  std::vector<Event> log;
-  size_t stopAfter = SIZE_MAX;
-  size_t writes = 0;
-};
-
 // Every image a disk can hold after a stop at any point of the logged writes: writes between
 // two flushes may reach the medium in any order, so each group of writes after the last
 // completed flush contributes each of its subsets (its prefixes only when it is too large).
-void forEachCrashImage(const std::vector<uint8_t>& before, const std::vector<RecordingDiskAccess::Event>& log,
+void forEachCrashImage(const std::vector<uint8_t>& before, const std::vector<MemoryAccess::Event>& log,
                        const std::function<void(const std::vector<uint8_t>&)>& visit);
 // A hash of an image's bytes, to tell images apart.
 size_t imageHash(const std::vector<uint8_t>& image);
