@@ -1,6 +1,7 @@
 #include "app/BootCodeWrite.h"
 
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Error.h"
 #include "core/Message.h"
 
@@ -18,9 +19,22 @@ bool loadBootCodeFile(const std::string& path, std::vector<uint8_t>& code) {
   return true;
 }
 
+bool bootRecordFree(FixedDisk& disk, bool wipe) {
+  try {
+    disk.drive->requireWritable();
+    disk.drive->prepareForChange(0, wipe ? disk.drive->blockCount() : 1);
+  } catch (const Error& e) {
+    message(mkError, "Cannot write master boot record -- %s", e.text().c_str());
+    return false;
+  }
+  return true;
+}
+
 int writeBootCodeToDisk(FixedDisk& disk, const std::vector<uint8_t>& code, Corvo::Disk::DiskIdMode mode, bool wipe) {
   std::string warning;
+  if (!backUpTables(disk, "Cannot write master boot record -- %s")) return 1;
   try {
+    TableWatch watch(disk);
     warning = Corvo::Disk::writeMasterBootCode(*disk.layout, code, mode, wipe);
   } catch (const Error& e) {
     message(mkError, "Cannot write master boot record -- %s", e.text().c_str());

@@ -6,6 +6,7 @@
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 #include "disk/layout/PartitionTypes.h"
@@ -103,7 +104,9 @@ int commandActivate(CommandCode code, SwitchSet& set) {
       return 1;
     }
     PartitionMark mark = markOf(node, "*ACTIVATED*");
+    if (!backUpTables(disk, "Cannot set partition active -- %s")) return 1;
     try {
+      TableWatch watch(disk);
       layout.setActive(node);
     } catch (const Error& e) {
       message(mkError, "Cannot set partition active -- %s", e.text().c_str());
@@ -124,7 +127,9 @@ int commandActivate(CommandCode code, SwitchSet& set) {
               disk.index + 1) != 1)
     return 1;
   PartitionMark mark = markOf(node, "*DEACTIVATED*");
+  if (!backUpTables(disk, "Cannot deactivate partition -- %s")) return 1;
   try {
+    TableWatch watch(disk);
     layout.clearActive(node);
   } catch (const Error& e) {
     message(mkError, "Cannot deactivate partition -- %s", e.text().c_str());
@@ -178,12 +183,20 @@ int commandHide(CommandCode code, SwitchSet& set) {
   }
 
   PartitionMark mark = markOf(node, hide ? "*HIDDEN*" : "*UNHIDDEN*");
+  const char* failText = hide ? "Cannot hide partition -- %s" : "Cannot unhide partition -- %s";
   try {
     // Locks the partition's volumes (or checks they are not in use) before its type changes.
     disk.drive->prepareForChange(node.firstBlock, node.blockCount);
+  } catch (const Error& e) {
+    message(mkError, failText, e.text().c_str());
+    return 1;
+  }
+  if (!backUpTables(disk, failText)) return 1;
+  try {
+    TableWatch watch(disk);
     layout.setType(node, newType);
   } catch (const Error& e) {
-    message(mkError, hide ? "Cannot hide partition -- %s" : "Cannot unhide partition -- %s", e.text().c_str());
+    message(mkError, failText, e.text().c_str());
     return 1;
   }
   mark.type = newType;

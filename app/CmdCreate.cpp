@@ -9,6 +9,7 @@
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Config.h"
 #include "core/Error.h"
 #include "core/Message.h"
@@ -54,10 +55,13 @@ void warnOffPhysicalSector(const PartitionedDisk& disk, const CreationRequest& r
 }
 
 // Calls one of the disk layer's create operations and reports why it placed nothing.
-PartitionNode* placePartition(PartitionedDisk& disk, CreationRequest& request, PartitionNode* (PartitionedDisk::*create)(CreationRequest&),
+PartitionNode* placePartition(FixedDisk& fixed, CreationRequest& request, PartitionNode* (PartitionedDisk::*create)(CreationRequest&),
                               const char* failedText, const char* fullText, const char* maxText) {
+  PartitionedDisk& disk = *fixed.layout;
   PartitionNode* node = nullptr;
+  if (!backUpTables(fixed, failedText)) return nullptr;
   try {
+    TableWatch watch(fixed);
     node = (disk.*create)(request);
   } catch (const Error& e) {
     message(mkError, failedText, e.text().c_str());
@@ -146,7 +150,7 @@ bool createPrimaryDos(FixedDisk& disk, CreationRequest& request) {
   if (hasPrimaryDos(layout) &&
       message(mkQuestionPrompted, "A primary DOS partition already exists. Create another?") != 1)
     return false;
-  PartitionNode* node = placePartition(layout, request, &PartitionedDisk::createPrimary,
+  PartitionNode* node = placePartition(disk, request, &PartitionedDisk::createPrimary,
                                        "Primary DOS partition could not be created -- %s",
                                        "All available disk space is currently assigned to other partitions",
                                        "Maximum space available for primary DOS partition is %.1fMB");
@@ -174,7 +178,7 @@ bool createExtendedDos(FixedDisk& disk, CreationRequest& request) {
       return false;
     }
   }
-  PartitionNode* node = placePartition(layout, request, &PartitionedDisk::createExtended,
+  PartitionNode* node = placePartition(disk, request, &PartitionedDisk::createExtended,
                                        "Extended DOS partition could not be created -- %s",
                                        "All available disk space is currently assigned to other partitions",
                                        "Maximum space available for extended DOS partition is %.1fMB");
@@ -205,7 +209,7 @@ bool createLogicalDos(FixedDisk& disk, CreationRequest& request) {
     }
   }
   PartitionNode* node = placePartition(
-      layout, request, &PartitionedDisk::createLogical, "Logical DOS drive could not be created -- %s",
+      disk, request, &PartitionedDisk::createLogical, "Logical DOS drive could not be created -- %s",
       "All available space in the extended DOS partition is currently assigned to logical DOS drives",
       "Maximum space available for logical DOS drive is %.1fMB");
   if (!node) return false;

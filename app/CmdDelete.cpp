@@ -6,6 +6,7 @@
 #include "app/Commands.h"
 #include "app/PartitionCommands.h"
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/Wipe.h"
@@ -58,6 +59,7 @@ bool removalLeavesNoneActive(const PartitionedDisk& disk, const PartitionNode& n
 bool wipeNode(FixedDisk& disk, const PartitionNode& node, WipeMode wipeMode, unsigned customCount, const char* failText,
               const std::vector<WipeExtent>& keep = {}) {
   if (wipeMode == wmNone) return true;
+  if (!backUpTables(disk, failText)) return false;
   try {
     std::vector<WipeExtent> failed =
         wipePartition(*disk.layout, node.firstBlock, node.blockCount, wipeMode, customCount, keep);
@@ -81,6 +83,13 @@ bool removeNode(FixedDisk& disk, PartitionNode& node, const char* failText) {
   PartitionedDisk& layout = *disk.layout;
   try {
     disk.drive->prepareForChange(node.firstBlock, node.blockCount);
+  } catch (const Error& e) {
+    message(mkError, failText, e.text().c_str());
+    return false;
+  }
+  if (!backUpTables(disk, failText)) return false;
+  try {
+    TableWatch watch(disk);
     layout.remove(node);
   } catch (const Error& e) {
     message(mkError, failText, e.text().c_str());
@@ -161,6 +170,8 @@ bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCoun
             e.text().c_str());
     return false;
   }
+  if (!backUpTables(disk, wipeMode != wmNone ? "Cannot wipe partition(s) -- %s" : "Cannot delete partition(s) -- %s"))
+    return false;
   if (wipeMode != wmNone) {
     for (size_t i = 0; i < nodes.size(); ++i) {
       const PartitionNode& n = *nodes[i];
@@ -174,6 +185,7 @@ bool deleteAllPartitions(FixedDisk& disk, WipeMode wipeMode, unsigned customCoun
     }
   }
   try {
+    TableWatch watch(disk);
     layout.removeAll();
   } catch (const Error& e) {
     message(mkError, "Cannot delete partition(s) -- %s", e.text().c_str());

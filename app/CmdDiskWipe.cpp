@@ -6,6 +6,7 @@
 #include "app/FixedDisks.h"
 #include "app/PartitionCommands.h"
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/Wipe.h"
@@ -51,6 +52,7 @@ bool wipeWholeDisk(FixedDisk& disk, int mode, unsigned customCount, bool keepUti
     const unsigned shown = static_cast<unsigned>(std::find(list.begin(), list.end(), n) - list.begin()) + 1;
     message(mkInformation, "Partition %u on fixed disk %u is kept", shown, number);
   }
+  if (!backUpTables(disk, Corvo::Core::format(failText, number, "%s").c_str())) return false;
   bool ok = true;
   try {
     if (!kept.empty()) Corvo::Disk::writeKeptBootRecord(drive, kept);

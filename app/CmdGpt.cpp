@@ -2,6 +2,7 @@
 #include "app/Commands.h"
 #include "app/FixedDisks.h"
 #include "app/CmdStatus.h"
+#include "app/TableBackups.h"
 #include "core/Error.h"
 #include "core/Message.h"
 #include "disk/layout/GptDisk.h"
@@ -40,7 +41,9 @@ int commandGpt(SwitchSet& set) {
               "Continue?",
               number) != 1)
     return 1;
+  if (!backUpTables(*disk, Corvo::Core::format(failText, number, "%s").c_str())) return 1;
   try {
+    TableWatch watch(*disk);
     disk->layout = Corvo::Disk::initializeGptDisk(drive);
   } catch (const Error& e) {
     message(mkError, failText, number, e.text().c_str());

@@ -49,6 +49,7 @@ int commandMbr(SwitchSet& set) {
 
   FixedDisk* disk = findDisk(index);
   if (!disk) return 1;
+  if (!bootRecordFree(*disk, wipe)) return 1;
   const DiskIdMode mode = preserve ? DiskIdMode::Preserve : clear ? DiskIdMode::Clear : DiskIdMode::FromCode;
   // The question says what becomes of the disk signature that boot loaders find the disk by.
   std::string idClause;

@@ -39,6 +39,7 @@ int commandRevert(SwitchSet& set) {
   if (!loadBootCodeFile(path, code)) return 1;
   FixedDisk* disk = findDisk(index);
   if (!disk) return 1;
+  if (!bootRecordFree(*disk, false)) return 1;
   if (message(mkQuestionPrompted,
               "The master boot record of fixed disk %u, the boot disk, will be reverted to the contents of %s. Continue?",
               index + 1, path.c_str()) != 1)

@@ -22,6 +22,7 @@ enum CommandCode : unsigned {
   ccRevert = 14,
   ccDefault = 15,
   ccAtaSecurity = 16,
+  ccRestore = 17,  // this build's own: /RESTORE: writes back a table backup
 };
 
 int commandStatus(SwitchSet& set);                     // codes 2 and 15
@@ -35,6 +36,7 @@ int commandDiskWipe(SwitchSet& set);                   // 8
 int commandBootIni(SwitchSet& set);                    // 9
 int commandGpt(SwitchSet& set);                        // 13
 int commandRevert(SwitchSet& set);                     // 14
+int commandRestore(SwitchSet& set);                    // 17
 
 // Prints the plain error for a command whose body this build does not have; returns 1.
 int commandNotAvailable(const char* switchName);

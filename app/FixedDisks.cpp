@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "app/Consistency.h"
+#include "core/Config.h"
 #include "core/Message.h"
 #include "core/Trace.h"
 
@@ -28,6 +29,18 @@ std::vector<std::unique_ptr<FixedDisk>>& table() {
 std::string statusText(const FixedDisk& d) {
   if (d.status) return d.status->text();
   return "The disk could not be opened";
+}
+
+// How long a writing command waits for another program to let go of a disk.
+constexpr unsigned kLockWaitMilliseconds = 5000;
+
+// Why the disk cannot be used, as the command reports it: a disk held by another program is
+// named alone, any other failure under "Cannot access fixed disk".
+void reportStatus(const FixedDisk& d) {
+  if (d.status && !d.status->property("heldElsewhere").empty())
+    message(mkError, "%s", d.status->text().c_str());
+  else
+    message(mkError, "Cannot access fixed disk %u -- %s", d.index + 1, statusText(d).c_str());
 }
 
 // Scans a whole decimal int the way "%d%c" accepts exactly one item: optional blanks, an
@@ -58,9 +71,10 @@ bool startsWithKeyword(const std::string& value, const char* keyword) {
 
 }  // namespace
 
-void buildFixedDiskTable() {
+void buildFixedDiskTable(bool exclusive) {
   Corvo::Core::TraceScope scope("buildFixedDiskTable");
   releaseFixedDiskTable();
+  exclusive = exclusive && !Corvo::Core::Config::getBool("DestinationDiskLocker::Disable", false);
   auto& manager = Corvo::Disk::DiskManager::instance();
   for (size_t i = 0; i < manager.driveCount() && i < kMaxFixedDisks; ++i) {
     auto record = std::make_unique<FixedDisk>();
@@ -70,7 +84,11 @@ void buildFixedDiskTable() {
       record->status = manager.openError(i);
       if (!record->status)
         record->status = Error(ErrorId::OpenFailed, "The disk could not be opened").with("path", manager.pathOf(i));
+    } else if (exclusive && !record->drive->lockExclusive(kLockWaitMilliseconds)) {
+      record->status = Error(ErrorId::InUse, Corvo::Core::format("Fixed disk %u is in use by another program", record->index + 1))
+                           .with("heldElsewhere", "1");
     } else {
+      record->locked = exclusive;
       try {
         record->layout = Corvo::Disk::PartitionedDisk::load(*record->drive);
         checkPartitionTables(*record->layout, record->index, record->drive->isBootDisk());
@@ -85,7 +103,11 @@ void buildFixedDiskTable() {
   }
 }
 
-void releaseFixedDiskTable() { table().clear(); }
+void releaseFixedDiskTable() {
+  for (auto& r : table())
+    if (r->locked && r->drive) r->drive->unlockExclusive();
+  table().clear();
+}
 
 void adoptFixedDisk(std::unique_ptr<FixedDisk> record) {
   if (table().size() < kMaxFixedDisks) table().push_back(std::move(record));
@@ -115,7 +137,7 @@ FixedDisk* findDisk(uint32_t index) {
   for (auto& r : table()) {
     if (r->index != index) continue;
     if (!r->ok()) {
-      message(mkError, "Cannot access fixed disk %u -- %s", index + 1, statusText(*r).c_str());
+      reportStatus(*r);
       return nullptr;
     }
     reportInaccessibleDisks();
@@ -127,7 +149,7 @@ FixedDisk* findDisk(uint32_t index) {
 
 void reportInaccessibleDisks() {
   for (auto& r : table())
-    if (!r->ok()) message(mkError, "Cannot access fixed disk %u -- %s", r->index + 1, statusText(*r).c_str());
+    if (!r->ok()) reportStatus(*r);
 }
 
 int selectDiskList(const SwitchSet& set, std::vector<uint32_t>& list) {

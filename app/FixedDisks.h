@@ -10,6 +10,7 @@
 #include "app/Switches.h"
 #include "core/Error.h"
 #include "disk/PartitionedDisk.h"
+#include "disk/TableBackup.h"
 
 namespace Kdisk {
 
@@ -21,10 +22,18 @@ struct FixedDisk {
   Corvo::Disk::DiskDrive* drive = nullptr;
   std::unique_ptr<Corvo::Disk::PartitionedDisk> layout;  // null when the disk is inaccessible
   std::optional<Corvo::Core::Error> status;              // empty: opened and read
+  // The backup of what this command overwrites in the disk's tables (made before its first
+  // write, see TableBackups.h); null until then.
+  std::unique_ptr<Corvo::Disk::TableBackup> backup;
+  bool locked = false;  // this process holds the disk's exclusive lock
   bool ok() const { return !status && layout; }
 };
 
-void buildFixedDiskTable();
+// Builds the table. exclusive: the command writes, and every disk is locked for this process
+// (waiting a few seconds for another holder) before its tables are read; a disk that stays
+// held elsewhere is inaccessible with "Fixed disk %u is in use by another program". The
+// locks are let go when the table is released.
+void buildFixedDiskTable(bool exclusive = false);
 void releaseFixedDiskTable();
 // Appends a record made outside the disk manager (unit tests build in-memory disks this way).
 void adoptFixedDisk(std::unique_ptr<FixedDisk> record);

@@ -201,6 +201,14 @@ void printHelp(const std::string& program, CommandCode code) {
       print("%s /REVERT [/X] [/I] [/U] [/S] [/Y] [/R]\n", p);
       printList({kX, kI, kU, kS, kNoOsLayout, kY, kR});
       return;
+    case ccRestore:
+      describe("Writes back the partition tables saved before an earlier change of the disk.\n\n");
+      print("%s disk /RESTORE:file [/X] [/I] [/U] [/S] [/Y] [/R]\n", p);
+      printList({kDisk,
+                 {"/RESTORE:file", "A backup file that a command changing the disk saved\n"
+                                   "(in the folder of /BACKUPDIR=, by default the user's state folder)."},
+                 kX, kI, kU, kS, kNoOsLayout, kY, kR});
+      return;
     case ccDiskWipe:
       describe("Wipes the contents of the whole disk.\n\n");
       print("%s [disk|/DISK:ALL|/DISK:SYSTEM] /DISKWIPE [/DODWIPE|/CUSTOMWIPE:passes] [/KEEPCORVOBOOT] [/X] [/I] [/U]\n",

@@ -19,7 +19,7 @@ namespace {
 
 // Releases the fixed disk table when the command body leaves, by return or by exception.
 struct FixedDiskTableScope {
-  FixedDiskTableScope() { buildFixedDiskTable(); }
+  explicit FixedDiskTableScope(bool exclusive) { buildFixedDiskTable(exclusive); }
   ~FixedDiskTableScope() { releaseFixedDiskTable(); }
   FixedDiskTableScope(const FixedDiskTableScope&) = delete;
   FixedDiskTableScope& operator=(const FixedDiskTableScope&) = delete;
@@ -34,6 +34,17 @@ void injectTestFault() {
     throw Error(ErrorId::Internal, "Fault injected by KDISK_TEST_FAULT").with("trigger", "KDISK_TEST_FAULT");
   if (kind == "access-denied")
     throw Error(ErrorId::AccessDenied, "Access denied (injected by KDISK_TEST_FAULT)");
+}
+
+// Commands that may change a disk hold every disk for themselves while they run.
+bool commandWrites(CommandCode code) {
+  switch (code) {
+    case ccCreate: case ccDelete: case ccActivate: case ccDeactivate: case ccHide: case ccUnhide:
+    case ccMbr: case ccDiskWipe: case ccGpt: case ccRevert: case ccRestore:
+      return true;
+    default:
+      return false;
+  }
 }
 
 }  // namespace
@@ -75,7 +86,8 @@ CommandCode selectCommand(SwitchSet& set) {
     const Switch* sw;
     CommandCode code;
   } others[] = {{&swMBR, ccMbr},           {&swGPT, ccGpt},           {&swREVERT, ccRevert}, {&swATASECURITY, ccAtaSecurity},
-                {&swDISKWIPE, ccDiskWipe}, {&swBOOTINI, ccBootIni}, {&swVIEW, ccView}};
+                {&swDISKWIPE, ccDiskWipe}, {&swBOOTINI, ccBootIni}, {&swVIEW, ccView},
+                {&swRESTORE, ccRestore}};
   for (const auto& o : others) {
     if (set.isPresent(*o.sw)) {
       code = o.code;
@@ -120,6 +132,7 @@ int runCommandBody(CommandCode code, SwitchSet& set) {
     case ccView: return commandView(set);
     case ccGpt: return commandGpt(set);
     case ccRevert: return commandRevert(set);
+    case ccRestore: return commandRestore(set);
     case ccAtaSecurity:
       message(mkError, "/ATASECURITY switch is only supported in the DOS version of %s", set.programName().c_str());
       return 2;
@@ -137,7 +150,7 @@ int runSingleCommand(SwitchSet& set) {
   int result;
   {
     JsonOutputScope json(code, set);
-    FixedDiskTableScope table;
+    FixedDiskTableScope table(commandWrites(code));
     injectTestFault();
     result = runCommandBody(code, set);
   }

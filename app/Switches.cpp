@@ -15,7 +15,7 @@ const Switch swHelpQ{OPT "?"}, swH{OPT "H"}, swHELP{OPT "HELP"}, swVERSION{OPT "
 const Switch swCRE{OPT "CRE"}, swDEL{OPT "DEL"}, swSTATUS{OPT "STATUS"}, swACT{OPT "ACT"}, swDeACT{OPT "-ACT"},
     swHIDE{OPT "HIDE"}, swUnHIDE{OPT "-HIDE"}, swMBR{OPT "MBR"}, swGPT{OPT "GPT"}, swREVERT{OPT "REVERT"},
     swDISKWIPE{OPT "DISKWIPE"}, swBOOTINI{OPT "BOOTINI"}, swATASECURITY{OPT "ATASECURITY"}, swBATCH{OPT "BATCH>"},
-    swVIEW{OPT "VIEW:"};
+    swVIEW{OPT "VIEW:"}, swRESTORE{OPT "RESTORE:"};
 const Switch swR{OPT "R"}, swX{OPT "X"}, swI{OPT "I"}, swU{OPT "U"}, swS{OPT "S"}, swY{OPT "Y"}, swSURE{OPT "SURE"},
     swDIAG{OPT "DIAG:"};
 const Switch swSZ{OPT "SZ:"}, swPRI{OPT "PRI"}, swEXT{OPT "EXT"}, swLOG{OPT "LOG"}, swNo32{OPT "-32"},
@@ -46,7 +46,7 @@ const std::vector<const Switch*>& allSwitches() {
       &swDelLOG, &swDelP, &swActP, &swBootiniP, &swALL, &swQWIPE, &swDODWIPE, &swCUSTOMWIPE, &swLBA, &swRAW,
       &swSER, &swWIPE, &swZ, &swMbrP, &swREPLACE, &swDOD, &swCUSTOM, &swHPA, &swNoHPA, &swDISK,
       &swKEEPCORVOBOOT, &swADD, &swREMOVE, &swDEFAULT, &swENTRY, &swD, &swDESC, &swINIFILE, &swBSECTFILE,
-      &swTIMEOUT, &swWINNT, &swSYSFOLDER, &swNUM, &swPAGE, &swJSON};
+      &swTIMEOUT, &swWINNT, &swSYSFOLDER, &swNUM, &swPAGE, &swJSON, &swRESTORE};
   return all;
 }
 

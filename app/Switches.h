@@ -15,7 +15,7 @@ struct Switch {
 // The switch table. Names that exist twice carry the asking command in their C++ name.
 extern const Switch swHelpQ, swH, swHELP, swVERSION, swVER;
 extern const Switch swCRE, swDEL, swSTATUS, swACT, swDeACT, swHIDE, swUnHIDE, swMBR, swGPT, swREVERT,
-    swDISKWIPE, swBOOTINI, swATASECURITY, swBATCH, swVIEW;
+    swDISKWIPE, swBOOTINI, swATASECURITY, swBATCH, swVIEW, swRESTORE;
 extern const Switch swR, swX, swI, swU, swS, swY, swSURE, swDIAG;
 // Creation.
 extern const Switch swSZ, swPRI, swEXT, swLOG, swNo32, swNTFAT16, swFOR, swQ, swNTFS, swEXT2, swEXFAT, swALIGN, swV,
@@ -34,7 +34,7 @@ extern const Switch swADD, swREMOVE, swDEFAULT, swENTRY, swD, swDESC, swINIFILE,
 // Sector view.
 extern const Switch swNUM, swPAGE;
 
-// Every switch object, in table order (the 79 of the table, then /JSON).
+// Every switch object, in table order (the 79 of the table, then /JSON and /RESTORE:).
 const std::vector<const Switch*>& allSwitches();
 
 class SwitchSet {

@@ -73,6 +73,7 @@ const StartupSwitch kSwitches[] = {
     {"CLASSLOGVERBOSE", "LogManagerStartup::LogVerbose", Kind::Text, nullptr},
     {"CLASSLOGFILE", "LogManagerStartup::LogFile", Kind::Text, nullptr},
     {"CLASSLOGFILECOMMIT", "LogManagerStartup::LogFileCommit", Kind::Flag, "1"},
+    {"BACKUPDIR", kBackupFolderKey, Kind::Text, nullptr},
     {"ADDDISK", kAddDiskKey, Kind::List, nullptr},
     {"AD", kAddDiskKey, Kind::List, nullptr},
 };

@@ -23,6 +23,8 @@ std::vector<std::string> getList(const std::string& key);
 
 // Key holding the paths given with /ADDDISK= (alias /AD=), in the order given.
 inline constexpr const char* kAddDiskKey = "DiskManager::addDisk";
+// The folder of the partition table backups (/BACKUPDIR=); unset: the user's own state folder.
+inline constexpr const char* kBackupFolderKey = "TableBackup::folder";
 
 // Logical and physical sector size of the raw image files (/SECTORSIZE=, /PHYSICALSECTORSIZE=):
 // 512 or 4096; the physical size defaults to the logical one.

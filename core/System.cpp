@@ -1,6 +1,7 @@
 #include "core/System.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -111,6 +112,23 @@ std::string findDataFile(const std::string& name, bool currentFolder) {
     if (!found.empty()) return found;
   }
   return {};
+}
+
+std::string userStateFolder() {
+  auto env = [](const char* name) {
+    const char* v = std::getenv(name);
+    return v && *v ? std::string(v) : std::string();
+  };
+#if defined(_WIN32)
+  const std::string local = env("LOCALAPPDATA");
+  return local.empty() ? std::string() : local + "\\Kdisk";
+#else
+  // Only an absolute XDG_STATE_HOME counts; a relative one is to be ignored.
+  const std::string state = env("XDG_STATE_HOME");
+  if (!state.empty() && state[0] == '/') return state + "/kdisk";
+  const std::string home = env("HOME");
+  return home.empty() ? std::string() : home + "/.local/state/kdisk";
+#endif
 }
 
 bool restartComputer(std::string& why) {

@@ -20,6 +20,10 @@ std::string executableFolder();
 // program's folder, and /usr/lib/kdisk) on systems other than Windows, then, when
 // currentFolder is set, in the current folder. Empty when no folder has it.
 std::string findDataFile(const std::string& name, bool currentFolder);
+// The folder for what the program keeps for the user between runs: $XDG_STATE_HOME/kdisk or
+// ~/.local/state/kdisk (POSIX), %LOCALAPPDATA%\Kdisk (Windows). Empty when the environment
+// names no such place.
+std::string userStateFolder();
 
 // Flushes file buffers and restarts the computer. Returns false with the reason in `why`
 // when the restart could not be started.

@@ -84,6 +84,7 @@ void DiskDrive::doRead(uint64_t first, uint64_t count, void* buffer) {
 
 void DiskDrive::doWrite(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
+  aboutToWrite(first, count);
   counted([&] { access_->write(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
@@ -93,6 +94,7 @@ void DiskDrive::doReadMedium(uint64_t first, uint64_t count, void* buffer) {
 
 void DiskDrive::doWriteMedium(uint64_t first, uint64_t count, const void* buffer) {
   requireSectorSize();
+  aboutToWrite(first, count);
   counted([&] { access_->writeMedium(first * unitsPerBlock_, count * unitsPerBlock_, buffer); });
 }
 
@@ -107,6 +109,7 @@ void DiskDrive::flush() {
 }
 
 void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
+  if (isWritable()) aboutToWrite(first, count);
   if (isWritable() && access_->zeroRange(first * unitsPerBlock_, count * unitsPerBlock_, false)) {
     ++okCount_;
     return;
@@ -115,7 +118,9 @@ void DiskDrive::doWriteZeros(uint64_t first, uint64_t count) {
 }
 
 bool DiskDrive::doZeroQuickly(uint64_t first, uint64_t count) {
-  if (!isWritable() || !access_->zeroRange(first * unitsPerBlock_, count * unitsPerBlock_, true)) return false;
+  if (!isWritable()) return false;
+  aboutToWrite(first, count);
+  if (!access_->zeroRange(first * unitsPerBlock_, count * unitsPerBlock_, true)) return false;
   ++okCount_;
   return true;
 }

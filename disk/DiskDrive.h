@@ -52,6 +52,15 @@ class DiskDrive : public BlockDevice {
     access_->prepareForChange(firstBlock * unitsPerBlock_, blockCount * unitsPerBlock_);
   }
   DiskDriveAccess& access() { return *access_; }
+  // Called with the range before every write of sectors (a backup saves what a change is about
+  // to overwrite); it may throw, and the write does not happen. Null removes it.
+  using WriteObserver = std::function<void(uint64_t first, uint64_t count)>;
+  void setWriteObserver(WriteObserver observer) { observer_ = std::move(observer); }
+  // Holds the disk for this process alone until unlockExclusive (an advisory lock other
+  // partitioners honour too), waiting up to waitMilliseconds for another holder to let go.
+  // False when it is still held then; true also where the backend has no such lock.
+  bool lockExclusive(unsigned waitMilliseconds) { return access_->lockExclusive(waitMilliseconds); }
+  void unlockExclusive() { access_->unlockExclusive(); }
 
   uint64_t successfulIoCount() const { return okCount_; }
   uint64_t errorCount() const { return errCount_ + badMediaCount_; }
@@ -86,6 +95,10 @@ class DiskDrive : public BlockDevice {
   void counted(Transfer transfer);
   uint64_t okCount_ = 0, errCount_ = 0, badMediaCount_ = 0;
   std::string lastError_;
+  WriteObserver observer_;
+  void aboutToWrite(uint64_t first, uint64_t count) {
+    if (observer_) observer_(first, count);
+  }
 };
 
 // Finds and numbers the disks: the machine's own (unless "OsDrive::Disable"), then the

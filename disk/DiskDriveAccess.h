@@ -100,6 +100,11 @@ class DiskDriveAccess {
   // format): locks and dismounts its volumes, or checks that it is not mounted or in use.
   // Throws Core::Error (InUse) and writes nothing when the partition is busy.
   virtual void prepareForChange(uint64_t /*firstBlock*/, uint64_t /*blockCount*/) {}
+  // An exclusive advisory lock on the disk (POSIX: flock on the device node or image file),
+  // tried until waitMilliseconds have passed. Backends without one (Windows, which locks the
+  // volumes in prepareForChange) return true.
+  virtual bool lockExclusive(unsigned /*waitMilliseconds*/) { return true; }
+  virtual void unlockExclusive() {}
 };
 
 // True where the running system names volumes by drive letters.

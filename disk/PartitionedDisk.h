@@ -165,6 +165,9 @@ class PartitionedDisk {
   virtual void clearActive(PartitionNode& node);
   virtual void setType(PartitionNode& node, uint8_t type);  // hide and unhide
 
+  // The layout the tables hold, as the system is told it after a change.
+  virtual OsLayout osLayout() const = 0;
+
   const std::string& lastWarning() const { return lastWarning_; }
 
  protected:

@@ -12,6 +12,7 @@
 #include <winioctl.h>
 #else
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -127,6 +128,11 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool quickOnly) {
   return DeviceIoControl(static_cast<HANDLE>(handle_), FSCTL_SET_ZERO_DATA, &range, sizeof range, nullptr, 0,
                          &returned, nullptr) != 0;
 }
+
+// Windows locks the volumes of a disk it changes (prepareForChange); an image file has no
+// advisory lock of its own there.
+bool FileIo::lockExclusive(unsigned) { return true; }
+void FileIo::unlock() {}
 
 void FileIo::sync() {
   if (writable_ && !FlushFileBuffers(static_cast<HANDLE>(handle_)))
@@ -282,6 +288,18 @@ bool FileIo::zeroRange(uint64_t offset, uint64_t bytes, bool /*quickOnly*/) {
 #endif
   return false;
 }
+
+bool FileIo::lockExclusive(unsigned waitMilliseconds) {
+  // Polled, so that the wait has a limit and Ctrl-C is not held up by a blocking call.
+  for (unsigned waited = 0;; waited += 50) {
+    if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK && errno != EINTR) return true;  // a file system without locks
+    if (waited >= waitMilliseconds) return false;
+    ::usleep(50 * 1000);
+  }
+}
+
+void FileIo::unlock() { ::flock(fd_, LOCK_UN); }
 
 void FileIo::sync() {
   if (writable_ && ::fsync(fd_) != 0)

@@ -46,6 +46,10 @@ class FileIo {
   void sync();
   // Throws the error writeAt would give (WriteProtected) when the file is open read-only.
   void requireWritable() const;
+  // An exclusive advisory lock on the file (flock), tried until waitMilliseconds have passed;
+  // false when another holder kept it. True where there are no such locks.
+  bool lockExclusive(unsigned waitMilliseconds);
+  void unlock();
 
  private:
   void doOpen(const std::string& path, bool tryWrite, Accept accept);

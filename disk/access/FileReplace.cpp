@@ -1,5 +1,7 @@
 #include "disk/access/FileReplace.h"
 
+#include <cstdio>
+
 #include "core/Error.h"
 #include "core/System.h"
 #include "disk/access/FileIo.h"
@@ -26,14 +28,26 @@ Error writeError(const std::string& path, const std::string& step) {
       .with("path", path);
 }
 
-// The temporary file's name: beside the target, so that the rename stays on one volume.
-std::string temporaryName(const std::string& path) { return path + ".kdisk-new"; }
+// A temporary file's name: beside the target, so that the rename stays on one volume, made of
+// the process id and a count. It is created exclusively, so a name taken (or planted) by
+// someone else is never used: the next count is tried.
+std::string temporaryName(const std::string& path) {
+  static unsigned count = 0;
+#if defined(_WIN32)
+  const unsigned long pid = GetCurrentProcessId();
+#else
+  const unsigned long pid = static_cast<unsigned long>(::getpid());
+#endif
+  char tail[48];
+  std::snprintf(tail, sizeof tail, ".kdisk-%lu-%u.tmp", pid, count++);
+  return path + tail;
+}
 
 }  // namespace
 
 std::string readWholeFile(const std::string& path, size_t limit) {
   FileIo file;
-  file.openReadOnly(path);
+  file.openReadOnly(path, FileIo::Accept::RegularFile);  // a FIFO or a device is refused, never waited on
   uint64_t size = file.size();
   if (size > limit)
     throw Error(ErrorId::InvalidArgument, path + " is larger than " + std::to_string(limit) + " bytes")
@@ -47,9 +61,24 @@ std::string readWholeFile(const std::string& path, size_t limit) {
 
 bool fileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
+bool createFileExclusively(const std::string& path) {
+  HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  CloseHandle(h);
+  return true;
+}
+
+bool removeFile(const std::string& path) { return DeleteFileA(path.c_str()) != 0; }
+
 void writeFileDurably(const std::string& path, std::string_view bytes) {
-  const std::string temp = temporaryName(path);
-  HANDLE h = CreateFileA(temp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  std::string temp;
+  HANDLE h = INVALID_HANDLE_VALUE;
+  // CREATE_NEW never opens what is there already (a file or a link); a taken name is retried.
+  for (int attempt = 0; attempt < 16 && h == INVALID_HANDLE_VALUE; ++attempt) {
+    temp = temporaryName(path);
+    h = CreateFileA(temp.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE && GetLastError() != ERROR_FILE_EXISTS) break;
+  }
   if (h == INVALID_HANDLE_VALUE) throw writeError(temp, "cannot create the temporary file");
   DWORD put = 0;
   bool ok = WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &put, nullptr) && put == bytes.size();
@@ -85,14 +114,29 @@ void writeFileDurably(const std::string& path, std::string_view bytes) {
 
 bool fileExists(const std::string& path) {
   struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
+  return ::lstat(path.c_str(), &st) == 0;
 }
 
+bool createFileExclusively(const std::string& path) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
 void writeFileDurably(const std::string& path, std::string_view bytes) {
-  const std::string temp = temporaryName(path);
   struct stat old {};
   const bool existed = ::stat(path.c_str(), &old) == 0;
-  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, existed ? (old.st_mode & 07777) : 0644);
+  // O_EXCL never opens what is there already, a file or a link; a taken name is retried.
+  std::string temp;
+  int fd = -1;
+  for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
+    temp = temporaryName(path);
+    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, existed ? (old.st_mode & 07777) : 0644);
+    if (fd < 0 && errno != EEXIST) break;
+  }
   if (fd < 0) throw writeError(temp, "cannot create the temporary file");
   std::string step;
   size_t done = 0;

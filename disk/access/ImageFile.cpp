@@ -56,6 +56,8 @@ class RawImageAccess : public DiskDriveAccess {
     file_.readMediumAt(first * 512, buffer, static_cast<size_t>(count) * 512);
   }
   void requireWritable() const override { file_.requireWritable(); }
+  bool lockExclusive(unsigned waitMilliseconds) override { return file_.lockExclusive(waitMilliseconds); }
+  void unlockExclusive() override { file_.unlock(); }
 
  private:
   FileIo file_;

@@ -18,6 +18,7 @@
 #include <linux/falloc.h>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -271,11 +272,66 @@ std::vector<KernelPartition> kernelPartitionsOf(const std::string& sysfs) {
   return parts;
 }
 
+void refuseIfBusy(const std::string& node, dev_t dev, uint64_t first, uint64_t count, bool followShared = true);
+
+// Calls check(loop device node, its device number, range) for every loop device other than
+// `skip` whose backing file `matches`, with the part of image range [first, first + count) that
+// it maps, in its own sectors.
+template <class Match, class Check>
+void forEachLoopOver(const Match& matches, uint64_t first, uint64_t count, const std::string& skip, const Check& check) {
+  for (const std::string& n : listDir("/sys/block")) {
+    if (n.rfind("loop", 0) != 0 || n == skip) continue;
+    const std::string dir = "/sys/block/" + n;
+    std::string backing = readSysfs(dir + "/loop/backing_file");
+    if (backing.empty()) continue;
+    const std::string deleted = " (deleted)";
+    if (backing.size() > deleted.size() && backing.compare(backing.size() - deleted.size(), deleted.size(), deleted) == 0)
+      continue;  // a file that no longer exists is not this image
+    struct stat st {};
+    if (::stat(backing.c_str(), &st) != 0 || !matches(st)) continue;
+    // Image sectors [offset, offset + size) are the loop device's sectors [0, size).
+    const uint64_t offset = readSysfsNumber(dir + "/loop/offset") / 512, size = readSysfsNumber(dir + "/size");
+    const uint64_t end = first + count;
+    if (end <= offset || first >= offset + size) continue;
+    const uint64_t from = first > offset ? first - offset : 0, to = std::min(end - offset, size);
+    unsigned maj = 0, min = 0;
+    if (std::sscanf(readSysfs(dir + "/dev").c_str(), "%u:%u", &maj, &min) != 2) continue;
+    check("/dev/" + n, makedev(maj, min), from, to - from);
+  }
+}
+
+// The other ways to the same sectors of a block device: loop devices over the device node
+// itself, and, for a loop device, the file (or device) behind it and every other loop device
+// over that file. Each is checked as a device of its own.
+void refuseIfSharedBusy(const std::string& node, dev_t dev, const std::string& sys, uint64_t first, uint64_t count) {
+  const std::string self = sys.substr(sys.rfind('/') + 1);
+  auto checkOther = [&](const std::string& other, dev_t otherDev, uint64_t from, uint64_t n) {
+    try {
+      refuseIfBusy(other, otherDev, from, n, false);
+    } catch (const Error& e) {
+      throw Error(ErrorId::InUse, node + " shares its sectors with " + other + " -- " + e.text(), e.properties());
+    }
+  };
+  forEachLoopOver([&](const struct stat& st) { return S_ISBLK(st.st_mode) && st.st_rdev == dev; }, first, count, self,
+                  checkOther);
+  const std::string backing = readSysfs(sys + "/loop/backing_file");
+  struct stat file {};
+  if (backing.empty() || ::stat(backing.c_str(), &file) != 0) return;
+  const uint64_t offset = readSysfsNumber(sys + "/loop/offset") / 512;
+  if (S_ISBLK(file.st_mode)) {
+    checkOther(backing, file.st_rdev, first + offset, count);
+    return;
+  }
+  forEachLoopOver([&](const struct stat& st) { return st.st_dev == file.st_dev && st.st_ino == file.st_ino; },
+                  first + offset, count, self, checkOther);
+}
+
 // Refuses (InUse) a write to sectors [first, first + count) of the block device `node` when
-// the device or a partition of it that overlaps the range is busy. A partition node is busy
-// as a whole. The whole disk counts as held exclusively only when none of its partitions is
-// the holder (a mounted partition claims its disk too).
-void refuseIfBusy(const std::string& node, dev_t dev, uint64_t first, uint64_t count) {
+// the device or a partition of it that overlaps the range is busy, or (followShared) another
+// way to the same sectors is (refuseIfSharedBusy). A partition node is busy as a whole. The
+// whole disk counts as held exclusively only when none of its partitions is the holder (a
+// mounted partition claims its disk too).
+void refuseIfBusy(const std::string& node, dev_t dev, uint64_t first, uint64_t count, bool followShared) {
   const std::string devno = devString(dev);
   const std::string sys = realPath("/sys/dev/block/" + devno);
   if (sys.empty()) return;
@@ -303,6 +359,7 @@ void refuseIfBusy(const std::string& node, dev_t dev, uint64_t first, uint64_t c
     if (fd < 0 && errno == EBUSY) refuseBusy("Disk", node, "it cannot be opened exclusively");
     if (fd >= 0) ::close(fd);
   }
+  if (followShared) refuseIfSharedBusy(node, dev, sys, first, count);
 }
 
 class LinuxBlockDeviceAccess : public DiskDriveAccess {
@@ -424,6 +481,17 @@ class LinuxBlockDeviceAccess : public DiskDriveAccess {
     refuseIfBusy(path_, dev_, firstBlock, blockCount);
   }
 
+  // The lock partitioners and udev take on the whole-disk node.
+  bool lockExclusive(unsigned waitMilliseconds) override {
+    for (unsigned waited = 0;; waited += 50) {
+      if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
+      if (errno != EWOULDBLOCK && errno != EINTR) return true;
+      if (waited >= waitMilliseconds) return false;
+      ::usleep(50 * 1000);
+    }
+  }
+  void unlockExclusive() override { ::flock(fd_, LOCK_UN); }
+
   void setNativePartitionLayout(const OsLayout& layout) override {
     Core::TraceScope scope("setNativePartitionLayout");
     if (sysfs_.empty()) return;
@@ -539,30 +607,16 @@ void refuseIfImageBusy(const std::string& imagePath, uint64_t firstBlock, uint64
   Core::TraceScope scope("prepareForChange");
   struct stat image {};
   if (::stat(imagePath.c_str(), &image) != 0) return;
-  for (const std::string& n : listDir("/sys/block")) {
-    if (n.rfind("loop", 0) != 0) continue;
-    const std::string dir = "/sys/block/" + n;
-    std::string backing = readSysfs(dir + "/loop/backing_file");
-    if (backing.empty()) continue;
-    const std::string deleted = " (deleted)";
-    if (backing.size() > deleted.size() && backing.compare(backing.size() - deleted.size(), deleted.size(), deleted) == 0)
-      continue;  // a file that no longer exists is not this image
-    struct stat st {};
-    if (::stat(backing.c_str(), &st) != 0 || st.st_dev != image.st_dev || st.st_ino != image.st_ino) continue;
-    // Image sectors [offset, offset + size) are the loop device's sectors [0, size).
-    const uint64_t offset = readSysfsNumber(dir + "/loop/offset") / 512, size = readSysfsNumber(dir + "/size");
-    const uint64_t end = firstBlock + blockCount;
-    if (end <= offset || firstBlock >= offset + size) continue;
-    const uint64_t from = firstBlock > offset ? firstBlock - offset : 0, to = std::min(end - offset, size);
-    unsigned maj = 0, min = 0;
-    if (std::sscanf(readSysfs(dir + "/dev").c_str(), "%u:%u", &maj, &min) != 2) continue;
-    try {
-      refuseIfBusy("/dev/" + n, makedev(maj, min), from, to - from);
-    } catch (const Error& e) {
-      throw Error(ErrorId::InUse, "Disk image " + imagePath + " is attached to /dev/" + n + " -- " + e.text(),
-                  e.properties());
-    }
-  }
+  forEachLoopOver([&](const struct stat& st) { return st.st_dev == image.st_dev && st.st_ino == image.st_ino; },
+                  firstBlock, blockCount, std::string(),
+                  [&](const std::string& loop, dev_t loopDev, uint64_t from, uint64_t count) {
+                    try {
+                      refuseIfBusy(loop, loopDev, from, count, false);
+                    } catch (const Error& e) {
+                      throw Error(ErrorId::InUse, "Disk image " + imagePath + " is attached to " + loop + " -- " + e.text(),
+                                  e.properties());
+                    }
+                  });
 }
 
 std::unique_ptr<DiskDriveAccess> openBlockDevice(const std::string& devPath) {

@@ -154,6 +154,16 @@ class FlatVmdkAccess : public DiskDriveAccess {
       if (p.file) LinuxDisks::refuseIfImageBusy(p.file->path(), p.extent.offset + inPiece, n);
     });
   }
+  // The first extent file stands for the disk.
+  bool lockExclusive(unsigned waitMilliseconds) override {
+    for (auto& p : pieces_)
+      if (p.file) return p.file->lockExclusive(waitMilliseconds);
+    return true;
+  }
+  void unlockExclusive() override {
+    for (auto& p : pieces_)
+      if (p.file) return p.file->unlock();
+  }
   void requireWritable() const override {
     for (const auto& p : pieces_) {
       if (!p.file || !p.extent.writable)
@@ -299,6 +309,8 @@ class SparseVmdkAccess : public DiskDriveAccess {
 
   void flush() override { file_.sync(); }
   void requireWritable() const override { file_.requireWritable(); }
+  bool lockExclusive(unsigned waitMilliseconds) override { return file_.lockExclusive(waitMilliseconds); }
+  void unlockExclusive() override { file_.unlock(); }
   // Grains lie anywhere in the file: a loop device over any part of it that is in use makes
   // the whole image busy.
   void prepareForChange(uint64_t, uint64_t) override {

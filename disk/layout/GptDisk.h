@@ -67,7 +67,7 @@ class PartitionedDiskGpt : public PartitionedDisk {
   // are read again from the disk (which may hold either state), and the error is thrown on.
   void commitTables(const GptTableCopy& before);
   // The tables as the system is told them.
-  OsLayout osLayout() const;
+  OsLayout osLayout() const override;
 
   std::vector<std::unique_ptr<PartitionNode>> roots_;
   TableFacts facts_;

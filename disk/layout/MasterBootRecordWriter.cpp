@@ -7,6 +7,7 @@
 #include "core/Error.h"
 #include "core/Trace.h"
 #include "disk/layout/GptFormat.h"
+#include "disk/access/FileIo.h"
 #include "disk/layout/MasterBootCode.h"
 
 namespace Corvo::Disk {
@@ -15,12 +16,22 @@ using Core::Error;
 using Core::ErrorId;
 
 std::vector<uint8_t> readBootCodeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw Error(ErrorId::OpenFailed, "The boot code file cannot be opened").with("path", path);
-  std::vector<uint8_t> code;
-  char c;
-  while (code.size() <= BiosBootRecord::kSize && in.get(c)) code.push_back(static_cast<uint8_t>(c));
-  if (in.bad()) throw Error(ErrorId::OpenFailed, "The boot code file cannot be read").with("path", path);
+  // Only a regular file: a FIFO or a device is refused at once, never waited on.
+  FileIo file;
+  try {
+    file.openReadOnly(path, FileIo::Accept::RegularFile);
+  } catch (const Error& e) {
+    if (e.id() == ErrorId::NotSupported)
+      throw Error(ErrorId::NotSupported, "The boot code file is " + e.property("kind") + ", not a regular file")
+          .with("path", path);
+    throw Error(ErrorId::OpenFailed, "The boot code file cannot be opened").with("path", path);
+  }
+  std::vector<uint8_t> code(static_cast<size_t>(std::min<uint64_t>(file.size(), BiosBootRecord::kSize + 1)));
+  try {
+    if (!code.empty()) code.resize(file.readSome(0, code.data(), code.size()));
+  } catch (const Error&) {
+    throw Error(ErrorId::OpenFailed, "The boot code file cannot be read").with("path", path);
+  }
   if (code.empty()) throw Error(ErrorId::InvalidImage, "The boot code file is empty").with("path", path);
   if (code.size() > BiosBootRecord::kSize)
     throw Error(ErrorId::InvalidImage, "The boot code file is larger than one sector (512 bytes)").with("path", path);

@@ -142,7 +142,7 @@ class MbrDisk : public PartitionedDisk {
   void rewriteHolder(const PartitionNode& node, const std::function<void(BiosBootRecord&)>& edit);
   uint64_t linkCount(const PartitionNodeBiosPartitionContainerEbr& target) const { return target.usedEnd() - target.block(); }
   // The tables as the system is told them.
-  OsLayout osLayout() const;
+  OsLayout osLayout() const override;
 
   std::unique_ptr<PartitionNodeBiosPartitionContainerMaster> master_;
   bool masterValid_ = false;

@@ -1,6 +1,8 @@
 // A partition table model for the front-end tests that records what the commands ask it to
 // change; the drive backend over a byte vector is in tests/support/InMemory.h.
 #pragma once
+#include "core/Config.h"
+#include "support/TestSupport.h"
 #include <cstring>
 #include <memory>
 #include <set>
@@ -56,6 +58,7 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
   const std::vector<std::unique_ptr<Node>>& roots() const override { return roots_; }
   const Corvo::Disk::TableFacts& facts() const override { return facts_; }
   std::vector<Corvo::Disk::RawBootRecord> rawTables() const override { return raw; }
+  Corvo::Disk::OsLayout osLayout() const override { return {}; }
   void reload() override {
     if (failReload) throw Corvo::Core::Error(Corvo::Core::ErrorId::ReadFailed, "reload failed");
     ++reloads;
@@ -120,8 +123,18 @@ class FakeLayout : public Corvo::Disk::PartitionedDisk {
 // Owns the drives behind the fixed disk table for one test; releases the table first.
 class FakeDiskTable {
  public:
-  FakeDiskTable() { Kdisk::releaseFixedDiskTable(); }
-  ~FakeDiskTable() { Kdisk::releaseFixedDiskTable(); }
+  // The table backups of the commands go to a folder of the test's own.
+  FakeDiskTable() {
+    Kdisk::releaseFixedDiskTable();
+    if (!Corvo::Core::Config::has(Corvo::Core::Config::kBackupFolderKey)) {
+      Corvo::Core::Config::set(Corvo::Core::Config::kBackupFolderKey, backups_.path());
+      ownsFolder_ = true;
+    }
+  }
+  ~FakeDiskTable() {
+    Kdisk::releaseFixedDiskTable();
+    if (ownsFolder_) Corvo::Core::Config::unset(Corvo::Core::Config::kBackupFolderKey);
+  }
 
   // Adds an accessible disk and returns its layout (its backend is in lastAccess).
   // blocks counts the disk's own sectors of bytesPerSector bytes.
@@ -151,6 +164,8 @@ class FakeDiskTable {
   MemoryAccess* lastAccess = nullptr;
 
  private:
+  KdiskTest::TempDir backups_;
+  bool ownsFolder_ = false;
   std::vector<std::unique_ptr<Corvo::Disk::DiskDrive>> drives_;
 };
 

@@ -2,6 +2,9 @@
 // failed re-read, a partition in use and the boot disk.
 #include <gtest/gtest.h>
 
+#include "core/Clock.h"
+#include "core/Config.h"
+
 #include <algorithm>
 
 #include "app/CmdCreate.h"
@@ -17,8 +20,15 @@ namespace {
 
 // One memory disk as fixed disk 1, filled with 0x77; questions are asked and answered No.
 struct Fixture {
-  Fixture() { std::fill(access->data.begin(), access->data.end(), 0x77); }
-  ~Fixture() { Corvo::Core::setPromptMode(oldPrompt); }
+  Fixture() {
+    std::fill(access->data.begin(), access->data.end(), 0x77);
+    Corvo::Core::Config::set(Corvo::Core::Config::kBackupFolderKey, backups.path());
+  }
+  ~Fixture() {
+    Corvo::Core::setPromptMode(oldPrompt);
+    Corvo::Core::Config::unset(Corvo::Core::Config::kBackupFolderKey);
+  }
+  KdiskTest::TempDir backups;  // the table backups of the commands
   Corvo::Core::PromptMode oldPrompt = Corvo::Core::setPromptMode(Corvo::Core::pmAsk);
   KdiskTest::FakeDiskTable table;
   KdiskTest::FakeLayout* layout = &table.add(16384);
@@ -87,7 +97,9 @@ TEST(PartitionCommands, DeletingTheOnlyActivePartitionOfTheBootDiskWarns) {
     f.layout->addExtended(4096, 100, 0x85)->active = true;  // an active extended does not count
     EXPECT_TRUE(dos ? Kdisk::deletePrimaryDos(f.disk, n, Corvo::Disk::wmNone, 0) : Kdisk::deleteNonDos(f.disk, n, Corvo::Disk::wmNone, 0));
     EXPECT_EQ(f.cap.sink().infos,
-              "No partitions are set active. Fixed disk 1 will not be startable until a partition is set active\n");
+              "The partition tables of fixed disk 1 are saved in " + f.backups.path() + "/" +
+                  Corvo::Disk::tableBackupFileName("memory", Corvo::Core::currentTime()) +
+                  "\nNo partitions are set active. Fixed disk 1 will not be startable until a partition is set active\n");
   }
 }
 

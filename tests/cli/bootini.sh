@@ -42,7 +42,7 @@ edit() {
   cmp -s "$dir/boot.ini" "$golden/$expected" ||
     fail "$input $*: boot.ini differs from $expected:"$'\n'"$(diff <(od -c "$golden/$expected") <(od -c "$dir/boot.ini"))"
   cmp -s "$dir/boot.ini.bak" "$golden/$input" || fail "$input $*: boot.ini.bak is not the previous file"
-  [ -z "$(find "$dir" -name '*.kdisk-new')" ] || fail "$input $*: a temporary file is left"
+  [ -z "$(find "$dir" -name '*.kdisk-*')" ] || fail "$input $*: a temporary file is left"
   last=$dir
 }
 
@@ -51,6 +51,19 @@ expect_line 'Boot entry 2 added -- multi(0)disk(0)rdisk(0)partition(2)\WINDOWS="
 edit xp.ini xp.add-dat.expected /ADD /D:1 /P:3 "/DESC:Lab: DOS 6.22?"
 start=$(sfdisk -J "$img" | jq '.partitiontable.partitions[] | select(.node | endswith("5")) | .start')
 extract "$img" "$start" 1 | cmp -s - "$last/Lab DOS 6.22.dat" || fail "the .dat file is not the first sector of partition 3"
+# Links planted at the names temporary files could take are never followed or reused.
+dir=$(mktemp -d "$WORK/links-XXXX")
+cp "$golden/several.ini" "$dir/boot.ini"
+printf 'victim\n' >"$dir/victim"
+(
+  for name in boot.ini.kdisk-new boot.ini.bak.kdisk-new; do ln -s victim "$dir/$name"; done
+  for n in 0 1 2 3; do ln -s victim "$dir/boot.ini.kdisk-$BASHPID-$n.tmp"; ln -s victim "$dir/boot.ini.bak.kdisk-$BASHPID-$n.tmp"; done
+  exec "$KDISK" /NOOSDISK /BOOTINI "/INIFILE:$dir/boot.ini" /DEFAULT /ENTRY:4 /TIMEOUT:5 </dev/null >/dev/null 2>&1
+) || fail "planted links: /BOOTINI failed"
+[ "$(cat "$dir/victim")" = victim ] || fail "planted links: a link was followed"
+[ ! -L "$dir/boot.ini" ] && [ ! -L "$dir/boot.ini.bak" ] || fail "planted links: boot.ini or its backup is a link"
+cmp -s "$dir/boot.ini" "$golden/several.default4.expected" || fail "planted links: boot.ini is not the edited file"
+[ "$(find "$dir" -type f -name '*.kdisk-*' | wc -l)" -eq 0 ] || fail "planted links: a temporary file is left"
 edit several.ini several.remove2.expected /REMOVE /ENTRY:2
 expect_line 'Entry 1 "Microsoft Windows 2000 Professional" is now the default' "remove the default"
 edit several.ini several.remove5.expected /REMOVE /ENTRY:5

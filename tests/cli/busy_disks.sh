@@ -17,9 +17,11 @@ dev=$(losetup -f --show -P "$img" 2>/dev/null) || skip "no loop device available
 mnt=$WORK/mnt
 mkdir -p "$mnt"
 swapped=""
+dev2=""
 cleanup() {
   [ -z "$swapped" ] || swapoff "$dev" 2>/dev/null
   mountpoint -q "$mnt" && umount "$mnt"
+  [ -z "$dev2" ] || losetup -d "$dev2"
   losetup -d "$dev"
   rm -rf "$WORK"
 }
@@ -57,6 +59,11 @@ device|/CRE /PRI /SZ:10 /FOR /Q
 image|/CRE /EXT /END
 image|/CRE /PRI /SZ:10
 vmdk|/CRE /EXT /END
+device|/MBR /Y
+device|/MBR /WIPE /Y
+image|/MBR /Y
+image|/MBR /WIPE /Y
+image|/GPT /WIPE /Y
 T
   kd "$img" 1 /STATUS
   expect_rc 0 "a busy disk can still be listed"
@@ -96,5 +103,29 @@ if mount -o ro "${dev}p1" "$mnt" 2>/dev/null; then
   [ "$(count_parts "$img")" -eq 1 ] || fail "no partition after the creation"
 else
   echo "note: cannot mount ext2 here; mounted-partition refusals not checked"
+fi
+
+# The partition mounted through a second loop device over its part of the image file: the
+# whole image's loop device reaches the same sectors, and so does the image itself.
+read -r start size _ <<<"$(part "$img" 1)"
+mkfs.ext2 -q -F "${dev}p1" >/dev/null 2>&1 || fail "mkfs.ext2 on ${dev}p1"
+if dev2=$(losetup -f --show -o $((start * 512)) --sizelimit $((size * 512)) "$img") &&
+  mount -o ro "$dev2" "$mnt" 2>/dev/null; then
+  while IFS='|' read -r target args; do
+    t=$dev
+    [ "$target" = image ] && t=$img
+    # shellcheck disable=SC2086
+    busy "partition mounted through $dev2, $target: $args" "is in use (mounted on $mnt)" "$t" 1 $args
+  done <<'T'
+device|/DEL /P:1 /QWIPE /Y
+device|/DEL /P:1 /Y
+device|/DISKWIPE /Y
+device|/HIDE /P:1
+image|/DEL /P:1 /QWIPE /Y
+image|/DISKWIPE /Y
+T
+  umount "$mnt"
+else
+  echo "note: cannot mount through a second loop device here; shared-sector refusals not checked"
 fi
 finish

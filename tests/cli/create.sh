@@ -193,4 +193,25 @@ for f in "/NTFS /EXT2 83 0"; do
   t=${f% *}; [ "$(part "$img" $n | cut -d' ' -f3)" = "${t##* }" ] || fail "$f: partition type: $(parts "$img")"
 done
 
+# Two processes creating logical drives on one image at once: each holds the disk for the whole
+# command (the other waits or is refused with nothing written), so the chain holds exactly the
+# drives whose command succeeded, and it stays sound.
+img=$WORK/race.img
+truncate -s 128M "$img"
+sfdisk -q "$img" <<<$'label: dos\nstart=2048, type=f'
+ok=0
+for pair in $(seq 20); do
+  for side in a b; do
+    "$KDISK" /NOOSDISK "/ADDDISK=$img" 1 /CRE /LOG /SZ:1 /ALIGN:1MB /Y </dev/null >"$WORK/race.$side" 2>&1 &
+  done
+  for side in a b; do
+    wait -n && ok=$((ok + 1))
+  done
+  grep -h "in use by another program" "$WORK/race.a" "$WORK/race.b" | grep -vxq "Fixed disk 1 is in use by another program" &&
+    fail "pair $pair: refusal worded otherwise"
+done
+table_ok "$img" "concurrent creations"
+[ "$(count_parts "$img")" -eq $((ok + 1)) ] || fail "concurrent creations: $ok succeeded, the table has $(count_parts "$img") entries"
+[ "$ok" -gt 20 ] || fail "concurrent creations: only $ok of 40 succeeded"
+
 finish

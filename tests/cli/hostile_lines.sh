@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Hostile command lines and files named on them: FIFOs and devices as /BATCH: and /DIAG:
-# targets are refused at once, a /DIAG: log that cannot be written says so, a log on an added
+# Hostile command lines and files named on them: FIFOs and devices as /BATCH:, /DIAG:,
+# /REPLACE: and /INIFILE: targets are refused at once, a /DIAG: log that cannot be written says so, a log on an added
 # disk image is refused, a NUL byte ends a batch line, control characters in an unknown switch
 # are shown, not sent, and a very long line of repeated switches is checked in linear time.
 set -u
@@ -48,6 +48,8 @@ done <<'EOT'
 /STATUS /DIAG:@/disk.img|2|Cannot open diagnostic log @/disk.img -- it is fixed disk 1
 1 /CRE /PRI /Y /DIAG:@/link.img|2|Cannot open diagnostic log @/link.img -- it is fixed disk 1
 /BATCH:@/nul.txt|0|2 batch commands completed successfully
+1 /MBR /REPLACE:@/fifo /Y|1|Cannot read boot code file @/fifo -- The boot code file is a FIFO, not a regular file
+/BOOTINI /DEFAULT /TIMEOUT:5 /INIFILE:@/fifo|1|Cannot read boot.ini file @/fifo -- Cannot use @/fifo -- it is a FIFO, not a regular file
 EOT
 
 # The NUL byte ends each line: the words after it never ran, the long tail is not "too long".

@@ -37,5 +37,5 @@ expect_rc 0 "remove"
 cmp -s "$ini" "$golden/xp.ini" || fail "remove: boot.ini is"$'\n'"$(od -c "$ini")"
 cmp -s "$ini.bak" "$golden/xp.add-dat.expected" || fail "remove: boot.ini.bak is not the previous file"
 [ "$(attrib)" = "$attributes" ] || fail "remove: attributes '$attributes' became '$(attrib)'"
-[ -z "$(find "$WORK/c" -name '*.kdisk-new')" ] || fail "a temporary file is left"
+[ -z "$(find "$WORK/c" -name '*.kdisk-*')" ] || fail "a temporary file is left"
 finish

@@ -24,6 +24,7 @@
 #include "disk/DiskDrive.h"
 #include "disk/PartitionedDisk.h"
 #include "disk/Wipe.h"
+#include "disk/TableBackup.h"
 #include "disk/layout/GptDisk.h"
 #include "disk/layout/GptFormat.h"
 #include "filesystem/fat/Fat.h"
@@ -65,9 +66,11 @@ class WriteOrder : public ::testing::Test {
       if (!KdiskTest::haveTool(tool)) GTEST_SKIP() << tool << " is not installed";
   }
 
-  // Runs the change on a recording copy of the image made by the sfdisk script, then checks
-  // every stop point and every crash image against sfdisk's old and new view.
-  void check(const std::string& what, const std::string& script, const std::function<void(PartitionedDisk&)>& change) {
+  // Runs the change on a recording copy of the image made by the sfdisk script (and changed
+  // first by prepare, when given), then checks every stop point and every crash image against
+  // sfdisk's old and new view.
+  void check(const std::string& what, const std::string& script, const std::function<void(PartitionedDisk&)>& change,
+             const std::function<void(PartitionedDisk&)>& prepare = {}) {
     SCOPED_TRACE(what);
     const std::string path = dir_.file("disk.img");
     ASSERT_EQ(KdiskTest::runCommand("rm -f " + path + " && truncate -s 32M " + path), 0);
@@ -86,6 +89,14 @@ class WriteOrder : public ::testing::Test {
         before[at + 510] = 0x55;
         before[at + 511] = 0xAA;
       }
+      writeSparseImage(path, before);
+    }
+    if (prepare) {
+      auto owned = std::make_unique<MemoryAccess>(before);
+      MemoryAccess& mem = *owned;
+      DiskDrive drive(0, std::move(owned));
+      prepare(*PartitionedDisk::load(drive));
+      before = mem.data;
       writeSparseImage(path, before);
     }
     const std::string oldLayout = sfdiskLayout(path);
@@ -359,6 +370,41 @@ TEST_F(WriteOrder, FormatOverAnOldFilesystemIsNeverTakenForIt) {
   }
   ::close(fd);
   EXPECT_EQ(type(work), "vfat");
+}
+
+// A table backup written back: the sectors go back in an order that leaves, at every stop, the
+// changed table or the saved one.
+TEST_F(WriteOrder, RestoredBackupLeavesTheChangedOrTheSavedTable) {
+  const struct {
+    const char* what;
+    const std::string& script;
+    std::function<void(PartitionedDisk&)> change;
+  } cases[] = {
+      {"linked logical", kWithExtended,
+       [](PartitionedDisk& d) {
+         CreationRequest r;
+         r.sizeBlocks = 4096;
+         r.alignment = 2048;
+         d.createLogical(r);
+       }},
+      {"delete extended", kWithExtended, [](PartitionedDisk& d) { d.remove(nth(d, 2)); }},
+      {"delete all", kWithExtended, [](PartitionedDisk& d) { d.removeAll(); }},
+      {"delete GPT entry", kGpt, [](PartitionedDisk& d) { d.remove(nth(d, 1)); }},
+      {"GPT over MBR", kWithExtended, [](PartitionedDisk& d) { initializeGptDisk(d.drive()); }},
+  };
+  for (const auto& c : cases) {
+    TableBackupContents saved;
+    check(
+        c.what, c.script, [&](PartitionedDisk& d) { restoreTableBackup(d.drive(), saved); },
+        [&](PartitionedDisk& d) {
+          TableBackup backup(d, dir_.file("backups"), c.what);
+          {
+            TableBackup::Watch watch(backup);
+            c.change(d);
+          }
+          saved = readTableBackup(backup.file());
+        });
+  }
 }
 
 // blkid's UUID of a filesystem image ("" when it recognises none).

@@ -4,6 +4,8 @@
 FAILS=0
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/kdisk-cli-XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
+# The table backups of writing commands go to the user's state folder: the test's own.
+export XDG_STATE_HOME=$WORK/state
 
 fail() { echo "FAIL: $*" >&2; FAILS=$((FAILS + 1)); }
 finish() {
