@@ -5,14 +5,17 @@
 # from /REPLACE:file, MBR.BIN beside the program or the built-in copy, /WIPE leaving no table
 # that sfdisk or blkid finds, and every refusal leaving the image unchanged.
 set -euo pipefail
-KDISK=${1:?usage: mbr.sh path/to/kdisk}
+KDISK=$(readlink -f "${1:?usage: mbr.sh path/to/kdisk}")
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/lib/partition.bash"
 require_partitioning
 need_tools sha256sum cmp blkid perl
 work=$WORK
+# /REVERT also looks in the current folder: run where no boot code file lies (a build folder
+# has MBR.BIN).
+cd "$work"
 img=$work/disk.img
-committed=${KDISK_SOURCE:-$here/../..}/tools/bootcode/MBR.BIN
+committed=$(readlink -f "${KDISK_SOURCE:-$here/../..}")/tools/bootcode/MBR.BIN
 [ -f "$committed" ] || skip "no MBR.BIN in the source tree ($committed)"
 
 # fresh: a disk with two primaries, an extended partition with two logical drives, disk
