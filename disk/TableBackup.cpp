@@ -29,7 +29,6 @@ using Core::ErrorId;
 namespace {
 
 constexpr const char* kMagic = "KDISK TABLE BACKUP 1";
-constexpr size_t kRecordSize = 8 + 512;
 // A backup holds table sectors, not volumes: more than this many is a damaged file.
 constexpr size_t kMaxSectors = 1u << 16;
 
@@ -64,9 +63,9 @@ bool gptHeaderIn(const uint8_t* sector, GptHeader& out) {
   return true;
 }
 
-void addArray(std::set<uint64_t>& out, const GptHeader& h, uint64_t blocks) {
+void addArray(std::set<uint64_t>& out, const GptHeader& h, uint64_t blocks, uint32_t sectorBytes) {
   const uint64_t bytes = uint64_t{h.entryCount()} * h.entrySize();
-  const uint64_t count = std::min<uint64_t>((bytes + 511) / 512, 1024);
+  const uint64_t count = std::min<uint64_t>((bytes + sectorBytes - 1) / sectorBytes, 1024);
   for (uint64_t b = h.entriesBlock(); b < h.entriesBlock() + count && b < blocks; ++b) out.insert(b);
 }
 
@@ -104,18 +103,19 @@ std::set<uint64_t> tableSectors(const PartitionedDisk& layout) {
     return out;
   }
   // Both headers where they are expected, and where each says the other and its array lie.
-  uint8_t sector[512];
+  std::vector<uint8_t> buffer(layout.drive().bytesPerBlock());
+  uint8_t* sector = buffer.data();
   for (uint64_t at : {uint64_t{1}, blocks - 1}) {
     if (at >= blocks) continue;
     out.insert(at);
     layout.drive().read(at, 1, sector);
     GptHeader h;
     if (!gptHeaderIn(sector, h)) continue;
-    addArray(out, h, blocks);
+    addArray(out, h, blocks, layout.drive().bytesPerBlock());
     if (h.alternateBlock() < blocks && out.insert(h.alternateBlock()).second) {
       layout.drive().read(h.alternateBlock(), 1, sector);
       GptHeader other;
-      if (gptHeaderIn(sector, other)) addArray(out, other, blocks);
+      if (gptHeaderIn(sector, other)) addArray(out, other, blocks, layout.drive().bytesPerBlock());
     }
   }
   return out;
@@ -134,7 +134,6 @@ std::string tableBackupFileName(const std::string& diskPath, int64_t time) {
 TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folder, const std::string& command)
     : drive_(layout.drive()) {
   Core::TraceScope scope("TableBackup");
-  drive_.requireSectorSize();  // the saved sectors are 512 bytes, as every writer's are
   const int64_t now = static_cast<int64_t>(Core::currentTime());
   contents_.time = utcStamp(now, "%Y-%m-%d %H:%M:%S UTC");
   contents_.command = command;
@@ -145,10 +144,11 @@ TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folde
   contents_.model = drive_.model();
   contents_.serial = drive_.serialNumber();
   contents_.blocks = drive_.blockCount();
-  contents_.bytesPerSector = drive_.geometry().bytesPerSector;
+  contents_.bytesPerSector = drive_.bytesPerBlock();
   for (uint64_t b : tableSectors(layout)) {
     SavedSector s;
     s.block = b;
+    s.bytes.resize(drive_.bytesPerBlock());
     drive_.read(b, 1, s.bytes.data());
     contents_.sectors.push_back(s);
     saved_.insert(b);
@@ -192,6 +192,7 @@ void TableBackup::add(uint64_t first, uint64_t count) {
                                             " -- it holds " + std::to_string(kMaxSectors) + " sectors already");
     SavedSector s;
     s.block = b;
+    s.bytes.resize(drive_.bytesPerBlock());
     drive_.read(b, 1, s.bytes.data());
     contents_.sectors.push_back(s);
     saved_.insert(b);
@@ -271,6 +272,9 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
     else if (key == "saved sectors") declared = static_cast<size_t>(number()), haveCount = true;
   }
   const size_t first = headEnd + 2;
+  if (c.bytesPerSector < 512 || c.bytesPerSector > 65536 || (c.bytesPerSector & (c.bytesPerSector - 1)) != 0)
+    throw bad("its sector size is not one a disk has");
+  const size_t kRecordSize = 8 + size_t{c.bytesPerSector};
   if (!haveCount || declared > kMaxSectors || (body - first) != declared * kRecordSize)
     throw bad("the count of saved sectors does not match the file's size");
   std::set<uint64_t> seen;
@@ -279,7 +283,7 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
     SavedSector s;
     s.block = Core::get64(p);
     if (s.block >= c.blocks || !seen.insert(s.block).second) throw bad("sector " + std::to_string(s.block) + " is out of place");
-    std::copy(p + 8, p + kRecordSize, s.bytes.begin());
+    s.bytes.assign(p + 8, p + kRecordSize);
     c.sectors.push_back(s);
   }
   c.tableCount = std::min(tableCount, declared);
@@ -287,7 +291,7 @@ TableBackupContents parseTableBackup(const std::string& bytes) {
 }
 
 TableBackupContents readTableBackup(const std::string& path) {
-  std::string bytes = readWholeFile(path, kMaxSectors * kRecordSize + 65536);
+  std::string bytes = readWholeFile(path, kMaxSectors * (8 + 65536) + 65536);
   try {
     return parseTableBackup(bytes);
   } catch (const Error& e) {
@@ -299,9 +303,9 @@ std::string tableBackupMismatch(const TableBackupContents& b, const DiskDrive& d
   if (b.blocks != drive.blockCount())
     return Core::format("it was saved from a disk of %llu sectors, this one has %llu",
                         static_cast<unsigned long long>(b.blocks), static_cast<unsigned long long>(drive.blockCount()));
-  if (b.bytesPerSector != drive.geometry().bytesPerSector)
+  if (b.bytesPerSector != drive.bytesPerBlock())
     return Core::format("it was saved from a disk of %u-byte sectors, this one has %u-byte sectors", b.bytesPerSector,
-                        drive.geometry().bytesPerSector);
+                        drive.bytesPerBlock());
   if (b.path == drive.path() || Core::sameFile(b.path, drive.path())) return {};
   // The same device under another name: its model and serial number tell.
   if (!b.serial.empty() && b.serial == drive.serialNumber() && b.model == drive.model()) return {};
@@ -315,7 +319,7 @@ std::vector<uint64_t> restoreOrder(const TableBackupContents& backup) {
   for (const SavedSector& s : backup.sectors) {
     GptHeader h;
     if (s.block != 1 || !gptHeaderIn(s.bytes.data(), h)) continue;
-    addArray(primaryArray, h, backup.blocks);
+    addArray(primaryArray, h, backup.blocks, backup.bytesPerSector);
     backupHeader = h.alternateBlock();
   }
   auto rank = [&](uint64_t b) {

@@ -21,7 +21,7 @@ std::set<uint64_t> tableSectors(const PartitionedDisk& layout);
 
 struct SavedSector {
   uint64_t block = 0;
-  std::array<uint8_t, 512> bytes{};
+  std::vector<uint8_t> bytes;  // one sector of the disk
 };
 
 struct TableBackupContents {

@@ -53,7 +53,11 @@ bool isNtfs(const Content& c) {
                            (c.byte(Boot::BytesPerSector.offset) | c.byte(Boot::BytesPerSector.offset + 1) << 8);
   // File records of 1 KB and index buffers of 4 KB, given either as clusters or, when a
   // cluster is larger, as a negative power of two of bytes.
-  const auto bytes = [&](unsigned v) -> uint64_t { return v < 0x80 ? v * cluster : v >= 0xE0 ? uint64_t{1} << (256 - v) : 0; };
+  const auto bytes = [&](unsigned v) -> uint64_t {
+    if (v < 0x80) return v * cluster;
+    const uint64_t b = v >= 0xE0 ? uint64_t{1} << (256 - v) : 0;
+    return b < cluster ? b : 0;
+  };
   return bytes(c.byte(Boot::ClustersPerRecord.offset)) == 1024 && bytes(c.byte(Boot::ClustersPerIndexBlock.offset)) == 4096;
 }
 

@@ -62,9 +62,8 @@ BiosBootRecord composeMasterBootRecord(const BiosBootRecord& current, const std:
 }
 
 DiskIdChange diskIdChange(DiskDrive& drive, const std::vector<uint8_t>& code, DiskIdMode mode) {
-  uint8_t buf[512];
-  drive.read(0, 1, buf);
-  const BiosBootRecord current(true, 4, buf);
+  const std::vector<uint8_t> sector = drive.readSector(0);
+  const BiosBootRecord current(true, 4, sector.data());
   DiskIdChange change;
   change.before = current.hasSignature() ? current.getWindowsNtId() : 0;
   change.after = composeMasterBootRecord(current, code, mode).getWindowsNtId();

@@ -54,7 +54,7 @@ TEST(Status, SizesOnADiskOf4KiBSectors) {
   printDiskStatus(*fixedDisks()[0]);
   auto out = lines(cap.sink().out);
   ASSERT_EQ(out.size(), 6u) << cap.sink().out;
-  EXPECT_EQ(out[1], "   1          1    255       63      100.0MB  Memory disk  (sector size 4096 bytes: read only)");
+  EXPECT_EQ(out[1], "   1          1    255       63      100.0MB  Memory disk");
   EXPECT_EQ(out[5], "        1  83  LINUX                           16.0MB              PRIMARY");
 }
 

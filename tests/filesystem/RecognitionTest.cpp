@@ -24,6 +24,7 @@ void put(Buffer& b, size_t at, const char* text) { std::memcpy(b.data() + at, te
 Buffer ntfs(uint8_t spc, uint8_t record, uint8_t index) {
   Buffer b(kContentBytes, 0);
   put(b, 3, "NTFS    ");
+  b[12] = 2;  // 512 bytes per sector
   b[13] = spc;
   b[64] = record;
   b[68] = index;
