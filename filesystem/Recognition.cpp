@@ -219,7 +219,7 @@ namespace BitLocker {
 constexpr size_t kOem = 3;  // "-FVE-FS-" where a FAT or NTFS boot sector has its OEM name
 }
 namespace Exfat {
-constexpr size_t kOem = 3, kFatOffset = 80, kHeapOffset = 88, kRootCluster = 96, kSectorShift = 108,
+constexpr size_t kOem = 3, kHeapOffset = 88, kRootCluster = 96, kSectorShift = 108,
                  kClusterShift = 109;
 constexpr size_t kEntrySize = 32, kLabelLength = 1, kLabelText = 2, kLabelUnits = 11;
 constexpr uint8_t kEntryEnd = 0x00, kEntryLabel = 0x83;

@@ -96,6 +96,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   for (unsigned s = 0; s < 4; ++s) mbr.clearSlot(s);
   mbr.setProtectiveSlot(0, static_cast<uint32_t>(std::min<uint64_t>(blocks - 1, 0xFFFFFFFFull)));
   mbr.setSignature();
+  std::copy_n(mbr.data(), BiosBootRecord::kSize, sector0.begin());  // the rest of a large sector stays
 
   primary.linkAlternate(&backup);
   for (GptHeader* h : {&primary, &backup}) {
@@ -136,7 +137,7 @@ std::unique_ptr<PartitionedDisk> initializeGptDisk(DiskDrive& drive) {
   step(backup.myBlock(), 1, backupSector.data());
   drive.write(primary.entriesBlock(), arrayBlocks, array.data());
   step(primary.myBlock(), 1, primarySector.data());
-  step(0, 1, mbr.data());
+  step(0, 1, sector0.data());
   for (uint64_t block : stale) drive.write(block, 1, zeros.data());
   if (!stale.empty()) drive.flush();
 
