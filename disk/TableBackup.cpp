@@ -145,14 +145,7 @@ TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folde
   contents_.serial = drive_.serialNumber();
   contents_.blocks = drive_.blockCount();
   contents_.bytesPerSector = drive_.bytesPerBlock();
-  for (uint64_t b : tableSectors(layout)) {
-    SavedSector s;
-    s.block = b;
-    s.bytes.resize(drive_.bytesPerBlock());
-    drive_.read(b, 1, s.bytes.data());
-    contents_.sectors.push_back(s);
-    saved_.insert(b);
-  }
+  for (uint64_t b : tableSectors(layout)) save(b);
   contents_.tableCount = contents_.sectors.size();
   contents_.tableId = tableIdOf(contents_.sectors, layout.scheme() == PartitionScheme::Gpt);
 
@@ -181,6 +174,11 @@ TableBackup::TableBackup(const PartitionedDisk& layout, const std::string& folde
 
 TableBackup::~TableBackup() = default;
 
+void TableBackup::save(uint64_t block) {
+  contents_.sectors.push_back({block, drive_.readSector(block)});
+  saved_.insert(block);
+}
+
 void TableBackup::store() { writeFileDurably(file_, serializeTableBackup(contents_)); }
 
 void TableBackup::add(uint64_t first, uint64_t count) {
@@ -190,12 +188,7 @@ void TableBackup::add(uint64_t first, uint64_t count) {
     if (saved_.size() >= kMaxSectors)
       throw Error(ErrorId::WriteFailed, "Cannot add sector " + std::to_string(b) + " to the backup " + file_ +
                                             " -- it holds " + std::to_string(kMaxSectors) + " sectors already");
-    SavedSector s;
-    s.block = b;
-    s.bytes.resize(drive_.bytesPerBlock());
-    drive_.read(b, 1, s.bytes.data());
-    contents_.sectors.push_back(s);
-    saved_.insert(b);
+    save(b);
     added = true;
   }
   if (added) store();

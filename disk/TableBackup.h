@@ -66,6 +66,8 @@ class TableBackup {
 
  private:
   void add(uint64_t first, uint64_t count);
+  // Reads one sector of the disk into the backup as it is now.
+  void save(uint64_t block);
   void store();
   DiskDrive& drive_;
   std::string file_;
